@@ -1,0 +1,95 @@
+// The handlers of the table methods: a worker for each pattern, a line for each method.
+#include "ravod_db.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "ravo_records.h"
+#include "ravod_db_conn_client_handler.h"
+#include "ravod_db_event_handler.h"
+#include "ravod_db_handler.h"
+#include "ravod_db_list_handler.h"
+
+namespace {
+
+int refuse(zb_io* io) {
+    zb_io_free(io);
+    return -1;
+}
+
+// Ends a request: an empty reply when the store took it; no reply, and io released, when not.
+int acknowledge(zb_io* io, int status) {
+    if (status != 0) return refuse(io);
+    zb_io_realloc(io, 0);
+    zb_reply(io);
+    return 0;
+}
+
+// Copies the request's record out of the buffer. False: the request is shorter than the record.
+template <class Record>
+bool read_record(zb_io* io, Record& record) {
+    size_t length = 0;
+    const void* payload = zb_io_read(io, &length);
+    if (payload == nullptr || length < sizeof record) return false;
+    memcpy(&record, payload, sizeof record);
+    return true;
+}
+
+// An insert or a delete: the store function says which record the request is.
+template <class Record>
+int do_write(zb_io* io, int (*store)(Record*)) {
+    Record record;
+    if (!read_record(io, record)) return refuse(io);
+    return acknowledge(io, store(&record));
+}
+
+// Replies with a query's header as it lies in memory and its rows, and releases both. A reply that
+// cannot be built is no reply.
+template <class Query>
+int reply_rows(zb_io* io, Query* result) {
+    zb_io_realloc(io, 0);
+    bool built = zb_io_write(io, result, sizeof *result) == 0;
+    if (built && result->count != 0) {
+        built = zb_io_write(io, result->data, result->count * sizeof *result->data) == 0;
+    }
+    free(result->data);
+    free(result);
+    if (!built) return refuse(io);
+    zb_reply(io);
+    return 0;
+}
+
+template <class Query>
+int do_query(zb_io* io, int (*select)(db_query_cond*, Query**)) {
+    db_query_cond cond;
+    if (!read_record(io, cond)) return refuse(io);
+    auto* result = static_cast<Query*>(calloc(1, sizeof(Query)));
+    if (result == nullptr) return refuse(io);
+    // Deliberate: a refused query leaks its 24-byte header.
+    if (select(&cond, &result) != 0) return refuse(io);
+    return reply_rows(io, result);
+}
+
+}  // namespace
+
+int db_conn_insert_handler(zb_io* io) { return do_write(io, insert_conn_server_log); }
+int db_conn_server_log_query_handler(zb_io* io) { return do_query(io, select_conn_server_log); }
+int db_conn_server_clean_handler(zb_io* io) { return acknowledge(io, clean_conn_server_log()); }
+int db_conn_server_delete_handler(zb_io* io) { return do_write(io, delete_conn_server_log); }
+
+int db_conn_client_log_insert_handler(zb_io* io) { return do_write(io, insert_conn_client_log); }
+int db_conn_client_log_query_handler(zb_io* io) { return do_query(io, select_conn_client_log); }
+int db_conn_client_clean_handler(zb_io* io) { return acknowledge(io, clean_conn_client_log()); }
+int db_conn_client_delete_handler(zb_io* io) { return do_write(io, delete_conn_client_log); }
+
+// An event's content is never looked at, so a request of any length will do.
+int db_event_insert_handler(zb_io* io) {
+    db_event_data event = {};
+    return acknowledge(io, insert_event_data(&event));
+}
+int db_event_query_handler(zb_io* io) { return do_query(io, select_event_data); }
+
+int db_server_list_insert_handler(zb_io* io) { return do_write(io, insert_server_list); }
+int db_server_list_query_handler(zb_io* io) { return do_query(io, select_server_list); }
+int db_server_list_delete_handler(zb_io* io) { return do_write(io, delete_server_list); }
+int db_server_list_clean_handler(zb_io* io) { return acknowledge(io, clean_server_list()); }

@@ -1,0 +1,622 @@
+// The machinery that every table module shares: statement texts, guarded execution, paging.
+//
+// A module declares its columns once and owns one table<row>. Below the thin template stand plain
+// functions over table_state, the module's private state. Statements are plain SQL text run through
+// sqlite3_exec. What holds for all of them:
+//
+// 1. Guarded execution: a closed connection is opened, the statement runs, and a failure is logged
+//    and closes the connection, so that the next statement starts on a fresh one. A reopened
+//    connection runs no PRAGMA and no CREATE, so a temporary table is gone from then on.
+// 2. Insert, delete, clean, optimize and finish report nothing to their caller; the log is the only
+//    witness.
+// 3. Log lines carry the name of the public operation that asked, handed down as a call_site.
+// 4. Requests come one at a time, so nothing is locked. Any lock on the database file that another
+//    program holds is waited for at most busy_timeout_ms; then the statement fails.
+#ifndef TABLE_STORE_H
+#define TABLE_STORE_H
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <span>
+#include <string_view>
+#include <type_traits>
+
+#include "ravo_log.h"
+#include "ravo_records.h"
+
+// --- Bounds -------------------------------------------------------------------------------------
+
+inline constexpr char database_path[] = "/etc/config/ravo/ravo.db";
+inline constexpr int64_t row_cap = 101999;  // rows after any insert, at most
+inline constexpr int64_t trim_rows = 2000;  // oldest rows that go when the cap is passed
+inline constexpr int64_t visible_rows =
+    100000;                                     // newest rows that a query sees, page and total cap
+inline constexpr int busy_timeout_ms = 500;     // waiting for another program's lock
+inline constexpr size_t statement_size = 4096;  // bytes of a statement buffer, its NUL included
+inline constexpr size_t field_cap = 128;        // column names that a module can hold
+inline constexpr size_t field_name_size = 40;   // bytes of a column name, its NUL included
+
+// A filter's column is the caller's text, so its statement is fenced in (see filter_fence).
+inline constexpr std::chrono::seconds filter_budget{5};  // no caller waits for longer
+inline constexpr int filter_check_steps = 100;           // SQLite's instructions between two looks
+inline constexpr int filter_value_size = 65536;          // bytes of any value that a filter makes
+
+// --- Columns ------------------------------------------------------------------------------------
+
+enum class value_kind { text, int32, int64, uint64 };
+
+template <class Member>
+constexpr value_kind kind_of() {
+    if constexpr (std::is_array_v<Member>) return value_kind::text;
+    if constexpr (std::is_same_v<Member, int32_t>) return value_kind::int32;
+    if constexpr (std::is_same_v<Member, int64_t>) return value_kind::int64;
+    if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
+}
+
+// One column after id, and the field of the row record that fills it.
+struct column {
+    const char* name;
+    value_kind kind;
+    size_t offset;
+    size_t size;
+};
+
+// A record's field as the rest of a column: kind, offset and size come from the member itself.
+#define FIELD(record, member) \
+    kind_of<decltype(record::member)>(), offsetof(record, member), sizeof(record::member)
+
+// How a kind is written in CREATE and, as a conversion, in INSERT and UPDATE.
+struct value_format {
+    const char* sql_type;
+    const char* conversion;
+};
+
+constexpr value_format format_of(value_kind kind) {
+    switch (kind) {
+        case value_kind::text:
+            return {"TEXT", "'%q'"};
+        case value_kind::int32:
+            return {"INTEGER", "%d"};
+        case value_kind::int64:
+            return {"INTEGER", "%ld"};
+        case value_kind::uint64:
+            return {"INTEGER", "%lu"};
+    }
+    return {};
+}
+
+static_assert(sizeof(long) == sizeof(int64_t), "\"%ld\" and \"%lu\" stand for 64 bits");
+
+// --- A module's state ---------------------------------------------------------------------------
+
+struct table_state {
+    // What the module declares.
+    const char* name;
+    bool temporary = false;
+    std::span<const column> columns{};
+
+    // What the operations keep. Private to the module, for the life of the process.
+    sqlite3* __db__ = nullptr;            // null: closed
+    char __db_file[statement_size] = {};  // empty until the first create
+    char __db_table_name_str[statement_size] = {};
+    char __db_create_str[statement_size] = {};  // empty: not yet built
+    char __db_insert_str[statement_size] = {};  // a template: one conversion for each value
+    char __db_delete_str[statement_size] = {};  // grows with each delete and clean, see delete_row
+    char __db_update_str[statement_size] = {};
+    char __db_insert_field[statement_size] = {};
+    char __db_insert_arg[statement_size] = {};
+    char __db_fields[field_cap][field_name_size] = {};  // "id" first; order_by is an index into it
+    int32_t __db_field_index__ = 0;
+    int32_t __is_first_field = 1;  // never set again, so a list built anew starts with a comma
+};
+
+// --- Statement texts ----------------------------------------------------------------------------
+
+struct sqlite_deleter {
+    void operator()(char* text) const { sqlite3_free(text); }
+};
+
+// A statement made by SQLite; null when there was no memory for it.
+using sql_text = std::unique_ptr<char, sqlite_deleter>;
+
+template <class... Args>
+sql_text sql(const char* format, Args... args) {
+    return sql_text(sqlite3_mprintf(format, args...));
+}
+
+// Appends the pieces to a buffer, all of them or, when they do not fit, none.
+template <size_t size>
+bool append(char (&buffer)[size], std::initializer_list<std::string_view> pieces) {
+    size_t end = strlen(buffer);
+    size_t room = size - 1 - end;
+    for (const std::string_view piece : pieces) {
+        if (piece.size() > room) return false;
+        room -= piece.size();
+    }
+    for (const std::string_view piece : pieces) {
+        memcpy(buffer + end, piece.data(), piece.size());
+        end += piece.size();
+    }
+    buffer[end] = '\0';
+    return true;
+}
+
+// Copies a template ("%q", "%d", "%ld", "%lu" and literal text) and calls append_value(out, n) in
+// place of the n-th conversion. There is a value for each conversion, however often a template has
+// grown by repeated creates and deletes.
+template <class AppendValue>
+sql_text expand(const char* form, AppendValue append_value) {
+    sqlite3_str* out = sqlite3_str_new(nullptr);
+    for (size_t n = 0; *form != '\0'; ++n) {
+        const size_t literal = strcspn(form, "%");
+        sqlite3_str_append(out, form, static_cast<int>(literal));
+        form += literal;
+        if (*form == '\0') break;
+        append_value(out, n);
+        form += 1 + strspn(form + 1, "l") + 1;
+    }
+    return sql_text(sqlite3_str_finish(out));
+}
+
+template <class Value>
+Value read_value(const void* record, size_t offset) {
+    Value value;
+    memcpy(&value, static_cast<const char*>(record) + offset, sizeof value);
+    return value;
+}
+
+// Appends a record's field as its column's conversion does. A text is read up to the last byte but
+// one of its array, so that an array without a NUL is cut there.
+inline void append_field(sqlite3_str* out, const column& c, const void* record) {
+    switch (c.kind) {
+        case value_kind::text:
+            sqlite3_str_appendf(out, "%.*q", static_cast<int>(c.size - 1),
+                                static_cast<const char*>(record) + c.offset);
+            break;
+        case value_kind::int32:
+            sqlite3_str_appendf(out, "%d", read_value<int32_t>(record, c.offset));
+            break;
+        case value_kind::int64:
+            sqlite3_str_appendf(out, "%ld", read_value<int64_t>(record, c.offset));
+            break;
+        case value_kind::uint64:
+            sqlite3_str_appendf(out, "%lu", read_value<uint64_t>(record, c.offset));
+            break;
+    }
+}
+
+// --- Connection and guarded execution -----------------------------------------------------------
+
+inline void close_db(table_state& t, const call_site& at) {
+    if (t.__db__ == nullptr) return;
+    log_line(at, "WARN", "close db %p\n", static_cast<void*>(t.__db__));
+    sqlite3_close(t.__db__);
+    t.__db__ = nullptr;
+}
+
+// Opens the connection of a built module if it is closed. After a failure the handle may hold what
+// SQLite has to say about it. Returns SQLite's code.
+inline int open_db(table_state& t) {
+    if (t.__db__ != nullptr || t.__db_file[0] == '\0') return SQLITE_OK;
+    const int rc = sqlite3_open(t.__db_file, &t.__db__);
+    if (rc == SQLITE_OK) sqlite3_busy_timeout(t.__db__, busy_timeout_ms);
+    return rc;
+}
+
+// The first half of guarded execution.
+inline void reopen_db(table_state& t, const call_site& at) {
+    if (open_db(t) == SQLITE_OK) return;
+    log_line(at, "ERROR", "open db failed, %s\n", sqlite3_errmsg(t.__db__));
+    close_db(t, at);
+}
+
+using row_callback = int (*)(void* arg, int num_fields, char** p_fields, char** p_col_names);
+
+// The second half. A connection that could not be opened makes the statement fail like any other.
+// Returns SQLite's code; operations that always succeed ignore it.
+inline int execute(table_state& t, const sql_text& text, const call_site& at,
+                   row_callback on_row = nullptr, void* arg = nullptr) {
+    char* error = nullptr;
+    const int rc = text ? sqlite3_exec(t.__db__, text.get(), on_row, arg, &error) : SQLITE_NOMEM;
+    if (rc != SQLITE_OK) {
+        log_line(at, "ERROR", "sql = %s, err = %s\n", text_or_null(text.get()),
+                 text_or_null(error));
+        close_db(t, at);
+    }
+    sqlite3_free(error);
+    if (rc != SQLITE_OK) log_line(at, "ERROR", "RET = %d\n", rc);
+    return rc;
+}
+
+// Guarded execution whole.
+inline int run(table_state& t, const sql_text& text, const call_site& at,
+               row_callback on_row = nullptr, void* arg = nullptr) {
+    reopen_db(t, at);
+    return execute(t, text, at, on_row, arg);
+}
+
+// A base-10 integer narrowed to 32 bits; -1 for no value.
+inline int32_t parse_int32(const char* text) {
+    return text != nullptr ? static_cast<int32_t>(strtol(text, nullptr, 10)) : -1;
+}
+
+// The row callback of every query for one number. Deliberate: the number is narrowed to 32 bits.
+// Returns -1, which makes the query fail, unless there is exactly one value.
+inline int common_callback(void* p_number, int num_fields, char** p_fields,
+                           char** /*p_col_names*/) {
+    if (num_fields != 1 || p_fields == nullptr || p_fields[0] == nullptr) return -1;
+    *static_cast<int64_t*>(p_number) = parse_int32(p_fields[0]);
+    return 0;
+}
+
+// Runs a query for one number. Returns otherwise when there is no row or the query fails.
+inline int64_t query_number(table_state& t, const sql_text& text, int64_t otherwise,
+                            const call_site& at) {
+    int64_t number = otherwise;
+    (void)run(t, text, at, common_callback, &number);
+    return number;
+}
+
+// --- Create and finish --------------------------------------------------------------------------
+
+inline bool add_field_name(table_state& t, std::string_view name) {
+    const auto index = static_cast<size_t>(t.__db_field_index__);
+    if (index >= field_cap) return false;
+    ++t.__db_field_index__;
+    return append(t.__db_fields[index], {name});
+}
+
+// The first step of a create, when the module is not built: "id" and the heads of the four
+// statements. Deliberate: what finish keeps is appended to, so after a finish the DELETE and UPDATE
+// texts hold their heads twice.
+inline bool add_heads(table_state& t) {
+    const std::string_view name = t.name;
+    t.__db_table_name_str[0] = '\0';
+    t.__db_file[0] = '\0';
+    return add_field_name(t, "id") && append(t.__db_table_name_str, {name}) &&
+           append(t.__db_file, {database_path}) &&
+           append(t.__db_create_str, {t.temporary ? "CREATE TEMPORARY TABLE IF NOT EXISTS "
+                                                  : "CREATE  TABLE IF NOT EXISTS ",
+                                      name, " (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE"}) &&
+           append(t.__db_delete_str, {"DELETE FROM ", name}) &&
+           append(t.__db_update_str, {"UPDATE ", name, " SET "});
+}
+
+inline bool add_column(table_state& t, const column& c) {
+    const value_format format = format_of(c.kind);
+    const std::string_view separator = t.__is_first_field == 1 ? "" : ", ";
+    t.__is_first_field = 0;
+    return add_field_name(t, c.name) &&
+           append(t.__db_create_str, {", ", c.name, " ", format.sql_type}) &&
+           append(t.__db_insert_field, {separator, c.name}) &&
+           append(t.__db_insert_arg, {separator, format.conversion}) &&
+           append(t.__db_update_str, {separator, c.name, " = ", format.conversion});
+}
+
+// Builds the statement texts. Deliberate: only the heads know that they stand already, so each
+// further create appends the columns again. Returns false when something no longer fits.
+inline bool build_statements(table_state& t) {
+    if (t.__db_create_str[0] == '\0' && !add_heads(t)) return false;
+    for (const column& c : t.columns) {
+        if (!add_column(t, c)) return false;
+    }
+    t.__db_insert_str[0] = '\0';
+    return append(t.__db_create_str, {");"}) &&
+           append(t.__db_insert_str, {"INSERT OR REPLACE INTO ", t.name, " (", t.__db_insert_field,
+                                      ") VALUES (", t.__db_insert_arg, ");"});
+}
+
+inline void run_pragmas(table_state& t) {
+    // Deliberate: "ON" is 1, which SQLite calls NORMAL, and without a journal a crash in the middle
+    // of a transaction can cost the database.
+    static constexpr const char* pragmas[] = {
+        "PRAGMA page_size = 2048;",           "PRAGMA synchronous = ON;",
+        "PRAGMA auto_vacuum = FULL;",         "PRAGMA journal_mode = OFF;",
+        "PRAGMA default_cache_size = 10000;", "PRAGMA cache_size = 10000;",
+    };
+    for (const char* pragma : pragmas) {
+        (void)sqlite3_exec(t.__db__, pragma, nullptr, nullptr, nullptr);
+    }
+}
+
+// Returns 0 with the connection left open, or -1 when the database cannot be opened or the CREATE
+// fails.
+inline int create_table(table_state& t, const call_site& at) {
+    const bool built = build_statements(t);
+    if (open_db(t) != SQLITE_OK) {
+        log_line(at, "ERROR", "rc NULL\n");
+        close_db(t, at);
+        return -1;
+    }
+    run_pragmas(t);
+    char* error = nullptr;
+    const int rc =
+        built ? sqlite3_exec(t.__db__, t.__db_create_str, nullptr, nullptr, &error) : SQLITE_TOOBIG;
+    if (rc == SQLITE_OK) return 0;
+    log_line(at, "ERROR", "create db failed: %s\n",
+             built ? text_or_null(error) : "too many columns for the statement buffers");
+    sqlite3_free(error);
+    close_db(t, at);
+    return -1;
+}
+
+// Closes the connection and empties the texts that a create builds from nothing. Returns 0.
+inline int finish_table(table_state& t, const call_site& at) {
+    if (t.__db__ != nullptr) {
+        // Spelled so on purpose: SQLite rejects it, so finish never vacuums.
+        char statement[statement_size];
+        sqlite3_snprintf(sizeof statement, statement, "VACCUM %s", t.__db_table_name_str);
+        (void)sqlite3_exec(t.__db__, statement, nullptr, nullptr, nullptr);
+        close_db(t, at);
+    }
+    if (t.__db_create_str[0] != '\0') {
+        t.__db_create_str[0] = '\0';
+        t.__db_insert_str[0] = '\0';
+        t.__db_insert_field[0] = '\0';
+        t.__db_insert_arg[0] = '\0';
+    }
+    return 0;
+}
+
+// Lets SQLite tidy up and give back memory, on an open connection only. Returns 0.
+inline int optimize_table(table_state& t) {
+    if (t.__db__ == nullptr) return 0;
+    (void)sqlite3_exec(t.__db__, "PRAGMA optimize;", nullptr, nullptr, nullptr);
+    (void)sqlite3_exec(t.__db__, "PRAGMA shrink_memory;", nullptr, nullptr, nullptr);
+    return 0;
+}
+
+// --- Insert, delete, clean ----------------------------------------------------------------------
+
+// The INSERT for one record. When the template names the columns more than once, so do the values.
+inline sql_text insert_statement(const table_state& t, const void* record) {
+    return expand(t.__db_insert_str, [&](sqlite3_str* out, size_t n) {
+        append_field(out, t.columns[n % t.columns.size()], record);
+    });
+}
+
+// The transaction frame of every insert, and the row cap. Returns 0.
+inline int insert_row(table_state& t, const sql_text& insert, const call_site& at) {
+    const char* name = t.__db_table_name_str;
+    (void)run(t, sql("BEGIN TRANSACTION;"), at);
+    (void)run(t, insert, at);
+    const int64_t count = query_number(t, sql("SELECT Count(*) FROM %s;", name), 0, at);
+    if (count > row_cap) {
+        // The inner SELECT needs no order: SQLite walks the ids upwards, so the oldest rows go.
+        (void)run(
+            t,
+            sql("DELETE from %s WHERE id IN (SELECT id from %s LIMIT %ld);", name, name, trim_rows),
+            at);
+    }
+    (void)run(t, sql("END TRANSACTION;"), at);
+    return 0;
+}
+
+// Deliberate: the condition is appended to the module's DELETE text itself and never taken away.
+// From the second delete on the text goes on behind its first statement with something that SQLite
+// rejects: the row goes, and an error is logged. When the buffer is full it stays as it is. Every
+// "%lu" in the text stands for the id. Returns 0.
+inline int delete_row(table_state& t, int64_t id, const call_site& at) {
+    (void)append(t.__db_delete_str, {" WHERE id = %lu;"});
+    (void)run(t,
+              expand(t.__db_delete_str,
+                     [id](sqlite3_str* out, size_t) { sqlite3_str_appendf(out, "%lu", id); }),
+              at);
+    return 0;
+}
+
+// Deliberate: runs the same growing text, unformatted. Before any delete it empties the table;
+// after a delete SQLite rejects it, and after a clean every delete empties the table. Returns 0.
+inline int clean_table(table_state& t, const call_site& at) {
+    (void)append(t.__db_delete_str, {";"});
+    (void)run(t, sql("%s", t.__db_delete_str), at);
+    return 0;
+}
+
+// --- Paged query --------------------------------------------------------------------------------
+
+// Fences in the page statement of a query with a filter, whose column is text from outside that
+// SQLite would run as any SQL: for its lifetime the open connection only reads the module's own
+// table, values stay small, and the statement is interrupted when it takes too long. A denial is a
+// failed statement like any other.
+class filter_fence {
+  public:
+    explicit filter_fence(const table_state& table) : t(table), db(table.__db__) {
+        if (db == nullptr) return;
+        sqlite3_set_authorizer(db, authorize, this);
+        sqlite3_progress_handler(db, filter_check_steps, is_overdue, this);
+        value_size = sqlite3_limit(db, SQLITE_LIMIT_LENGTH, filter_value_size);
+    }
+    ~filter_fence() {
+        if (db == nullptr || t.__db__ != db) return;  // a failed statement has closed it
+        sqlite3_set_authorizer(db, nullptr, nullptr);
+        sqlite3_progress_handler(db, 0, nullptr, nullptr);
+        sqlite3_limit(db, SQLITE_LIMIT_LENGTH, value_size);
+    }
+    filter_fence(const filter_fence&) = delete;
+    filter_fence& operator=(const filter_fence&) = delete;
+
+  private:
+    using clock = std::chrono::steady_clock;
+
+    // database is null where the statement names a table whose columns it does not read.
+    static int authorize(void* arg, int action, const char* table, const char* /*column*/,
+                         const char* database, const char* /*trigger*/) {
+        if (action == SQLITE_SELECT || action == SQLITE_FUNCTION) return SQLITE_OK;
+        if (action != SQLITE_READ) return SQLITE_DENY;
+        const table_state& own = static_cast<const filter_fence*>(arg)->t;
+        const bool is_own =
+            sqlite3_stricmp(table, own.name) == 0 &&
+            (database == nullptr || strcmp(database, own.temporary ? "temp" : "main") == 0);
+        return is_own ? SQLITE_OK : SQLITE_DENY;
+    }
+    static int is_overdue(void* arg) {
+        return clock::now() > static_cast<const filter_fence*>(arg)->end ? 1 : 0;
+    }
+
+    const table_state& t;
+    sqlite3* const db;
+    const clock::time_point end = clock::now() + filter_budget;
+    int value_size = 0;
+};
+
+// The rows of one page as they arrive: a block for free(), and the rows in it.
+struct row_collector {
+    std::span<const column> columns;
+    size_t row_size;
+    char* data;
+    uint64_t count;
+    uint64_t capacity;
+};
+
+inline void read_text(char* array, size_t size, const char* text) {
+    const size_t length = strnlen(text, size - 1);
+    memcpy(array, text, length);
+    array[length] = '\0';
+}
+
+template <class Value>
+void write_value(char* place, Value value) {
+    memcpy(place, &value, sizeof value);
+}
+
+// Fills a record's field from a column's text. No value: -1 or "NULL", cut to its array.
+inline void read_field(const column& c, const char* text, char* record) {
+    char* place = record + c.offset;
+    switch (c.kind) {
+        case value_kind::text:
+            read_text(place, c.size, text != nullptr ? text : "NULL");
+            break;
+        case value_kind::int32:
+            write_value(place, parse_int32(text));
+            break;
+        case value_kind::int64:
+        case value_kind::uint64:
+            write_value<int64_t>(place, text != nullptr ? strtol(text, nullptr, 10) : -1);
+            break;
+    }
+}
+
+// Doubles the block when it is full. False: no memory, and everything is as it was.
+inline bool make_room(row_collector& rows) {
+    if (rows.count < rows.capacity) return true;
+    const uint64_t capacity = rows.capacity == 0 ? 1 : rows.capacity * 2;
+    void* block = reallocarray(rows.data, capacity, rows.row_size);
+    if (block == nullptr) return false;
+    rows.data = static_cast<char*>(block);
+    rows.capacity = capacity;
+    return true;
+}
+
+// Appends one row; a row for which there is no memory is dropped. Returns 0, but ends a statement
+// that delivers more rows than any page has: only a filter's text can make it do so.
+inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
+    auto& rows = *static_cast<row_collector*>(p_data);
+    if (rows.count >= static_cast<uint64_t>(visible_rows)) return -1;
+    if (!make_room(rows)) return 0;
+    const std::span<char*> values(p_fields, static_cast<size_t>(num_fields));
+    const auto value = [&](size_t n) { return n < values.size() ? values[n] : nullptr; };
+    char* record = rows.data + rows.count * rows.row_size;
+    memset(record, 0, rows.row_size);
+    write_value<int64_t>(record, parse_int32(value(0)));  // deliberate: an id is narrowed, too
+    for (size_t n = 0; n < rows.columns.size(); ++n) {
+        read_field(rows.columns[n], value(n + 1), record);
+    }
+    ++rows.count;
+    return 0;
+}
+
+inline bool is_column_index(const table_state& t, int64_t order_by) {
+    return order_by >= 0 && order_by < t.__db_field_index__;
+}
+
+inline const char* direction(int64_t order_style) { return order_style == 0 ? "ASC" : "DESC"; }
+
+// The smallest id among the newest rows that a query sees; -1 when there is none.
+inline int64_t first_visible_id(table_state& t, const call_site& at) {
+    return query_number(
+        t,
+        sql("SELECT id FROM (SELECT * FROM %s ORDER BY id DESC LIMIT %ld) ORDER BY id ASC LIMIT 1;",
+            t.__db_table_name_str, visible_rows),
+        -1, at);
+}
+
+// The filter's text, empty without a filter. Deliberate: the column stands in it unquoted, so an
+// expression works as well as a name.
+inline sql_text filter_text(const db_query_cond& cond) {
+    if (cond.field[0] == '\0' || cond.value[0] == '\0') return sql("");
+    return sql("%.*q = '%.*q' AND", static_cast<int>(sizeof cond.field - 1), cond.field,
+               static_cast<int>(sizeof cond.value - 1), cond.value);
+}
+
+inline void select_page(table_state& t, const db_query_cond& cond, row_collector& rows,
+                        const call_site& at) {
+    const int64_t limit = cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
+    const int64_t first_id = first_visible_id(t, at);
+    const sql_text filter = filter_text(cond);
+    const sql_text page =
+        !filter ? nullptr
+                : sql("SELECT * FROM %s WHERE %s id >= %ld ORDER BY %s %s LIMIT %ld OFFSET %ld;",
+                      t.__db_table_name_str, filter.get(), first_id, t.__db_fields[cond.order_by],
+                      direction(cond.order_style), limit, cond.start);
+    if (!filter || *filter == '\0') {
+        (void)run(t, page, at, select_callback, &rows);
+        return;
+    }
+    reopen_db(t, at);
+    const filter_fence fence(t);
+    (void)execute(t, page, at, select_callback, &rows);
+}
+
+// The rows of the whole table, capped. A count that fails is all bits set.
+inline uint64_t query_total(table_state& t, const call_site& at) {
+    int64_t total = query_number(t, sql("SELECT Count(*) FROM %s;", t.__db_table_name_str), -1, at);
+    if (total > visible_rows) {
+        log_line(at, "WARN", "total_count %ld > maxium %ld, set total_count = %ld\n", total,
+                 visible_rows, visible_rows);
+        total = visible_rows;
+    }
+    return static_cast<uint64_t>(total);
+}
+
+// --- A module -----------------------------------------------------------------------------------
+
+template <class Row>
+struct table {
+    static_assert(offsetof(Row, id) == 0 && sizeof(Row::id) == sizeof(int64_t));
+
+    table_state state;
+
+    int create(const call_site& at) { return create_table(state, at); }
+    int insert(const Row& row, const call_site& at) {
+        return insert_row(state, insert_statement(state, &row), at);
+    }
+    int remove(int64_t id, const call_site& at) { return delete_row(state, id, at); }
+    int clean(const call_site& at) { return clean_table(state, at); }
+    int optimize() { return optimize_table(state); }
+    int finish(const call_site& at) { return finish_table(state, at); }
+
+    // Appends one page to the result, which comes zero-filled, and sets its total. Returns -1, with
+    // nothing done, when order_by is no column; otherwise 0, whatever the statements met.
+    template <class Query>
+    int select(const db_query_cond& cond, Query& result, const call_site& at) {
+        static_assert(std::is_same_v<decltype(result.data), Row*>);
+        if (!is_column_index(state, cond.order_by)) return -1;
+        row_collector rows{state.columns, sizeof(Row), nullptr, result.count, result.count};
+        rows.data = reinterpret_cast<char*>(result.data);
+        select_page(state, cond, rows, at);
+        result.data = reinterpret_cast<Row*>(rows.data);
+        result.count = rows.count;
+        result.total = query_total(state, at);
+        return 0;
+    }
+};
+
+#endif  // TABLE_STORE_H
