@@ -1,0 +1,60 @@
+# Debian packages that this project needs, and the functions that get them. Sourced by ./run and
+# ./test (bash), never executed.
+
+# To build and to try it out.
+build_packages=(
+    g++ cmake ninja-build pkg-config libsqlite3-dev libjansson-dev libcli11-dev libfmt-dev
+    bubblewrap sqlite3 python3
+)
+# What the tests, the benchmarks and the checks of the source need besides.
+test_packages=(
+    clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev libbenchmark-dev mandoc git
+    binutils
+)
+
+# announce WORDS...: a heading, so that a long step is never a silent one.
+announce() { printf '\n==> %s\n' "$*"; }
+
+# die WORDS...: ends the script with a message and status 1.
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+is_installed() {
+    [[ $(dpkg-query --show --showformat='${db:Status-Status}' "$1" 2>/dev/null) == installed ]]
+}
+
+# as_root COMMAND...: runs it as it is for root, through sudo for anybody else.
+as_root() {
+    if [[ $(id -u) == 0 ]]; then "$@"; else sudo "$@"; fi
+}
+
+can_become_root() { [[ $(id -u) == 0 ]] || command -v sudo >/dev/null; }
+
+apt_install() {
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install --yes --no-install-recommends "$@"
+}
+
+# True when apt-get can resolve the packages from the lists that it has now.
+are_known() { apt-get install --simulate --no-install-recommends "$@" >/dev/null 2>&1; }
+
+# install_missing_packages PACKAGE...: installs those that are not there. Does nothing, and needs no
+# rights, when all of them are. Ends the script when it cannot install.
+install_missing_packages() {
+    local package missing=()
+    command -v dpkg-query >/dev/null || die "needs Debian's package tools (dpkg-query is missing)"
+    for package in "$@"; do
+        is_installed "$package" || missing+=("$package")
+    done
+    [[ ${#missing[@]} -gt 0 ]] || return 0
+    announce "Installing packages: ${missing[*]}"
+    can_become_root || die "not root and no sudo here; as root, please run:
+    apt-get update && apt-get install ${missing[*]}"
+    are_known "${missing[@]}" || as_root apt-get update || die "apt-get update failed"
+    # The lists may name versions that the mirror has dropped since, so a failure is tried once more
+    # with fresh ones.
+    apt_install "${missing[@]}" ||
+        { as_root apt-get update && apt_install "${missing[@]}"; } ||
+        die "could not install: ${missing[*]}"
+}
