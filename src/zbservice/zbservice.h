@@ -12,9 +12,9 @@
  *  4. The library starts no threads, blocks no signals, raises no SIGPIPE, retries what a signal
  *     interrupts, and opens every descriptor close-on-exec.
  *  5. Who may talk to whom: root, the own (effective) user, and the members of the group that the
- *     line "group NAME_OR_NUMBER" in /etc/zbservice.conf names, if there is one. An endpoint refuses
- *     all other callers before it reads a byte of theirs; a call refuses an endpoint that anybody
- *     else holds before it sends a byte.
+ *     line "group NAME_OR_NUMBER" in /etc/zbservice.conf names, if there is one. An endpoint
+ * refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that
+ * anybody else holds before it sends a byte.
  *  6. What an endpoint cannot do (create itself, go on serving) is told to the system log (facility
  *     daemon) and, in one line, to standard error. */
 #ifndef ZBSERVICE_H
@@ -30,7 +30,8 @@ extern "C" {
 typedef struct zb_io zb_io;           /* a growable byte buffer: one payload */
 typedef struct zb_service zb_service; /* an endpoint */
 
-/* ---- Errors ----------------------------------------------------------------------------------- */
+/* ---- Errors -----------------------------------------------------------------------------------
+ */
 
 /* The results of zb_call. All failures are negative, so that they cannot be taken for an answer. */
 enum zb_error {
@@ -43,40 +44,43 @@ enum zb_error {
     ZB_ERROR_UNTRUSTED = -5,   /* the address is held by a user whom this process does not trust */
     ZB_ERROR_TOO_LARGE = -6,   /* the request or the reply is over a bound */
     ZB_ERROR_TIMEOUT = -7,     /* no progress for the time allowed */
-    ZB_ERROR_NO_REPLY = -8,    /* the request was not answered: unknown method, failed handler, or the
-                                  endpoint stopped before it came to it */
-    ZB_ERROR_PROTOCOL = -9,    /* one side does not understand the other's frames */
-    ZB_ERROR_BROKEN = -10,     /* the endpoint closed the connection without an answer */
-    ZB_ERROR_BUSY = -11,       /* the endpoint gave the call up: too much at once, or sent too slowly */
-    ZB_ERROR_SYSTEM = -12      /* a system call failed (no descriptors left, ...): errno tells */
+    ZB_ERROR_NO_REPLY = -8, /* the request was not answered: unknown method, failed handler, or the
+                               endpoint stopped before it came to it */
+    ZB_ERROR_PROTOCOL = -9, /* one side does not understand the other's frames */
+    ZB_ERROR_BROKEN = -10,  /* the endpoint closed the connection without an answer */
+    ZB_ERROR_BUSY = -11,  /* the endpoint gave the call up: too much at once, or sent too slowly */
+    ZB_ERROR_SYSTEM = -12 /* a system call failed (no descriptors left, ...): errno tells */
 };
 
 /* The name of a zb_call result in words: static text, never null, also for unknown values. */
-const char *zb_strerror(int error);
+const char* zb_strerror(int error);
 
-/* ---- Payload buffers -------------------------------------------------------------------------- */
+/* ---- Payload buffers --------------------------------------------------------------------------
+ */
 
 /* Returns a new, empty buffer, or NULL when out of memory. The caller releases it with
  * zb_io_free(). */
-zb_io *zb_io_create(void);
+zb_io* zb_io_create(void);
 
 /* Appends length bytes. Returns 0; -1, with the payload as it was, when out of memory or when the
  * payload would pass 1 GiB. data may be NULL when length is 0, and may not lie in io itself. */
-int zb_io_write(zb_io *io, const void *data, size_t length);
+int zb_io_write(zb_io* io, const void* data, size_t length);
 
 /* Returns the start of the whole payload, never NULL for a buffer (NULL for a null one), and its
  * length through length, which may be NULL. A zero byte follows the payload, also the empty one.
  * The memory belongs to the buffer and holds until the next call with that buffer. */
-void *zb_io_read(zb_io *io, size_t *length);
+void* zb_io_read(zb_io* io, size_t* length);
 
 /* Cuts the payload to length bytes or extends it with zero bytes; 0 empties it and gives a large
- * block of memory back. Returns 0; -1, with the payload as it was, under zb_io_write's conditions. */
-int zb_io_realloc(zb_io *io, size_t length);
+ * block of memory back. Returns 0; -1, with the payload as it was, under zb_io_write's conditions.
+ */
+int zb_io_realloc(zb_io* io, size_t length);
 
 /* Releases a buffer. NULL is allowed. */
-void zb_io_free(zb_io *io);
+void zb_io_free(zb_io* io);
 
-/* ---- Calling ---------------------------------------------------------------------------------- */
+/* ---- Calling ----------------------------------------------------------------------------------
+ */
 
 /* Calls a method of an endpoint and waits for its reply.
  *
@@ -91,9 +95,10 @@ void zb_io_free(zb_io *io);
  *
  * Blocks. On a thread that is in zb_start, signal functions run while it waits; a call to the
  * thread's own endpoint can only time out there. Returns 0 or a negative zb_error. */
-int zb_call(const char *path, const char *method, zb_io *io, int timeout_s, int fd);
+int zb_call(const char* path, const char* method, zb_io* io, int timeout_s, int fd);
 
-/* ---- Serving ---------------------------------------------------------------------------------- */
+/* ---- Serving ----------------------------------------------------------------------------------
+ */
 
 /* Handles one request, on the thread that is in zb_start.
  *
@@ -104,7 +109,7 @@ int zb_call(const char *path, const char *method, zb_io *io, int timeout_s, int 
  * fd      the descriptor that came with the request, or -1. It is the entry's, who closes it.
  *
  * An entry that returns without zb_reply() leaves the caller with ZB_ERROR_NO_REPLY, at once. */
-typedef void (*zb_entry)(const char *method, zb_io *io, int fd);
+typedef void (*zb_entry)(const char* method, zb_io* io, int fd);
 
 /* Creates an endpoint: takes the address and lets callers queue there; zb_start() serves them.
  * Signals of zb_signal() that came before run their functions before this returns.
@@ -114,7 +119,7 @@ typedef void (*zb_entry)(const char *method, zb_io *io, int fd);
  * Returns the endpoint, which the caller releases with zb_free(). NULL, with the reason in the
  * system log and on standard error: the address is taken or malformed, entry is null, or the
  * system lacks memory or descriptors. */
-zb_service *zb_create(const char *path, int setting1, int setting2, zb_entry entry);
+zb_service* zb_create(const char* path, int setting1, int setting2, zb_entry entry);
 
 /* Serves: runs the entry for one request after the other, in the order in which they arrived
  * complete. Callers who left before their turn are dropped. Signals that came since zb_create() run
@@ -125,16 +130,16 @@ zb_service *zb_create(const char *path, int setting1, int setting2, zb_entry ent
  * progress) and requests that still waited have been answered with "no reply". May be called again
  * then. Returns -1 when it cannot serve: service is null, already being served, or the system
  * fails. */
-int zb_start(zb_service *service);
+int zb_start(zb_service* service);
 
 /* Makes zb_start() return as soon as the entry that is running, if any, has returned. Before
  * zb_start() it makes the next one return at once. May be called from the entry, from a signal
  * function, from a raw signal handler and from any thread. Returns 0; -1 for NULL. */
-int zb_stop(zb_service *service);
+int zb_stop(zb_service* service);
 
 /* Releases an endpoint and its address; callers who wait there are cut off. Not while it is being
  * served: that is told to the log and does nothing. NULL is allowed. */
-void zb_free(zb_service *service);
+void zb_free(zb_service* service);
 
 /* Answers the request that io brought with io's payload, which moves out: io is empty afterwards.
  * Never blocks; what the caller does not take at once is sent while others are served.
@@ -142,9 +147,10 @@ void zb_free(zb_service *service);
  * Returns 0 when the reply is on its way. -1: io is not the buffer of the request being handled,
  * was answered before, or the reply could not be sent because the caller is gone or too much waits
  * unsent already (that caller gets ZB_ERROR_BUSY). */
-int zb_reply(zb_io *io);
+int zb_reply(zb_io* io);
 
-/* ---- Signals ---------------------------------------------------------------------------------- */
+/* ---- Signals ----------------------------------------------------------------------------------
+ */
 
 typedef void (*zb_signal_fn)(int sig);
 

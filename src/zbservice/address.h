@@ -1,0 +1,20 @@
+// Where an endpoint's path leads: the same on both sides.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+namespace zb {
+
+struct socket_address {
+    sockaddr_un name;
+    socklen_t length;  // exact: an abstract name has no padding
+
+    const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&name); }
+};
+
+// Resolves "@/x/y", or the plain name of a registered service. Returns false for a null, empty or
+// over-long path and for a plain name with a '/' in it.
+bool resolve_address(const char* path, socket_address& address);
+
+}  // namespace zb

@@ -1,0 +1,43 @@
+// Every bound of the bus, in one place. What goes over one is refused or dropped by itself.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace zb {
+
+inline constexpr std::size_t kib = 1024;
+inline constexpr std::size_t mib = 1024 * kib;
+inline constexpr std::size_t gib = 1024 * mib;
+
+// One message.
+inline constexpr std::size_t max_method_bytes = 255;
+inline constexpr std::size_t max_request_bytes = 4 * mib;
+inline constexpr std::size_t max_reply_bytes = gib;  // also of any buffer
+
+// One endpoint. The connections leave most of the usual 1024 descriptors to the program.
+inline constexpr std::size_t max_connections = 256;
+inline constexpr int max_backlog = 256;                        // callers whom the kernel holds
+inline constexpr std::size_t max_unfinished_bytes = 64 * mib;  // requests not started yet
+inline constexpr std::size_t max_unsent_bytes = 2 * gib;       // replies larger than the next
+inline constexpr std::size_t small_reply_bytes = mib;          // bounded by the connections alone
+
+// Time without progress after which a caller is dropped.
+inline constexpr std::chrono::seconds request_stall{5};  // in the middle of its request
+inline constexpr std::chrono::seconds reply_stall{10};   // in the middle of its reply
+
+// A reader that has been at it for less is not dropped to make room for others.
+inline constexpr std::chrono::seconds reply_grace{1};
+
+// How long zb_start goes on sending finished replies after zb_stop.
+inline constexpr std::chrono::seconds flush_stall{2};
+inline constexpr std::chrono::seconds flush_total{10};
+
+// How long an endpoint stops taking connections when there is nothing to take them with.
+inline constexpr std::chrono::milliseconds accept_pause{100};
+
+// What is received or sent at most for one caller before the others have their turn.
+inline constexpr std::size_t receive_bytes = 64 * kib;
+inline constexpr std::size_t send_bytes = 256 * kib;
+
+}  // namespace zb

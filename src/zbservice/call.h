@@ -1,0 +1,11 @@
+// The calling side: one connection, one request, one reply.
+#pragma once
+
+#include "zbservice.h"
+
+namespace zb {
+
+// zb_call() with its arguments checked. Leaves io as it was unless it returns ZB_OK.
+int call(const char* path, const char* method, zb_io& io, int timeout_s, int fd);
+
+}  // namespace zb

@@ -1,0 +1,82 @@
+// One caller's connection, and the table of all of them.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include "bounds.h"
+#include "descriptor.h"
+#include "reply_writer.h"
+#include "request_reader.h"
+#include "zbservice.h"
+
+namespace zb {
+
+using monotonic = std::chrono::steady_clock;
+
+enum class stage : std::uint8_t {
+    closed,
+    reading,  // its request is not complete
+    waiting,  // its request is complete and waits for its turn
+    running,  // the entry has it
+    sending,  // its reply is not sent completely
+};
+
+struct connection {
+    zb_service* service = nullptr;
+    descriptor socket;
+    descriptor passed;  // came with the request; the entry's once that is called
+    stage at = stage::closed;
+    bool polled = false;          // whether the loop's epoll knows it
+    bool answered = false;        // the entry has replied
+    std::uint32_t number = 0;     // counts the uses of the slot, so that an old event finds nobody
+    monotonic::time_point since;  // when it came to its stage of reading or sending
+    monotonic::time_point progressed;
+    request_reader request;
+    zb_io* io = nullptr;  // the entry's buffer, until it is released
+    reply_writer reply;
+    connection* next_waiting = nullptr;
+};
+
+// The slots of all connections. Nothing is allocated when one opens.
+class connection_table {
+  public:
+    connection_table();
+
+    bool is_full() const { return open_count_ == max_connections; }
+
+    // Takes a free slot; there must be one.
+    connection& open(zb_service* service, descriptor&& socket, monotonic::time_point now);
+    void close(connection& c);
+
+    // An event's number for a connection, and the way back: null when it is closed meanwhile.
+    std::uint64_t key(const connection& c) const;
+    connection* find(std::uint64_t key);
+
+    // The oldest connection that may be dropped to make room for another: the one that has waited
+    // longest for the end of its own request, else the one that has read longest at its reply, if
+    // that is long enough. Null: none.
+    connection* most_expendable(monotonic::time_point now);
+    connection* oldest_at(stage at);
+
+    // The reader of a large reply that has taken nothing for longest, if that is long enough.
+    connection* most_stalled_reader(monotonic::time_point now);
+
+    // Memory held by requests that have not started, and by large replies that are not sent.
+    std::size_t unfinished_bytes() const;
+    std::size_t unsent_bytes() const;
+
+    connection* begin() { return slots_.data(); }
+    connection* end() { return slots_.data() + slots_.size(); }
+    const connection* begin() const { return slots_.data(); }
+    const connection* end() const { return slots_.data() + slots_.size(); }
+
+  private:
+    std::array<connection, max_connections> slots_;
+    std::array<std::uint16_t, max_connections> free_;  // the last one is taken next
+    std::size_t open_count_ = 0;
+};
+
+}  // namespace zb

@@ -1,0 +1,45 @@
+// The frames of the bus: a fixed header, then a request's method and payload or a reply's payload.
+//
+//   offset  bytes  content (numbers little-endian)
+//        0      4  "zbus"
+//        4      1  version, 1
+//        5      1  kind: 1 request, 2 reply
+//        6      2  request: length of the method; reply: status
+//        8      8  length of the payload
+//
+// One connection carries one request and one reply, each a single frame.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace zb {
+
+inline constexpr std::size_t header_bytes = 16;
+using header_block = std::array<char, header_bytes>;
+
+enum class frame_kind : std::uint8_t { request = 1, reply = 2 };
+
+// What a reply frame says. All but `replied` come without a payload.
+enum class reply_status : std::uint16_t {
+    replied = 0,
+    no_reply = 1,   // the request was not answered
+    refused = 2,    // the caller is not permitted
+    too_large = 3,  // the request, or its method, is over a bound
+    busy = 4,       // the endpoint gave this caller up
+    malformed = 5,  // not a request frame of this version
+};
+
+struct frame_header {
+    frame_kind kind;
+    std::uint16_t detail;  // request: length of the method; reply: a reply_status
+    std::uint64_t length;  // of the payload
+};
+
+header_block encode_header(const frame_header& header);
+
+// Returns false when the block is not a header of this version and kind.
+bool decode_header(const header_block& block, frame_kind kind, frame_header& header);
+
+}  // namespace zb

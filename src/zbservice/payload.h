@@ -1,0 +1,55 @@
+// The bytes of one payload, and zb_io, the buffer that callers hold.
+#pragma once
+
+#include <cstddef>
+
+namespace zb {
+
+struct connection;
+
+// A growable block that always has a zero byte behind its content. Grows geometrically, so that
+// memory follows the bytes that are there and never a length that somebody only announced.
+class payload {
+  public:
+    payload() = default;
+    payload(payload&& other) noexcept { swap(other); }
+    payload& operator=(payload&& other) noexcept;
+    payload(const payload&) = delete;
+    payload& operator=(const payload&) = delete;
+    ~payload() { clear(); }
+
+    char* data() { return block_ ? block_ : &empty_; }
+    std::size_t size() const { return length_; }
+    std::size_t capacity() const { return capacity_; }
+
+    // Each returns false, with the content as it was, when out of memory or over max_reply_bytes.
+    bool append(const void* data, std::size_t length);
+    bool assign(const void* data, std::size_t length);
+    bool resize(std::size_t length);
+
+    // For receiving in place: makes room behind the content, at least one byte and at most as much
+    // as a content of `limit` bytes needs, and tells how much through `room`. Null: no memory.
+    char* make_room(std::size_t limit, std::size_t& room);
+    void extend(std::size_t received);
+
+    // Empties it; a block that is worth giving back is given back.
+    void reset();
+    void clear();
+    void swap(payload& other) noexcept;
+
+  private:
+    bool reserve(std::size_t length);
+    void set_length(std::size_t length);
+
+    char* block_ = nullptr;
+    std::size_t length_ = 0;
+    std::size_t capacity_ = 0;  // bytes of the block, the zero byte included
+    char empty_ = '\0';
+};
+
+}  // namespace zb
+
+struct zb_io {
+    zb::payload content;
+    zb::connection* request = nullptr;  // whose request this buffer brought; null for a caller's
+};

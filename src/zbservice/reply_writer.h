@@ -1,0 +1,40 @@
+// Sends a reply frame, as much at a time as the caller takes.
+#pragma once
+
+#include <cstddef>
+
+#include "frame.h"
+#include "payload.h"
+
+namespace zb {
+
+enum class write_state { unsent, sent, broken };
+
+class reply_writer {
+  public:
+    // Takes the payload over; nothing is copied.
+    void start(payload&& content);
+    void reset();
+
+    // Sends one piece, of send_bytes at most, without blocking. Unsent: more is left.
+    write_state send(int socket);
+
+    // Gives the reply up and its memory back.
+    void abandon();
+
+    write_state state() const { return state_; }
+    std::size_t size() const { return content_.size(); }
+    std::size_t sent() const { return sent_; }
+
+  private:
+    header_block block_{};
+    payload content_;
+    std::size_t sent_ = 0;  // bytes of header and content
+    write_state state_ = write_state::unsent;
+};
+
+// Sends a reply frame without a payload, if the socket takes it at once: this is for callers who
+// are given up, and none of them is waited for.
+void send_status(int socket, reply_status status);
+
+}  // namespace zb

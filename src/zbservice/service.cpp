@@ -1,0 +1,434 @@
+// An endpoint: its listening socket and the loop that serves it.
+#include "service.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "address.h"
+#include "bounds.h"
+#include "notify.h"
+#include "payload.h"
+#include "peer.h"
+#include "receive.h"
+#include "report.h"
+#include "signals.h"
+
+namespace {
+using zb::connection;
+using zb::monotonic;
+using zb::reply_status;
+using zb::stage;
+
+// Keys of what is not a connection: no slot has so high a number.
+constexpr std::uint64_t listener_key = 0xffffffff;
+constexpr std::uint64_t stop_key = 0xfffffffe;
+constexpr std::uint64_t signal_key = 0xfffffffd;
+
+int milliseconds_until(monotonic::time_point then, monotonic::time_point now) {
+    using std::chrono::ceil;
+    using std::chrono::milliseconds;
+    return static_cast<int>(std::max(ceil<milliseconds>(then - now), milliseconds{0}).count());
+}
+
+// Looks at the caller without taking anything.
+enum class caller_state { waits, gone, sends_more };
+
+caller_state look_at_caller(int socket) {
+    char byte = 0;
+    ssize_t received = -1;
+    do {
+        received = recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+    } while (received < 0 && errno == EINTR);
+    if (received > 0) return caller_state::sends_more;
+    return received < 0 && errno == EAGAIN ? caller_state::waits : caller_state::gone;
+}
+}  // namespace
+
+// ---- The endpoint ------------------------------------------------------------------------------
+
+bool zb_service::listen(const char* path) {
+    zb::socket_address address;
+    if (!zb::resolve_address(path, address)) {
+        zb::report("cannot create endpoint \"%s\": malformed address", path ? path : "(null)");
+        return false;
+    }
+    listener_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    stop_wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!listener_.is_open() || !stop_wake_.is_open() || zb::signal_wake_fd() < 0 ||
+        bind(listener_.get(), address.get(), address.length) != 0 ||
+        ::listen(listener_.get(), zb::max_backlog) != 0) {
+        zb::report("cannot create endpoint \"%s\": %s", path, std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+int zb_service::serve() noexcept {
+    zb::deliver_signals();
+    if (serving_.exchange(true)) return -1;
+    const zb::serving_scope scope;
+    int result = -1;
+    if (open_loop()) {
+        if (!stop_requested_) zb::notify_ready();
+        result = loop();
+    }
+    if (result != 0) zb::report("cannot serve: %s", std::strerror(errno));
+    flush();
+    epoll_.reset();
+    stop_requested_ = false;
+    serving_ = false;
+    return result;
+}
+
+// Only what a raw signal handler may do.
+void zb_service::stop() {
+    const int saved_errno = errno;
+    const std::uint64_t one = 1;
+    stop_requested_ = true;
+    (void)!::write(stop_wake_.get(), &one, sizeof one);
+    errno = saved_errno;
+}
+
+// ---- The loop ----------------------------------------------------------------------------------
+
+bool zb_service::open_loop() {
+    epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+    return epoll_.is_open() && watch(listener_.get(), listener_key, EPOLLIN) &&
+           watch(stop_wake_.get(), stop_key, EPOLLIN) &&
+           watch(zb::signal_wake_fd(), signal_key, EPOLLIN);
+}
+
+bool zb_service::watch(int fd, std::uint64_t key, std::uint32_t events) {
+    epoll_event event = {};
+    event.events = events;
+    event.data.u64 = key;
+    return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+}
+
+// Signals come first in every turn, so their effect is there before the next request runs.
+int zb_service::loop() {
+    while (true) {
+        zb::deliver_signals();
+        if (stop_requested_) return 0;
+        if (connection* c = take_waiting()) run(*c);
+        if (!wait(first_waiting_ || stop_requested_ ? 0 : next_timeout_ms())) return -1;
+        expire();
+    }
+}
+
+bool zb_service::wait(int timeout_ms) {
+    // Room for all there can be: a connection whose event did not fit would seem to have stalled.
+    epoll_event events[zb::max_connections + 3];
+    const int count = epoll_wait(epoll_.get(), events, std::size(events), timeout_ms);
+    if (count < 0 && errno != EINTR) return false;
+    now_ = monotonic::now();
+    for (int i = 0; i < count; ++i) handle(events[i]);
+    return true;
+}
+
+// When a connection that makes no progress is given up.
+monotonic::time_point zb_service::deadline(const connection& c) const {
+    return c.progressed + (c.at == stage::reading ? zb::request_stall : reply_patience_);
+}
+
+// -1, no limit, unless a connection or the listener waits for a moment.
+int zb_service::next_timeout_ms() const {
+    int timeout = paused_ ? milliseconds_until(resume_at_, now_) : -1;
+    if (polled_count_ == 0) return timeout;
+    for (const connection& c : connections_) {
+        if (!c.polled) continue;
+        const int left = milliseconds_until(deadline(c), now_);
+        timeout = timeout < 0 ? left : std::min(timeout, left);
+    }
+    return timeout;
+}
+
+void zb_service::handle(const epoll_event& event) {
+    std::uint64_t count = 0;
+    switch (event.data.u64) {
+        case listener_key:
+            accept_one();
+            return;
+        case stop_key:
+            (void)!::read(stop_wake_.get(), &count, sizeof count);
+            return;
+        case signal_key:
+            zb::drain_signal_wake();
+            return;
+        default:
+            break;
+    }
+    connection* c = connections_.find(event.data.u64);
+    if (!c) return;  // closed by an earlier event of the same wait
+    if (c->at == stage::reading) {
+        read(*c);
+    } else {
+        write(*c);
+    }
+}
+
+// ---- New connections ---------------------------------------------------------------------------
+
+void zb_service::accept_one() {
+    if (connections_.is_full() && !connections_.most_expendable(now_)) {
+        pause_listening();
+        return;
+    }
+    zb::descriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!socket.is_open()) {
+        accept_failed(errno);
+        return;
+    }
+    if (!is_permitted(socket.get())) {
+        zb::send_status(socket.get(), reply_status::refused);
+        return;
+    }
+    if (connections_.is_full()) refuse(*connections_.most_expendable(now_), reply_status::busy);
+    read(connections_.open(this, std::move(socket), now_));
+}
+
+// The caller stays in the kernel's queue when there is nothing to take it with, and the listener
+// stays readable: asking again at once would only spin.
+void zb_service::accept_failed(int error) {
+    if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
+    if (connection* c = connections_.oldest_at(stage::reading)) {
+        refuse(*c, reply_status::busy);
+    } else {
+        pause_listening();
+    }
+}
+
+bool zb_service::is_permitted(int socket) const {
+    return zb::is_root_or_self(socket) || zb::is_member(socket, group_);
+}
+
+void zb_service::pause_listening() {
+    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+    paused_ = true;
+    resume_at_ = now_ + zb::accept_pause;
+}
+
+void zb_service::resume_listening() {
+    paused_ = !watch(listener_.get(), listener_key, EPOLLIN);
+    if (paused_) resume_at_ = now_ + zb::accept_pause;
+}
+
+// ---- Requests ----------------------------------------------------------------------------------
+
+void zb_service::read(connection& c) {
+    const ssize_t received =
+        zb::receive_with_descriptor(c.socket.get(), received_.data(), received_.size(), c.passed);
+    if (received < 0 && errno == EAGAIN) {
+        poll(c, EPOLLIN);
+        return;
+    }
+    if (received <= 0) {
+        drop(c);
+        return;
+    }
+    c.progressed = now_;
+    switch (c.request.feed(received_.data(), static_cast<std::size_t>(received))) {
+        case zb::read_state::incomplete:
+            poll(c, EPOLLIN);
+            bound_unfinished();
+            return;
+        case zb::read_state::complete:
+            enqueue(c);
+            return;
+        case zb::read_state::malformed:
+            refuse(c, reply_status::malformed);
+            return;
+        case zb::read_state::too_large:
+            refuse(c, reply_status::too_large);
+            return;
+        case zb::read_state::out_of_memory:
+            refuse(c, reply_status::busy);
+            return;
+    }
+}
+
+// Unfinished requests that hold too much memory together: the oldest of them goes, one per step of
+// growth, until the rest has room again.
+void zb_service::bound_unfinished() {
+    if (connections_.unfinished_bytes() <= zb::max_unfinished_bytes) return;
+    if (connection* oldest = connections_.oldest_at(stage::reading))
+        refuse(*oldest, reply_status::busy);
+}
+
+void zb_service::enqueue(connection& c) {
+    unpoll(c);
+    c.at = stage::waiting;
+    c.next_waiting = nullptr;
+    (last_waiting_ ? last_waiting_->next_waiting : first_waiting_) = &c;
+    last_waiting_ = &c;
+}
+
+connection* zb_service::take_waiting() {
+    connection* c = first_waiting_;
+    if (!c) return nullptr;
+    first_waiting_ = c->next_waiting;
+    if (!first_waiting_) last_waiting_ = nullptr;
+    return c;
+}
+
+// ---- Running and answering ---------------------------------------------------------------------
+
+void zb_service::run(connection& c) {
+    switch (look_at_caller(c.socket.get())) {
+        case caller_state::waits:
+            break;
+        case caller_state::gone:
+            drop(c);
+            return;
+        case caller_state::sends_more:
+            refuse(c, reply_status::malformed);
+            return;
+    }
+    c.io = new (std::nothrow) zb_io;
+    if (!c.io) {
+        refuse(c, reply_status::busy);
+        return;
+    }
+    c.io->content = std::move(c.request.body());
+    c.io->request = &c;
+    c.at = stage::running;
+    entry_(c.request.method(), c.io, c.passed.release());
+    settle(c);
+}
+
+// The entry has returned: what it left is cleared up, and the caller learns what became of it.
+void zb_service::settle(connection& c) {
+    delete std::exchange(c.io, nullptr);
+    if (!c.answered) {
+        refuse(c, reply_status::no_reply);
+    } else if (c.reply.state() == zb::write_state::sent) {
+        close(c);
+    } else if (c.reply.state() == zb::write_state::broken) {
+        drop(c);
+    } else {
+        now_ = monotonic::now();
+        c.at = stage::sending;
+        c.since = c.progressed = now_;
+        poll(c, EPOLLOUT);
+    }
+}
+
+int zb_service::reply(connection& c) {
+    if (c.answered) return -1;
+    c.answered = true;
+    c.reply.start(std::move(c.io->content));
+    if (!admit_reply(c)) {
+        zb::send_status(c.socket.get(), reply_status::busy);
+        c.reply.abandon();
+        return -1;
+    }
+    return c.reply.send(c.socket.get()) == zb::write_state::broken ? -1 : 0;
+}
+
+// Large replies wait in memory for their readers. When they become too many, readers that have had
+// their time make room; the new reply is given up only when there are none.
+bool zb_service::admit_reply(connection& c) {
+    if (c.reply.size() <= zb::small_reply_bytes) return true;
+    now_ = monotonic::now();
+    while (connections_.unsent_bytes() + c.reply.size() > zb::max_unsent_bytes) {
+        connection* slow = connections_.most_stalled_reader(now_);
+        if (!slow) return false;
+        drop(*slow);
+    }
+    return true;
+}
+
+void zb_service::write(connection& c) {
+    const std::size_t before = c.reply.sent();
+    const zb::write_state state = c.reply.send(c.socket.get());
+    if (c.reply.sent() != before) c.progressed = now_;
+    if (state == zb::write_state::sent) {
+        close(c);
+    } else if (state == zb::write_state::broken) {
+        drop(c);
+    }
+}
+
+// ---- Connections in the loop -------------------------------------------------------------------
+
+void zb_service::poll(connection& c, std::uint32_t events) {
+    if (c.polled) return;
+    if (!watch(c.socket.get(), connections_.key(c), events)) {
+        drop(c);
+        return;
+    }
+    c.polled = true;
+    ++polled_count_;
+}
+
+// Never left to close(): a child of a fork may still hold the socket, and epoll would go on telling
+// of it.
+void zb_service::unpoll(connection& c) {
+    if (!std::exchange(c.polled, false)) return;
+    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.socket.get(), nullptr);
+    --polled_count_;
+}
+
+void zb_service::close(connection& c) {
+    unpoll(c);
+    connections_.close(c);
+    if (paused_) resume_listening();
+}
+
+// Ends the connection for the caller as well, even while a child of a fork holds the socket.
+void zb_service::drop(connection& c) {
+    (void)shutdown(c.socket.get(), SHUT_RDWR);
+    close(c);
+}
+
+void zb_service::refuse(connection& c, reply_status status) {
+    zb::send_status(c.socket.get(), status);
+    drop(c);
+}
+
+void zb_service::expire() {
+    if (paused_ && now_ >= resume_at_) resume_listening();
+    if (polled_count_ == 0) return;
+    for (connection& c : connections_) {
+        if (!c.polled || now_ < deadline(c)) continue;
+        if (c.at == stage::reading) {
+            refuse(c, reply_status::busy);
+        } else {
+            drop(c);
+        }
+    }
+}
+
+// ---- The end -----------------------------------------------------------------------------------
+
+// Sends the replies that are made. Requests that have not started are answered that they will not.
+void zb_service::flush() {
+    (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
+    paused_ = false;
+    reply_patience_ = zb::flush_stall;
+    now_ = monotonic::now();
+    for (connection& c : connections_) {
+        if (c.at == stage::reading || c.at == stage::waiting) refuse(c, reply_status::no_reply);
+        c.progressed = now_;
+    }
+    first_waiting_ = last_waiting_ = nullptr;
+
+    const auto end = now_ + zb::flush_total;
+    while (polled_count_ > 0 && now_ < end) {
+        zb::deliver_signals();
+        if (!wait(std::min(next_timeout_ms(), milliseconds_until(end, now_)))) break;
+        expire();
+    }
+    for (connection& c : connections_) {
+        if (c.at != stage::closed) drop(c);
+    }
+    reply_patience_ = zb::reply_stall;
+}

@@ -1,0 +1,45 @@
+// Waiting for a socket with a bound on the time without progress.
+#include "wait.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include "signals.h"
+
+namespace zb {
+
+patient_wait::patient_wait(std::chrono::seconds patience) : patience_(patience) { restart(); }
+
+void patient_wait::restart() { deadline_ = clock::now() + patience_; }
+
+bool patient_wait::is_over() const { return clock::now() >= deadline_; }
+
+void patient_wait::deliver_signals() {
+    if (delivers_signals_here()) zb::deliver_signals();
+}
+
+short patient_wait::wait(int socket, short events) {
+    while (true) {
+        const bool delivers = delivers_signals_here();
+        pollfd polled[] = {{socket, events, 0}, {delivers ? signal_wake_fd() : -1, POLLIN, 0}};
+        const int count = poll(polled, delivers ? 2 : 1, milliseconds_left());
+        if (count < 0 && errno != EINTR) return POLLERR;  // the socket call that follows says why
+        if (delivers) {
+            if (polled[1].revents != 0) drain_signal_wake();
+            zb::deliver_signals();
+        }
+        if (count > 0 && polled[0].revents != 0) return polled[0].revents;
+        if (is_over()) return 0;
+    }
+}
+
+// Rounded up, so that a wait never ends just before the deadline only to start again.
+int patient_wait::milliseconds_left() const {
+    using std::chrono::ceil;
+    using std::chrono::milliseconds;
+    const auto left = ceil<milliseconds>(deadline_ - clock::now()).count();
+    return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
+}
+
+}  // namespace zb

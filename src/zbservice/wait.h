@@ -1,0 +1,35 @@
+// Waiting for a socket with a bound on the time without progress.
+#pragma once
+
+#include <poll.h>
+
+#include <chrono>
+
+namespace zb {
+
+class patient_wait {
+  public:
+    explicit patient_wait(std::chrono::seconds patience);
+
+    // Progress: the time counts anew.
+    void restart();
+    bool is_over() const;
+
+    // Waits for the events of poll(2). On a serving thread signals are delivered meanwhile. Returns
+    // what poll reports, 0 when the time is over.
+    short wait(int socket, short events);
+
+    // For what can only wait inside a system call: it comes back at least this often, and calls
+    // this in between.
+    static constexpr std::chrono::milliseconds slice{100};
+    void deliver_signals();
+
+  private:
+    using clock = std::chrono::steady_clock;
+    int milliseconds_left() const;
+
+    std::chrono::seconds patience_;
+    clock::time_point deadline_;
+};
+
+}  // namespace zb
