@@ -26,6 +26,7 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
+#pragma GCC visibility push(default)
 
 /* --- Connections made to this device's VPN server ------------------------------------------- */
 
@@ -77,6 +78,7 @@ int delete_server_list(db_delete_cond* cond);
 /* Deletes every entry. */
 int clean_server_list(void);
 
+#pragma GCC visibility pop
 #ifdef __cplusplus
 } /* extern "C" */
 #endif
