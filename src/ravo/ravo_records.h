@@ -20,7 +20,7 @@
 
 /* The layout is the format, so each field's place is checked where the record stands. */
 #ifdef __cplusplus
-#define RAVO_FIELD_SIZE(record, field) sizeof(record::field)
+#define RAVO_FIELD_SIZE(record, field) sizeof(decltype(record::field))
 #else
 #define RAVO_FIELD_SIZE(record, field) sizeof(((record*)0)->field)
 #endif

@@ -35,6 +35,7 @@ void wait_readable(int fd, const std::string& what) {
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> list;
+    list.reserve(texts.size() + 1);
     for (std::string& text : texts) list.push_back(text.data());
     list.push_back(nullptr);
     return list;
@@ -120,7 +121,9 @@ pid_t ready_socket::wait() {
     if (recvmsg(fd, &message, 0) < 0) give_up("recvmsg");
     EXPECT_EQ(std::string(text).substr(0, 7), "READY=1");
     ucred sender = {};
-    memcpy(&sender, CMSG_DATA(CMSG_FIRSTHDR(&message)), sizeof sender);
+    const cmsghdr* credentials = CMSG_FIRSTHDR(&message);
+    if (credentials == nullptr) give_up("no credentials with READY=1");
+    memcpy(&sender, CMSG_DATA(credentials), sizeof sender);
     return sender.pid;
 }
 
