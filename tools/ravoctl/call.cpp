@@ -1,0 +1,124 @@
+// One raw call of a method, for looking at an endpoint by hand.
+#include "call.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "text.h"
+#include "zbservice.h"
+
+namespace {
+
+constexpr size_t largest_request = 4U << 20U;  // bytes that the bus takes
+constexpr size_t longest_method = 255;
+constexpr size_t longest_address = 107;  // bytes after the '@'
+constexpr std::string_view registered_services = "/var/run/zbservice/";
+
+struct file_closer {
+    void operator()(FILE* file) const {
+        if (file != stdin) (void)fclose(file);
+    }
+};
+
+struct io_deleter {
+    void operator()(zb_io* io) const { zb_io_free(io); }
+};
+
+int hex_digit(char c) {
+    if ('0' <= c && c <= '9') return c - '0';
+    if ('a' <= c && c <= 'f') return c - 'a' + 10;
+    if ('A' <= c && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Spaces and newlines between the digits are for the reader.
+std::string from_hex(const std::string& text) {
+    std::string digits;
+    for (const char c : text) {
+        if (c == ' ' || c == '\n') continue;
+        if (hex_digit(c) < 0) {
+            throw usage_error(fmt::format("--hex: \"{}\" is no hexadecimal digit",
+                                          escaped(std::string_view(&c, 1))));
+        }
+        digits += c;
+    }
+    if (digits.size() % 2 != 0) throw usage_error("--hex: the number of digits is odd");
+    std::string bytes;
+    for (size_t i = 0; i < digits.size(); i += 2) {
+        bytes += static_cast<char>(hex_digit(digits[i]) * 16 + hex_digit(digits[i + 1]));
+    }
+    return bytes;
+}
+
+// Stops behind the largest request, so that an endless file is refused, too.
+std::string read_file(const std::string& path) {
+    const std::unique_ptr<FILE, file_closer> file(path == "-" ? stdin : fopen(path.c_str(), "re"));
+    std::string bytes(largest_request + 1, '\0');
+    errno = 0;
+    if (file != nullptr) bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
+    if (file == nullptr || ferror(file.get()) != 0) {
+        throw usage_error(fmt::format("--file: {}: {}", escaped(path), strerror(errno)));
+    }
+    return bytes;
+}
+
+std::string payload_of(const call_request& request) {
+    if (request.text) return *request.text;
+    if (request.hex) return from_hex(*request.hex);
+    if (request.file) return read_file(*request.file);
+    return {};
+}
+
+void check_address(const std::string& endpoint) {
+    const bool is_abstract = endpoint.starts_with('@');
+    const size_t length =
+        is_abstract ? endpoint.size() - 1 : registered_services.size() + endpoint.size();
+    const bool is_name = is_abstract || endpoint.find('/') == std::string::npos;
+    if (is_name && endpoint.size() > (is_abstract ? 1 : 0) && length <= longest_address) return;
+    throw usage_error(
+        fmt::format("--endpoint: \"{}\" is neither \"@ADDRESS\" with at most {} bytes "
+                    "nor the name of a registered service",
+                    escaped(endpoint), longest_address));
+}
+
+void check_method(const std::string& method) {
+    if (!method.empty() && method.size() <= longest_method) return;
+    throw usage_error(fmt::format("a method's name has 1 to {} bytes", longest_method));
+}
+
+void print_reply(std::string_view reply, bool raw) {
+    if (!raw && !is_printable(reply)) {
+        fmt::print("{}", hex_dump(reply));
+        return;
+    }
+    (void)fwrite(reply.data(), 1, reply.size(), stdout);
+    if (!raw && !reply.empty() && !reply.ends_with('\n')) fmt::print("\n");
+}
+
+}  // namespace
+
+exit_status call_method(const call_request& request) {
+    check_address(request.endpoint);
+    check_method(request.method);
+    const std::string payload = payload_of(request);
+    if (payload.size() > largest_request) {
+        throw usage_error(fmt::format("a request has at most {} bytes", largest_request));
+    }
+    const std::unique_ptr<zb_io, io_deleter> io(zb_io_create());
+    if (io == nullptr || zb_io_write(io.get(), payload.data(), payload.size()) != 0) {
+        throw std::bad_alloc();
+    }
+    const int result =
+        zb_call(request.endpoint.c_str(), request.method.c_str(), io.get(), request.timeout_s, -1);
+    if (result != 0) return report_failure(request.endpoint, result);
+    size_t length = 0;
+    const auto* reply = static_cast<const char*>(zb_io_read(io.get(), &length));
+    print_reply({reply, length}, request.raw);
+    return done;
+}

@@ -1,0 +1,159 @@
+// ravoctl: lists and adds the records of a running ravod, and calls methods by hand.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <deque>
+#include <exception>
+
+#include "call.h"
+#include "failure.h"
+#include "list.h"
+#include "text.h"
+
+namespace {
+
+constexpr char exit_status_help[] =
+    "Exit status: 0 done, 1 bad usage or value, 2 no memory or output failed, 3 the daemon is not\n"
+    "reachable, 4 the daemon did not do what was asked.";
+
+// --- Subcommands of a kind of record ------------------------------------------------------------
+
+struct record_command {
+    const record_kind& kind;
+    CLI::App* list = nullptr;
+    CLI::App* add = nullptr;
+    list_request request = {};
+    std::vector<std::string> words = {};
+};
+
+std::string field_help(const record_kind& kind, bool settable_only) {
+    std::string help = "Fields:\n";
+    for (const field& f : kind.fields) {
+        if (settable_only && f.is == meaning::given_by_table) continue;
+        help += fmt::format("  {:<13} {}\n", f.name, description(f));
+    }
+    return help;
+}
+
+void declare_page_options(CLI::App& app, list_request& request) {
+    constexpr int64_t last_page = 1'000'000'000;
+    auto* page = app.add_option("--page", request.page_number, "Page to show, from 1")
+                     ->check(CLI::Range(int64_t{1}, last_page));
+    auto* per_page = app.add_option("--per-page", request.per_page, "Rows on a page")
+                         ->check(CLI::Range(int64_t{1}, largest_page))
+                         ->capture_default_str();
+    auto* start = app.add_option("--start", request.start, "Rows to skip, instead of --page")
+                      ->check(CLI::Range(int64_t{0}, largest_page))
+                      ->excludes(page)
+                      ->excludes(per_page);
+    app.add_option("--count", request.count, "Rows to show, with --start")
+        ->check(CLI::Range(int64_t{0}, largest_page))
+        ->capture_default_str()
+        ->needs(start);
+}
+
+void declare_list_options(CLI::App& app, list_request& request) {
+    app.add_option("--filter", request.filter, "Only rows with this value in this field")
+        ->type_name("FIELD=VALUE");
+    app.add_option("--order", request.order, "Field to sort by")
+        ->type_name("FIELD")
+        ->capture_default_str();
+    app.add_flag("--desc", request.descending, "Largest first");
+    declare_page_options(app, request);
+    auto* json = app.add_flag("--json", request.as_json, "Print a JSON object instead of a table");
+    app.add_flag("--wide", request.wide, "All fields, and texts in full length")->excludes(json);
+}
+
+void declare_record_command(CLI::App& app, record_command& command) {
+    const record_kind& kind = command.kind;
+    command.list = app.add_subcommand(kind.command, fmt::format("List {}", kind.what));
+    declare_list_options(*command.list, command.request);
+    command.list->footer(field_help(kind, false));
+    command.add = command.list->add_subcommand("add", fmt::format("Record one {}", kind.singular));
+    command.add->add_option("fields", command.words, "The fields that are not to be empty or 0")
+        ->type_name("FIELD=VALUE")
+        ->required();
+    command.add->footer(field_help(kind, true));
+}
+
+exit_status run(const record_command& command) {
+    if (command.add->parsed()) return add_record(command.kind, command.words);
+    return list_records(command.kind, command.request);
+}
+
+// --- The call subcommand ------------------------------------------------------------------------
+
+void declare_payload_options(CLI::App& app, call_request& request) {
+    auto* text = app.add_option("--text", request.text, "Send these characters");
+    auto* hex = app.add_option("--hex", request.hex, "Send the bytes that these digits tell");
+    app.add_option("--file", request.file, "Send a file's content; - is standard input")
+        ->type_name("PATH")
+        ->excludes(text)
+        ->excludes(hex);
+    hex->excludes(text);
+}
+
+CLI::App* declare_call(CLI::App& app, call_request& request) {
+    constexpr int longest_timeout = 86400;
+    CLI::App* call = app.add_subcommand("call", "Call a method and print its reply");
+    call->add_option("method", request.method, "Name of the method")->required();
+    call->add_option("--endpoint", request.endpoint, "Address, or name of a registered service")
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    call->add_option("--timeout", request.timeout_s, "Seconds to wait without progress")
+        ->check(CLI::Range(1, longest_timeout))
+        ->capture_default_str();
+    declare_payload_options(*call, request);
+    call->add_flag("--raw", request.raw, "Print the reply byte for byte");
+    return call;
+}
+
+// --- The program --------------------------------------------------------------------------------
+
+exit_status dispatch(int argc, char** argv) {
+    CLI::App app{"Lists and adds the records of a running ravod, and calls its methods."};
+    app.set_version_flag("--version", "ravoctl " RAVO_VERSION);
+    app.require_subcommand(1);
+    app.footer(exit_status_help);
+
+    std::deque<record_command> commands;
+    for (const record_kind& kind : record_kinds()) {
+        declare_record_command(app, commands.emplace_back(record_command{kind}));
+    }
+    call_request request;
+    CLI::App* call = declare_call(app, request);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : bad_usage;
+    }
+    if (call->parsed()) return call_method(request);
+    for (const record_command& command : commands) {
+        if (command.list->parsed()) return run(command);
+    }
+    return bad_usage;
+}
+
+exit_status flush_output(exit_status status) {
+    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    (void)fputs("ravoctl: the output could not be written\n", stderr);
+    return local_error;
+}
+
+exit_status fail(const char* what, exit_status status) {
+    (void)fprintf(stderr, "ravoctl: %s\n", what);
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return flush_output(dispatch(argc, argv));
+    } catch (const usage_error& error) {
+        return fail(error.what(), bad_usage);
+    } catch (const std::exception& error) {
+        return fail(error.what(), local_error);
+    }
+}
