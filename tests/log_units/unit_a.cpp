@@ -1,0 +1,4 @@
+// A source unit that logs.
+#include "log_units/units.h"
+
+call_site place_in_unit_a() { return HERE; }
