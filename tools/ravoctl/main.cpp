@@ -39,15 +39,19 @@ std::string field_help(const record_kind& kind, bool settable_only) {
 void declare_page_options(CLI::App& app, list_request& request) {
     constexpr int64_t last_page = 1'000'000'000;
     auto* page = app.add_option("--page", request.page_number, "Page to show, from 1")
+                     ->type_name("N")
                      ->check(CLI::Range(int64_t{1}, last_page));
     auto* per_page = app.add_option("--per-page", request.per_page, "Rows on a page")
+                         ->type_name("N")
                          ->check(CLI::Range(int64_t{1}, largest_page))
                          ->capture_default_str();
     auto* start = app.add_option("--start", request.start, "Rows to skip, instead of --page")
+                      ->type_name("N")
                       ->check(CLI::Range(int64_t{0}, largest_page))
                       ->excludes(page)
                       ->excludes(per_page);
     app.add_option("--count", request.count, "Rows to show, with --start")
+        ->type_name("N")
         ->check(CLI::Range(int64_t{0}, largest_page))
         ->capture_default_str()
         ->needs(start);
@@ -85,8 +89,9 @@ exit_status run(const record_command& command) {
 // --- The call subcommand ------------------------------------------------------------------------
 
 void declare_payload_options(CLI::App& app, call_request& request) {
-    auto* text = app.add_option("--text", request.text, "Send these characters");
-    auto* hex = app.add_option("--hex", request.hex, "Send the bytes that these digits tell");
+    auto* text = app.add_option("--text", request.text, "Send these characters")->type_name("TEXT");
+    auto* hex = app.add_option("--hex", request.hex, "Send the bytes that these digits tell")
+                    ->type_name("DIGITS");
     app.add_option("--file", request.file, "Send a file's content; - is standard input")
         ->type_name("PATH")
         ->excludes(text)
@@ -102,6 +107,7 @@ CLI::App* declare_call(CLI::App& app, call_request& request) {
         ->type_name("ADDRESS")
         ->capture_default_str();
     call->add_option("--timeout", request.timeout_s, "Seconds to wait without progress")
+        ->type_name("SECONDS")
         ->check(CLI::Range(1, longest_timeout))
         ->capture_default_str();
     declare_payload_options(*call, request);
@@ -114,7 +120,7 @@ CLI::App* declare_call(CLI::App& app, call_request& request) {
 exit_status dispatch(int argc, char** argv) {
     CLI::App app{"Lists and adds the records of a running ravod, and calls its methods."};
     app.set_version_flag("--version", "ravoctl " RAVO_VERSION);
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.footer(exit_status_help);
 
     std::deque<record_command> commands;
@@ -132,6 +138,7 @@ exit_status dispatch(int argc, char** argv) {
     for (const record_command& command : commands) {
         if (command.list->parsed()) return run(command);
     }
+    fmt::print(stderr, "{}", app.help());
     return bad_usage;
 }
 

@@ -56,18 +56,16 @@ void print_line(const std::vector<table_column>& columns, size_t index) {
     fmt::print("{}\n", line);
 }
 
-std::string known_total(const page& rows) {
-    return rows.total == count_failed ? "an unknown number" : fmt::format("{}", rows.total);
-}
-
 void print_footer(const listing& list) {
     const page& rows = list.rows;
-    const char* of = list.is_filtered ? " that match, of " : " of ";
+    const std::string total =
+        rows.total == count_failed ? "an unknown number" : fmt::format("{}", rows.total);
+    // The total counts the whole table, so next to a filter it must not look like the matches.
+    const std::string of = list.is_filtered ? " that match; the table has " : " of ";
     if (rows.count == 0) {
-        fmt::print("no rows{}{}\n", of, known_total(rows));
+        fmt::print("no rows{}{}\n", list.is_filtered ? of : "; the table has ", total);
     } else {
-        fmt::print("rows {}-{}{}{}\n", list.start + 1, list.start + rows.count, of,
-                   known_total(rows));
+        fmt::print("rows {}-{}{}{}\n", list.start + 1, list.start + rows.count, of, total);
     }
 }
 
