@@ -8,7 +8,7 @@
 
 // Weak, because another implementation of the bus may come first in the library path, and that need
 // not have this function.
-extern "C" [[gnu::weak]] const char* zb_strerror(int error);
+#pragma weak zb_strerror
 
 namespace {
 

@@ -128,7 +128,7 @@ void write_value(const field& f, const value& v, char* row) {
     switch (f.kind) {
         case value_kind::text: {
             const auto& text = std::get<std::string>(v);
-            memcpy(row + f.offset, text.data(), text.size());
+            memcpy(row + f.offset, text.c_str(), text.size() + 1);
             break;
         }
         case value_kind::int32:
