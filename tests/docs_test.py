@@ -1,0 +1,232 @@
+#!/usr/bin/python3
+"""Holds the documents against the code: what they state about bytes, names and options is true,
+their links lead somewhere, their manual pages are clean, their example compiles.
+
+Needs mandoc and gcc; without them it fails. Reads the tree, writes nothing into it."""
+import re
+import struct
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+top = Path(__file__).resolve().parent.parent
+wire_format = (top / "docs/wire-format.md").read_text()
+records_header = (top / "src/ravo/ravo_records.h").read_text()
+client_page = top / "packaging/man/ravo_api.3"
+daemon_page = top / "packaging/man/ravod.8"
+
+type_words = {"int32_t": "i32", "int64_t": "i64", "uint64_t": "u64"}
+
+
+def markdown_files():
+    found = subprocess.run(
+        ["find", top, "-name", "build", "-prune", "-o", "-name", ".*", "-type", "d", "-prune",
+         "-o", "-name", "*.md", "-print"], check=True, capture_output=True, text=True)
+    return [Path(line) for line in found.stdout.splitlines()]
+
+
+def without_code(text):
+    text = re.sub(r"^```.*?^```", "", text, flags=re.M | re.S)
+    return re.sub(r"`[^`\n]*`", lambda match: match[0][1:-1] if "](" not in match[0] else "", text)
+
+
+def anchors(path):
+    """The anchors of a page's headings, as a forge's web pages name them."""
+    text = re.sub(r"^```.*?^```", "", path.read_text(), flags=re.M | re.S)
+    headings = re.findall(r"^#+ (.*)$", text, flags=re.M)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+def code_layout():
+    """{record: (size, [(offset, bytes, field, type)])}, from the header."""
+    layout = {}
+    for name, size in re.findall(r"^RAVO_RECORD_SIZE\((\w+), (\d+)\);", records_header, re.M):
+        body = re.search(rf"^typedef struct {name} {{(.*?)^}} {name};", records_header, re.M | re.S)
+        kinds = {}
+        for kind, star, field, array in re.findall(r"(\w+)(\*?) (\w+)(\[\w+\])?;", body[1]):
+            if array:
+                kinds[field] = "text"
+            elif star:
+                kinds[field] = "pointer"
+            else:
+                kinds[field] = type_words.get(kind, "byte")
+        at = rf"^RAVO_FIELD_AT\({name}, (\w+), (\d+), (\d+)\);"
+        fields = [(int(offset), int(count), field, kinds[field])
+                  for field, offset, count in re.findall(at, records_header, re.M)]
+        if not fields:  # A record without a field of its own has one byte.
+            fields = [(0, 1, field, kind) for field, kind in kinds.items()]
+        layout[name] = (int(size), fields)
+    return layout
+
+
+def table_rows(text):
+    rows = re.findall(r"^\| (\d+) \| (\d+) \| (.+?) \| (\w*) ?\|(?: (\d*) ?\|)?$", text, re.M)
+    return [(int(offset), int(count), field.strip("`"), kind, index)
+            for offset, count, field, kind, index in rows]
+
+
+def documented_layout():
+    """{record: (size, [(offset, bytes, field, type, index)])}, gaps included, from the page."""
+    parts = re.split(r"^### `(\w+)`: (\d+) bytes?$", wire_format, flags=re.M)[1:]
+    return {name: (int(size), table_rows(re.split(r"^## ", text, flags=re.M)[0]))
+            for name, size, text in zip(parts[::3], parts[1::3], parts[2::3])}
+
+
+def dumped_payloads():
+    """The bytes of each hexdump in the worked example."""
+    payloads = []
+    for block in re.findall(r"^```\n(0{8}.*?)^```", wire_format, flags=re.M | re.S):
+        data = b""
+        for line in block.splitlines():
+            if line == "*":
+                continue
+            offset, _, rest = line.partition("  ")
+            # A star stands for copies of the line before it.
+            while len(data) < int(offset, 16):
+                data += data[-16:]
+            data += bytes.fromhex(rest.partition("|")[0])
+        payloads.append(data)
+    return payloads
+
+
+def decode(name, data):
+    """The record's fields as the page's own table says, from its bytes."""
+    formats = {"i32": "<i", "i64": "<q", "u64": "<Q"}
+    values = {}
+    for offset, count, field, kind, _ in documented_layout()[name][1]:
+        if kind == "text":
+            values[field] = data[offset:offset + count].split(b"\0")[0].decode()
+        elif kind in formats:
+            values[field] = struct.unpack_from(formats[kind], data, offset)[0]
+    return values
+
+
+class docs(unittest.TestCase):
+    maxDiff = None
+
+    def test_manual_pages_are_clean(self):
+        pages = sorted((top / "packaging/man").iterdir())
+        self.assertIn(daemon_page, pages)
+        for page in pages:
+            with self.subTest(page=page.name):
+                lint = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", page],
+                                      capture_output=True, text=True)
+                self.assertEqual((lint.returncode, lint.stdout), (0, ""))
+
+    def test_relative_links_lead_somewhere(self):
+        pages = markdown_files()
+        self.assertIn(top / "README.md", pages)
+        for page in pages:
+            for link in re.findall(r"\]\(([^)\s]+)\)", without_code(page.read_text())):
+                if re.match(r"\w+:", link):
+                    continue
+                with self.subTest(page=str(page.relative_to(top)), link=link):
+                    path, _, anchor = link.partition("#")
+                    target = page.parent / path if path else page
+                    self.assertTrue(target.exists())
+                    if anchor:
+                        self.assertIn(anchor, anchors(target))
+
+    def test_client_page_example_compiles(self):
+        examples = re.search(r"^\.Sh EXAMPLES$(.*?)^\.Sh ", client_page.read_text(), re.M | re.S)[1]
+        program = re.search(r"^\.Bd -literal$\n(.*?)^\.Ed$", examples, re.M | re.S)[1]
+        program = program.replace("\\e", "\\").replace("\\&", "")
+        self.assertIn("int main(void)", program)
+        with tempfile.TemporaryDirectory() as folder:
+            source = Path(folder) / "example.c"
+            source.write_text(program)
+            built = subprocess.run(
+                ["gcc", "-std=c11", "-pedantic", "-Wall", "-Wextra", "-Werror", "-O2", "-c",
+                 "-I", top / "src/ravo", source, "-o", source.with_suffix(".o")],
+                capture_output=True, text=True)
+            self.assertEqual((built.returncode, built.stderr), (0, ""))
+
+    def test_client_page_has_every_function_of_the_header(self):
+        page = client_page.read_text()
+        header = (top / "src/ravo/ravo_api.h").read_text()
+        declared = re.findall(r"^int (\w+)\(", header, re.M)
+        self.assertTrue(declared)
+        names = re.search(r"^\.Sh NAME$(.*?)^\.Nd ", page, re.M | re.S)[1]
+        synopsis = re.search(r"^\.Sh SYNOPSIS$(.*?)^\.Sh ", page, re.M | re.S)[1]
+        self.assertEqual(re.findall(r"^\.Nm (\w+)", names, re.M), declared)
+        self.assertEqual(re.findall(r"^\.Fn (\w+)", synopsis, re.M), declared)
+
+    def test_daemon_page_has_every_option(self):
+        source = (top / "src/ravo/ravod.cpp").read_text()
+        options = set(re.findall(r'{"(\w+)", (\w+)_argument, nullptr, \'(\w)\'}', source))
+        self.assertTrue(options)
+        listed = re.findall(r"^\.It Fl (\w)( Ar file)? , Fl -(\w+)( Ar file)?$",
+                            daemon_page.read_text(), re.M)
+        for letter, argument, name, long_argument in listed:
+            self.assertEqual(argument, long_argument, name)
+        self.assertEqual({(name, "required" if argument else "no", letter)
+                          for letter, argument, name, _ in listed}, options)
+
+    def test_methods_are_those_registered(self):
+        source = (top / "src/ravo/ravod_handler.cpp").read_text()
+        registered = re.findall(r'^ +list\["(\w+)"\] = ', source, re.M)
+        self.assertTrue(registered)
+        methods = re.search(r"^## Methods$(.*?)^## ", wire_format, re.M | re.S)[1]
+        self.assertEqual(re.findall(r"^\| `(\w+)` \|", methods, re.M), registered)
+
+    def test_records_are_those_of_the_header(self):
+        documented = documented_layout()
+        code = code_layout()
+        headers = {name for name in code if name.endswith("_query")}
+        self.assertTrue(headers)
+        self.assertEqual(set(documented), set(code) - headers)
+        for name, (size, rows) in documented.items():
+            with self.subTest(record=name):
+                fields = [row[:4] for row in rows if row[2] != "(gap)"]
+                self.assertEqual((size, fields), code[name])
+
+    def test_record_tables_leave_no_byte_out(self):
+        for name, (size, rows) in documented_layout().items():
+            with self.subTest(record=name):
+                end = 0
+                for offset, count, *_ in rows:
+                    self.assertEqual(offset, end)
+                    end += count
+                self.assertEqual(end, size)
+
+    def test_column_indexes_count_the_columns_of_the_table(self):
+        units = {"db_conn_server_log": "ravod_db_handler.cpp",
+                 "db_conn_client_log_data": "ravod_db_conn_client_handler.cpp",
+                 "db_server_list_data": "ravod_db_list_handler.cpp"}
+        for record, unit in units.items():
+            with self.subTest(record=record):
+                source = (top / "src/ravo" / unit).read_text()
+                columns = ["id"] + re.findall(r'{"(\w+)", FIELD\(row, \w+\)}', source)
+                rows = documented_layout()[record][1]
+                listed = [(row[2], row[4]) for row in rows if row[2] != "(gap)"]
+                self.assertEqual(listed, [(c, str(n)) for n, c in enumerate(columns)])
+
+    def test_query_header_is_that_of_the_header(self):
+        reply = re.search(r"^## Query reply$(.*?)^## ", wire_format, re.M | re.S)[1]
+        rows = [row[:4] for row in table_rows(reply)]
+        headers = {name: layout for name, layout in code_layout().items()
+                   if name.endswith("_query")}
+        for name, layout in headers.items():
+            with self.subTest(header=name):
+                self.assertEqual((24, rows), layout)
+                self.assertIn(f"`{name}`", reply)
+
+    def test_worked_example_says_what_its_text_says(self):
+        insert, query, reply, delete = dumped_payloads()
+        row = {"id": 0, "username": "alice", "vpn_type": 4, "uptime": 95, "time": 1767225600,
+               "device_info": "linux 2.6.14", "source_ip": "203.0.113.7", "vpn_ip": "10.8.0.6",
+               "tx_rate": 1200, "rx_rate": 800, "tx_total": 114000, "rx_total": 76000,
+               "outgoing": "tun0", "action": 2}
+        self.assertEqual((len(insert), decode("db_conn_server_log", insert)), (5200, row))
+        self.assertEqual((len(query), decode("db_query_cond", query)),
+                         (2088, {"start": 0, "count": 20, "order_by": 4, "order_style": 1,
+                                 "field": "username", "value": "alice"}))
+        self.assertEqual(len(reply), 24 + 5200)
+        self.assertEqual(struct.unpack_from("<QQ", reply), (1, 1))
+        self.assertEqual(decode("db_conn_server_log", reply[24:]), row | {"id": 1})
+        self.assertEqual((len(delete), decode("db_delete_cond", delete)), (8, {"id": 2}))
+
+
+if __name__ == "__main__":
+    unittest.main()
