@@ -46,7 +46,7 @@ strings run_daemon(const std::string& script) {
 
 // The same without what is alike in every run.
 strings run_requests(const std::string& script) {
-    const strings all = run_daemon(script + stop);
+    strings all = run_daemon(script + stop);
     const strings head = {"zb_signal 2", "zb_signal 1", "zb_signal 15",
                           "zb_create @/var/run/ravod.sock 4 1", "zb_start"};
     const strings tail = {"signal 15", "zb_stop", "zb_free"};
@@ -80,7 +80,7 @@ TEST(daemon_on_standin, query_is_answered_with_header_and_rows) {
     EXPECT_EQ(events[5], "entry db_conn_client_log_query");
     EXPECT_EQ(events[6], "zb_io_realloc 0");
     row.id = 1;
-    const std::string reply = events[7];
+    const std::string& reply = events[7];
     EXPECT_EQ(reply.substr(0, 9 + 32),
               "zb_reply " + hex(bytes_of(uint64_t{1})) + hex(bytes_of(uint64_t{1})));
     EXPECT_TRUE(reply.substr(9 + 48) == hex(bytes_of(row))) << "behind the daemon's own pointer";

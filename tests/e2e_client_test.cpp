@@ -609,25 +609,26 @@ TEST_F(e2e_client, descriptor_with_a_request_is_closed_also_for_unknown_names) {
 // --- Callers ------------------------------------------------------------------------------------
 
 TEST_F(e2e_client, many_threads_call_at_once) {
-    constexpr int thread_count = 8;
-    constexpr int rounds = 25;
+    constexpr size_t thread_count = 8;
+    constexpr size_t rounds = 25;
     std::atomic<int> failures = 0;
-    const auto work = [&failures](int number) {
-        for (int n = 0; n < rounds; ++n) {
+    const auto work = [&failures](size_t number) {
+        for (size_t n = 0; n < rounds; ++n) {
             auto row = row_with_text<db_conn_server_log>("thread " + std::to_string(number));
-            row.vpn_type = n;
+            row.vpn_type = static_cast<int32_t>(n);
             if (add_conn_server_log(&row) != 0) ++failures;
             const auto got = read(list_conn_server_log,
                                   filtered("username", "thread " + std::to_string(number)));
-            if (!got || got->rows.size() != static_cast<size_t>(n + 1)) ++failures;
+            if (!got || got->rows.size() != n + 1) ++failures;
             if (call("unknown", "").result != ZB_ERROR_NO_REPLY) ++failures;
         }
     };
     std::vector<std::thread> threads;
-    for (int number = 0; number < thread_count; ++number) threads.emplace_back(work, number);
+    threads.reserve(thread_count);
+    for (size_t number = 0; number < thread_count; ++number) threads.emplace_back(work, number);
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(failures, 0);
-    EXPECT_EQ(total(list_conn_server_log), static_cast<uint64_t>(thread_count * rounds));
+    EXPECT_EQ(total(list_conn_server_log), thread_count * rounds);
 }
 
 TEST_F(e2e_client, stopped_daemon_fails_writes_and_leaves_list_headers) {
