@@ -3,6 +3,7 @@
 The programs are those that the environment names: RAVOD, RAVOCTL. Nothing here sleeps.
 """
 import os
+import select
 import shutil
 import socket
 import subprocess
@@ -19,10 +20,20 @@ class Service:
     def __init__(self, *command):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as ready:
             ready.bind("")
-            ready.settimeout(TIMEOUT_SECONDS)
             address = "@" + ready.getsockname()[1:].decode()
             self.process = subprocess.Popen(command, env={**os.environ, "NOTIFY_SOCKET": address})
-            assert ready.recv(4096) == b"READY=1"
+            self.wait_for_word_or_end(ready)
+
+    def wait_for_word_or_end(self, ready):
+        end = os.pidfd_open(self.process.pid)
+        try:
+            readable, _, _ = select.select([ready, end], [], [], TIMEOUT_SECONDS)
+        finally:
+            os.close(end)
+        if ready not in readable:
+            self.process.kill()
+            raise AssertionError(f"it does not serve; exit status {self.process.wait()}")
+        assert ready.recv(4096) == b"READY=1"
 
     def stop(self):
         """Asks it to end, and returns its exit status. Once more does nothing."""
