@@ -18,6 +18,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -45,14 +46,15 @@ void write_line(const char* line) {
     if (path == nullptr) return;
     const auto fd = static_cast<int>(
         syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
-    syscall(SYS_write, fd, line, strlen(line));
+    const iovec parts[] = {{const_cast<char*>(line), strlen(line)}, {const_cast<char*>("\n"), 1}};
+    syscall(SYS_writev, fd, parts, 2);
     syscall(SYS_close, fd);
 }
 
 void end_close_run() {
     if (closes.first == 0) return;
     char line[64];
-    (void)snprintf(line, sizeof line, "close %d..%d\n", closes.first, closes.last);
+    (void)snprintf(line, sizeof line, "close %d..%d", closes.first, closes.last);
     closes.first = 0;
     write_line(line);
 }
@@ -63,9 +65,8 @@ void end_close_run() {
     char line[512];
     va_list args;
     va_start(args, format);
-    (void)vsnprintf(line, sizeof line - 1, format, args);
+    (void)vsnprintf(line, sizeof line, format, args);
     va_end(args);
-    strcat(line, "\n");
     write_line(line);
     errno = saved_errno;
 }
