@@ -132,15 +132,23 @@ class handlers : public testing::Test {
         blocks.clear();
     }
 
-    static outcome send(const std::string& name, const std::string& payload) {
+    static zb_io* request_of(const std::string& payload) {
         zb_io* io = zb_io_create();
         if (!payload.empty()) zb_io_write(io, payload.data(), payload.size());
         standin()->writes.clear();
         standin()->replies.clear();
+        return io;
+    }
+
+    static outcome run(const std::string& name, zb_io* io) {
         const int result = ravod_method_list.at(name)(io);
         const bool released = standin()->live_buffers == 0;
         if (!released) zb_io_free(io);
         return {result, released, standin()->replies};
+    }
+
+    static outcome send(const std::string& name, const std::string& payload) {
+        return run(name, request_of(payload));
     }
 
     static outcome query(const char* name, const db_query_cond& cond) {
@@ -416,8 +424,9 @@ TEST_F(handlers, failed_statement_is_answered_all_the_same) {
 TEST_F(handlers, query_without_memory_for_its_header_is_refused) {
     for (const table_methods& t : tables) {
         SCOPED_TRACE(t.query);
+        zb_io* io = request_of(bytes_of(page(0, -1)));
         no_memory = true;
-        const outcome got = query(t.query, page(0, -1));
+        const outcome got = run(t.query, io);
         no_memory = false;
         expect_refused(got);
         EXPECT_EQ(sql_trace::statements, strings{});
@@ -430,13 +439,9 @@ TEST_F(handlers, reply_that_cannot_be_built_is_no_reply) {
             SCOPED_TRACE(std::string(t.query) + " write " + std::to_string(failing));
             send(t.insert, std::string(t.row, 'x'));
             start_over();
-            standin()->failing_write = failing + 1;  // the first write makes the request
-            zb_io* io = zb_io_create();
-            const db_query_cond cond = page(0, -1);
-            zb_io_write(io, &cond, sizeof cond);
-            EXPECT_EQ(ravod_method_list.at(t.query)(io), -1);
-            EXPECT_EQ(standin()->live_buffers, 0U);
-            EXPECT_EQ(standin()->replies, strings{});
+            zb_io* io = request_of(bytes_of(page(0, -1)));
+            standin()->failing_write = failing;
+            expect_refused(run(t.query, io));
             EXPECT_EQ(blocks.size(), 0U) << "header and rows are released";
         }
     }
