@@ -475,6 +475,7 @@ struct row_collector {
     char* data;
     uint64_t count;
     uint64_t capacity;
+    uint64_t limit = UINT64_MAX;  // rows after which the statement is ended
 };
 
 inline void read_text(char* array, size_t size, const char* text) {
@@ -517,10 +518,10 @@ inline bool make_room(row_collector& rows) {
 }
 
 // Appends one row; a row for which there is no memory is dropped. Returns 0, but ends a statement
-// that delivers more rows than any page has: only a filter's text can make it do so.
+// that delivers more rows than its limit.
 inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
     auto& rows = *static_cast<row_collector*>(p_data);
-    if (rows.count >= static_cast<uint64_t>(visible_rows)) return -1;
+    if (rows.count >= rows.limit) return -1;
     if (!make_room(rows)) return 0;
     const std::span<char*> values(p_fields, static_cast<size_t>(num_fields));
     const auto value = [&](size_t n) { return n < values.size() ? values[n] : nullptr; };
@@ -573,6 +574,7 @@ inline void select_page(table_state& t, const db_query_cond& cond, row_collector
     }
     reopen_db(t, at);
     const filter_fence fence(t);
+    rows.limit = visible_rows;  // a filter's text can cut off the LIMIT behind it
     (void)execute(t, page, at, select_callback, &rows);
 }
 
