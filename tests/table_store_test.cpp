@@ -981,6 +981,20 @@ TEST_F(module_state, create_after_a_failed_create_appends_once_more) {
     EXPECT_STREQ(state.__db_insert_field, "text, small, large, other, text, small, large, other");
 }
 
+TEST_F(module_state, creates_without_columns_fill_the_text_and_then_fail) {
+    table_state bare{.name = "bare"};
+    ASSERT_EQ(create_table(bare, HERE), 0);
+    memset(bare.__db_create_str + strlen(bare.__db_create_str), ';',
+           4092 - strlen(bare.__db_create_str));
+    EXPECT_EQ(create_table(bare, HERE), -1) << "fits, but SQLite rejects it";
+    EXPECT_EQ(strlen(bare.__db_create_str), 4094U);
+    sql_trace::statements.clear();
+    EXPECT_EQ(create_table(bare, HERE), -1);
+    EXPECT_EQ(strlen(bare.__db_create_str), 4094U);
+    EXPECT_EQ(sql_trace::statements, pragmas) << "the text that no longer fits is not run";
+    EXPECT_EQ(bare.__db_field_index__, 1);
+}
+
 TEST_F(module_state, name_of_39_characters_fits_and_of_40_does_not) {
     for (const size_t length : {39U, 40U}) {
         const std::string name(length, 'c');
