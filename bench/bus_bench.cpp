@@ -197,7 +197,7 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-double measure(int rounds) {
+double measure(long rounds) {
     const std::string bare_path = "bus_bench/bare/" + std::to_string(getpid());
     const std::string bus_path = "bus_bench/bus/" + std::to_string(getpid());
     const pid_t bare_server = start_server(serve_bare, bare_path);
@@ -214,7 +214,7 @@ double measure(int rounds) {
     std::vector<double> bare, bus, ratio;
     (void)microseconds_per_call(bare_call);
     (void)microseconds_per_call(bus_call);
-    for (int i = 0; i < rounds; ++i) {
+    for (long i = 0; i < rounds; ++i) {
         bare.push_back(microseconds_per_call(bare_call));
         bus.push_back(microseconds_per_call(bus_call));
         ratio.push_back(bus.back() / bare.back());
@@ -226,10 +226,10 @@ double measure(int rounds) {
     return median(ratio);
 }
 
-double measure_all(const char* placement, int caller, int server, int rounds) {
+double measure_all(const char* placement, int caller, int server, long rounds) {
     server_cpu = server;
     run_on(caller);
-    std::printf("%s (medians of %d rounds of %d calls)\n", placement, rounds, calls_per_round);
+    std::printf("%s (medians of %ld rounds of %d calls)\n", placement, rounds, calls_per_round);
     std::printf("%8s %8s %10s %10s %8s\n", "request", "reply", "bare us", "bus us", "ratio");
     double worst = 0;
     for (const workload& each : workloads) {
@@ -242,7 +242,7 @@ double measure_all(const char* placement, int caller, int server, int rounds) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int rounds = argc > 1 ? std::atoi(argv[1]) : usual_rounds;
+    const long rounds = argc > 1 ? std::strtol(argv[1], nullptr, 10) : usual_rounds;
     if (rounds < 1) {
         (void)std::fprintf(stderr, "usage: %s [ROUNDS]\n", argv[0]);
         return 2;

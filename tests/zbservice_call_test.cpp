@@ -47,7 +47,7 @@ constexpr std::size_t list_bytes = 24 + (sanitized ? 10000 : 100000) * std::size
 // An endpoint whose first request, "hold", keeps the entry busy until it is let go.
 class busy_endpoint {
   public:
-    explicit busy_endpoint(handler handle = echo)
+    explicit busy_endpoint(const handler& handle = echo)
         : endpoint_([this, handle](const std::string& method, zb_io* io, int fd) {
               if (method == "hold") {
                   held_.set();
@@ -117,6 +117,21 @@ TEST(zb_address, malformed_ones_are_refused_on_both_sides) {
 TEST(zb_call, carries_method_and_payload_there_and_the_reply_back) {
     endpoint served;
     EXPECT_EQ(call(address, "db_conn_insert", "payload"), (outcome{0, "db_conn_insert:payload"}));
+}
+
+TEST(zb_call, frames_are_the_documented_ones) {
+    // The worked example of docs/zbservice.md.
+    const std::string_view request(
+        "zbus\x01\x01\x12\0\x08\0\0\0\0\0\0\0db_server_list_del\x07\0\0\0\0\0\0\0", 42);
+    const std::string_view reply("zbus\x01\x02\0\0\0\0\0\0\0\0\0\0", 16);
+    std::string sent;
+    raw_endpoint served(address, [&](raw_stream& caller) {
+        sent = caller.receive(request.size());
+        EXPECT_TRUE(caller.send(reply));
+        sent += caller.receive_all();
+    });
+    EXPECT_EQ(call(address, "db_server_list_del", request.substr(34)), (outcome{0, ""}));
+    EXPECT_EQ(sent, request);
 }
 
 TEST(zb_call, payloads_of_every_size_pass) {
@@ -219,6 +234,7 @@ TEST(zb_call, many_threads_call_at_once) {
         --inside;
     });
     std::vector<std::thread> callers;
+    callers.reserve(32);
     for (int i = 0; i < 32; ++i) {
         callers.emplace_back([i] {
             for (int k = 0; k < 50; ++k) {

@@ -15,12 +15,13 @@
 #include <new>
 #include <string_view>
 
+#include "bounds.h"
 #include "report.h"
 
 namespace zb {
 namespace {
 constexpr const char* configuration_file = "/etc/zbservice.conf";
-constexpr std::size_t group_entry_bytes = 64 * 1024;  // an entry lists all members of the group
+constexpr std::size_t group_entry_bytes = 64 * kib;  // an entry lists all members of the group
 constexpr const char* blanks = " \t\r\n";
 
 struct file_closer {

@@ -147,7 +147,7 @@ inline std::string request_frame(std::string_view method, std::string_view body)
     return header(1, 1, method.size(), body.size()) + std::string(method) + std::string(body);
 }
 
-enum status { replied, no_reply, refused, too_large, busy, malformed };
+enum status : int { replied, no_reply, refused, too_large, busy, malformed };
 
 inline std::string reply_frame(status how, std::string_view body = "") {
     return header(1, 2, how, body.size()) + std::string(body);
@@ -231,7 +231,7 @@ inline raw_stream connect_to(std::string_view path) {
 // An endpoint that does by hand whatever the test says, once per caller, on a thread of its own.
 class raw_endpoint {
   public:
-    raw_endpoint(std::string_view path, std::function<void(raw_stream&)> serve)
+    raw_endpoint(std::string_view path, const std::function<void(raw_stream&)>& serve)
         : listener_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
         const abstract_address address(path);
         EXPECT_EQ(bind(listener_.get(), address.get(), address.length), 0);
@@ -328,7 +328,7 @@ inline void echo(const std::string& method, zb_io* io, int) {
 class endpoint {
   public:
     explicit endpoint(handler handle = echo, const char* path = "@/test/endpoint",
-                      std::function<void()> prepare = {}) {
+                      const std::function<void()>& prepare = {}) {
         current_handler() = std::move(handle);
         service_ = zb_create(path, 4, 1, entry);
         EXPECT_NE(service_, nullptr);
