@@ -248,6 +248,20 @@ TEST(log, descriptor_left_open_is_waited_for_then_closed) {
     EXPECT_EQ(seen.calls[5], open_lock);
 }
 
+// A second line in the middle of the first stands for another thread's.
+TEST(log, lines_that_fail_to_open_at_once_leave_one_lock_file_open) {
+    int opens = 0;
+    const size_t before = open_descriptors();
+    file_calls::open_fails = [&opens] { return opens++ < 2; };
+    file_calls::after_fopen = [] { log_text("inner\n"); };
+    log_text("outer\n");
+    file_calls::open_fails = nullptr;
+    EXPECT_EQ(opens, 4);
+    EXPECT_EQ(open_descriptors(), before + 1);
+    log_text("locked\n");
+    EXPECT_EQ(open_descriptors(), before);
+}
+
 TEST(log, line_waits_until_another_process_gives_its_lock_back) {
     leave_lock_file_open();
     int ready[2];
