@@ -147,7 +147,7 @@ inline std::string request_frame(std::string_view method, std::string_view body)
     return header(1, 1, method.size(), body.size()) + std::string(method) + std::string(body);
 }
 
-enum status : int { replied, no_reply, refused, too_large, busy, malformed };
+enum status : std::uint16_t { replied, no_reply, refused, too_large, busy, malformed };
 
 inline std::string reply_frame(status how, std::string_view body = "") {
     return header(1, 2, how, body.size()) + std::string(body);
