@@ -119,7 +119,8 @@ int zb_service::loop() {
         zb::deliver_signals();
         if (stop_requested_) return 0;
         if (connection* c = take_waiting()) run(*c);
-        if (!wait(first_waiting_ || stop_requested_ ? 0 : next_timeout_ms())) return -1;
+        if (stop_requested_) return 0;
+        if (!wait(first_waiting_ ? 0 : next_timeout_ms())) return -1;
         expire();
     }
 }
@@ -191,7 +192,7 @@ void zb_service::accept_one() {
         zb::send_status(socket.get(), reply_status::refused);
         return;
     }
-    if (connections_.is_full()) refuse(*connections_.most_expendable(now_), reply_status::busy);
+    if (connections_.is_full()) give_up(*connections_.most_expendable(now_));
     read(connections_.open(this, std::move(socket), now_));
 }
 
@@ -199,8 +200,10 @@ void zb_service::accept_one() {
 // stays readable: asking again at once would only spin.
 void zb_service::accept_failed(int error) {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
-    if (connection* c = connections_.oldest_at(stage::reading)) {
-        refuse(*c, reply_status::busy);
+    const bool shortage = error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+    connection* oldest = shortage ? connections_.oldest_at(stage::reading) : nullptr;
+    if (oldest) {
+        give_up(*oldest);
     } else {
         pause_listening();
     }
@@ -259,8 +262,7 @@ void zb_service::read(connection& c) {
 // growth, until the rest has room again.
 void zb_service::bound_unfinished() {
     if (connections_.unfinished_bytes() <= zb::max_unfinished_bytes) return;
-    if (connection* oldest = connections_.oldest_at(stage::reading))
-        refuse(*oldest, reply_status::busy);
+    if (connection* oldest = connections_.oldest_at(stage::reading)) give_up(*oldest);
 }
 
 void zb_service::enqueue(connection& c) {
@@ -396,16 +398,21 @@ void zb_service::refuse(connection& c, reply_status status) {
     drop(c);
 }
 
+// A status is for a caller who still waits for the first byte: in the middle of a reply it would be
+// taken for a part of it.
+void zb_service::give_up(connection& c) {
+    if (c.at == stage::reading) {
+        refuse(c, reply_status::busy);
+    } else {
+        drop(c);
+    }
+}
+
 void zb_service::expire() {
     if (paused_ && now_ >= resume_at_) resume_listening();
     if (polled_count_ == 0) return;
     for (connection& c : connections_) {
-        if (!c.polled || now_ < deadline(c)) continue;
-        if (c.at == stage::reading) {
-            refuse(c, reply_status::busy);
-        } else {
-            drop(c);
-        }
+        if (c.polled && now_ >= deadline(c)) give_up(c);
     }
 }
 

@@ -62,6 +62,7 @@ struct zb_service {
     void close(zb::connection& c);
     void drop(zb::connection& c);
     void refuse(zb::connection& c, zb::reply_status status);
+    void give_up(zb::connection& c);
     void expire();
 
     void flush();

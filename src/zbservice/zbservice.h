@@ -115,7 +115,8 @@ int zb_call(const char* path, const char* method, zb_io* io, int timeout_s, int 
  *         returns.
  * fd      the descriptor that came with the request, or -1. It is the entry's, who closes it.
  *
- * An entry that returns without zb_reply() leaves the caller with ZB_ERROR_NO_REPLY, at once. */
+ * An entry that returns without zb_reply() leaves the caller with ZB_ERROR_NO_REPLY, at once. An
+ * exception must not leave it: the program ends. */
 typedef void (*zb_entry)(const char* method, zb_io* io, int fd);
 
 /* Creates an endpoint: takes the address and lets callers queue there; zb_start() serves them.
