@@ -515,21 +515,34 @@ inline bool make_room(row_collector& rows) {
     return true;
 }
 
-// Appends one row; a row for which there is no memory is dropped. Returns 0, but ends a statement
-// that delivers more rows than any page has: only a filter's text can make it do so.
-inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
-    auto& rows = *static_cast<row_collector*>(p_data);
-    if (rows.count >= static_cast<uint64_t>(visible_rows)) return -1;
-    if (!make_room(rows)) return 0;
-    const std::span<char*> values(p_fields, static_cast<size_t>(num_fields));
+// Fills a record's fields from a row. A row that is too short ends in columns without a value.
+inline void read_row(std::span<const column> columns, std::span<char*> values, char* record) {
     const auto value = [&](size_t n) { return n < values.size() ? values[n] : nullptr; };
+    write_value<int64_t>(record, parse_int32(value(0)));  // deliberate: an id is narrowed, too
+    for (size_t n = 0; n < columns.size(); ++n) read_field(columns[n], value(n + 1), record);
+}
+
+// Appends one row. False: there was no memory for it, and it is dropped.
+inline bool append_row(row_collector& rows, std::span<char*> values) {
+    if (!make_room(rows)) return false;
     char* record = rows.data + rows.count * rows.row_size;
     memset(record, 0, rows.row_size);
-    write_value<int64_t>(record, parse_int32(value(0)));  // deliberate: an id is narrowed, too
-    for (size_t n = 0; n < rows.columns.size(); ++n) {
-        read_field(rows.columns[n], value(n + 1), record);
-    }
+    read_row(rows.columns, values, record);
     ++rows.count;
+    return true;
+}
+
+// More rows than any page has: only a filter's text can make a statement deliver them.
+inline bool is_past_page(const row_collector& rows) {
+    return rows.count >= static_cast<uint64_t>(visible_rows);
+}
+
+// The row callback of a page. Returns 0, but ends a statement that delivers more rows than any page
+// has.
+inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
+    auto& rows = *static_cast<row_collector*>(p_data);
+    if (is_past_page(rows)) return -1;
+    (void)append_row(rows, {p_fields, static_cast<size_t>(num_fields)});
     return 0;
 }
 
@@ -556,7 +569,7 @@ inline sql_text filter_text(const db_query_cond& cond) {
                static_cast<int>(sizeof cond.value - 1), cond.value);
 }
 
-inline void select_page(table_state& t, const db_query_cond& cond, row_collector& rows,
+inline void select_page(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
                         const call_site& at) {
     const int64_t limit = cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
     const int64_t first_id = first_visible_id(t, at);
@@ -567,12 +580,12 @@ inline void select_page(table_state& t, const db_query_cond& cond, row_collector
                       t.__db_table_name_str, filter.get(), first_id, t.__db_fields[cond.order_by],
                       direction(cond.order_style), limit, cond.start);
     if (!filter || *filter == '\0') {
-        (void)run(t, page, at, select_callback, &rows);
+        (void)run(t, page, at, on_row, arg);
         return;
     }
     reopen_db(t, at);
     const filter_fence fence(t);
-    (void)execute(t, page, at, select_callback, &rows);
+    (void)execute(t, page, at, on_row, arg);
 }
 
 // The rows of the whole table, capped. A count that fails is all bits set.
@@ -584,6 +597,16 @@ inline uint64_t query_total(table_state& t, const call_site& at) {
         total = visible_rows;
     }
     return static_cast<uint64_t>(total);
+}
+
+// A query's statements: the page's rows into the callback, then the total. Returns -1, with nothing
+// done, when order_by is no column; otherwise 0, whatever the statements met.
+inline int query_rows(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
+                      uint64_t& total, const call_site& at) {
+    if (!is_column_index(t, cond.order_by)) return -1;
+    select_page(t, cond, on_row, arg, at);
+    total = query_total(t, at);
+    return 0;
 }
 
 // --- A module -----------------------------------------------------------------------------------
@@ -606,16 +629,15 @@ struct table {
     // Appends one page to the result, which comes zero-filled, and sets its total. Returns -1, with
     // nothing done, when order_by is no column; otherwise 0, whatever the statements met.
     template <class Query>
-    int select(const db_query_cond& cond, Query& result, const call_site& at) {
+    int select(const db_query_cond& cond, Query& result, const call_site& at,
+               row_callback on_row = select_callback) {
         static_assert(std::is_same_v<decltype(result.data), Row*>);
-        if (!is_column_index(state, cond.order_by)) return -1;
-        row_collector rows{state.columns, sizeof(Row), nullptr, result.count, result.count};
-        rows.data = reinterpret_cast<char*>(result.data);
-        select_page(state, cond, rows, at);
+        row_collector rows{state.columns, sizeof(Row), reinterpret_cast<char*>(result.data),
+                           result.count, result.count};
+        const int status = query_rows(state, cond, on_row, &rows, result.total, at);
         result.data = reinterpret_cast<Row*>(rows.data);
         result.count = rows.count;
-        result.total = query_total(state, at);
-        return 0;
+        return status;
     }
 };
 
