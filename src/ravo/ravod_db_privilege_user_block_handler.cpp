@@ -87,9 +87,15 @@ row named_row(const char* username) {
     return record;
 }
 
+// A look at the rows is a listing and logs as one, whoever takes it.
+call_site as_listing(call_site at) {
+    at.function = "select_privilege_user_block";
+    return at;
+}
+
 // Calls visit(record) for every visible row, in the order of their ids.
 template <class Visit>
-void visit_rows(const call_site& at, Visit visit) {
+void visit_rows(Visit visit) {
     const auto on_row = [](void* arg, int num_fields, char** p_fields, char** /*names*/) {
         row record;
         read_row(columns, {p_fields, static_cast<size_t>(num_fields)},
@@ -100,14 +106,14 @@ void visit_rows(const call_site& at, Visit visit) {
     db_query_cond all = {};
     all.count = -1;
     uint64_t total = 0;
-    (void)query_rows(privilege_user_block.state, all, on_row, &visit, total, at);
+    (void)query_rows(privilege_user_block.state, all, on_row, &visit, total, as_listing(HERE));
 }
 
 // The user's row: the first with that name.
-std::optional<row> find_user(const char* username, const call_site& at) {
+std::optional<row> find_user(const char* username) {
     const row wanted = named_row(username);
     std::optional<row> found;
-    visit_rows(at, [&](const row& record) {
+    visit_rows([&](const row& record) {
         if (!found && strcmp(record.username, wanted.username) == 0) found = record;
     });
     return found;
@@ -161,7 +167,7 @@ sql_text update_statement(const row& user) {
 
 // Stores one more failure of the user, now, and returns the new count.
 int32_t count_failure(const char* username, const call_site& at) {
-    const std::optional<row> known = find_user(username, at);
+    const std::optional<row> known = find_user(username);
     row user = has_id(known) ? *known : named_row(username);
     if (user.limit < INT32_MAX) ++user.limit;
     user.timestamp = static_cast<uint64_t>(time(nullptr));
@@ -186,7 +192,7 @@ int listing_callback(void* p_data, int num_fields, char** p_fields, char** /*p_c
     auto& rows = *static_cast<row_collector*>(p_data);
     if (is_past_page(rows)) return -1;
     if (!append_row(rows, {p_fields, static_cast<size_t>(num_fields)})) {
-        log_line(HERE, "ERROR", "realloc fail\n");
+        log_line(as_listing(HERE), "ERROR", "realloc fail\n");
     }
     return 0;
 }
@@ -216,7 +222,7 @@ int check_privilege_user_block(char* username) {
         return 0;
     }
     const call_site at = HERE;
-    const std::optional<row> user = find_user(username, at);
+    const std::optional<row> user = find_user(username);
     const time_t now = time(nullptr);
     if (!user || user->limit < settings.limit) return 0;
     // Compared as doubles, so that a clock set back keeps a block.
@@ -230,7 +236,7 @@ int check_privilege_user_block(char* username) {
 // A user whose count has gone past the limit is forgotten without a notification.
 int delete_privilege_user_block(char* username) {
     const call_site at = HERE;
-    const std::optional<row> user = find_user(username, at);
+    const std::optional<row> user = find_user(username);
     if (has_id(user)) delete_user(user->id, at);
     const block_settings settings = read_settings();
     if (has_id(user) && is_at_limit(settings, user->limit)) {
@@ -244,7 +250,7 @@ int clean_privilege_user_block() {
     const block_settings settings = read_settings();
     std::vector<std::string> released;
     if (settings.enabled) {
-        visit_rows(at, [&](const row& user) {
+        visit_rows([&](const row& user) {
             if (user.limit == settings.limit) keep_name(released, user.username);
         });
     }
