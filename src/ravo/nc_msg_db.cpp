@@ -96,7 +96,9 @@ void restore_signals() {
 
 [[noreturn]] void become_notifier(const nc_msg_struct& msg, va_list texts) {
     restore_signals();
-    __fpurge(stdout);  // what this process has not written yet is its own to write, once
+    // What the caller has not written yet is its own to write, once; and a reopened stream would
+    // take the offset of the caller's input back to what it has not read yet.
+    for (FILE* stream : {stdin, stdout, stderr}) __fpurge(stream);
     [[maybe_unused]] FILE* stream = freopen("/dev/null", "r", stdin);
     stream = freopen("/dev/null", "w", stdout);
     stream = freopen("/dev/null", "w", stderr);
