@@ -60,6 +60,7 @@ void* operator new(size_t size) {
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept { return malloc(size); }
 void operator delete(void* block) noexcept { free(block); }
 void operator delete(void* block, size_t) noexcept { free(block); }
 

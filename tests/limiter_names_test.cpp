@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/limiter.h"
@@ -143,7 +145,7 @@ TEST_F(limiter_names, quoting_conversions_do_not_break_out) {
 
 TEST_F(limiter_names, result_without_an_end_is_a_failed_statement) {
     for (const char* name : {"%999999999d", "%2147483647d", "%99999999999999999999d",
-                             "%.999999999d", "%999999999s", "%70000%", "%.999999999c"}) {
+                             "%.999999999d", "%999999999s", "%70000%", "%.70000c"}) {
         SCOPED_TRACE(name);
         drop_rows();
         forget_log();
@@ -159,6 +161,45 @@ TEST_F(limiter_names, result_without_an_end_is_a_failed_statement) {
                                       "insert_privilege_user_block:close db ADDRESS",
                                       "ERROR ravod_db_privilege_user_block_handler.cpp "
                                       "insert_privilege_user_block:RET = 7"}));
+    }
+}
+
+// SQLite would count such a character's repetitions one by one.
+TEST_F(limiter_names, repeated_character_keeps_nobody_waiting) {
+    const auto start = std::chrono::steady_clock::now();
+    for (const char* name : {"%.2147483647c", "x%%%-5.2000000000c", "%5.1999999999lc",
+                             "%.2147483647llc", "%n%.2147483647c"}) {
+        SCOPED_TRACE(name);
+        drop_rows();
+        forget_log();
+        fail(name);
+        fail(name);
+        EXPECT_EQ(count_of_user(name), "1");
+        ASSERT_EQ(log_lines().size(), 3U);
+        EXPECT_NE(log_lines()[0].find("sql = (null), err = (null)"), std::string::npos);
+    }
+    // One of them alone takes SQLite longer than that.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
+}
+
+// What only looks like one is what it was.
+TEST_F(limiter_names, number_that_repeats_nothing_is_no_matter) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"v.2147483647c", "v.2147483647c"},
+        {"%%.2147483647c", "%.2147483647c"},
+        {"%d.2147483647c", "1.2147483647c"},
+        {"%.2147483647s", "1"},
+        {"%.2147483647sc", "1c"},
+        {"%.3lc", "111"},
+        {"%.2147483648c", "1"},
+        {"%5%.2147483647c", "    %.2147483647c"},
+    };
+    for (const auto& [name, set] : cases) {
+        SCOPED_TRACE(name);
+        drop_rows();
+        const std::string expected =
+            "UPDATE privilege_user_block SET username = '" + set + "', limit_count = 2";
+        EXPECT_EQ(second_failure(name).substr(0, expected.size()), expected);
     }
 }
 

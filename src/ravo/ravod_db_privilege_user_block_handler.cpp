@@ -9,10 +9,12 @@
 // listing, but keep only what they need, so that many names cost no memory.
 #include "ravod_db_privilege_user_block_handler.h"
 
+#include <algorithm>
 #include <ctime>
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "global_options.h"
@@ -33,7 +35,7 @@ constexpr column columns[] = {
 constinit table<row> privilege_user_block{{.name = "privilege_user_block", .columns = columns}};
 
 constexpr size_t update_size = 4096;           // bytes of the UPDATE's first pass, its NUL included
-constexpr int update_result_size = 64 * 1024;  // bytes of the UPDATE's second pass
+constexpr int update_result_size = 64 * 1024;  // bytes of the UPDATE's second pass, at most
 
 // --- Settings -----------------------------------------------------------------------------------
 
@@ -129,6 +131,33 @@ void delete_user(int64_t id, const call_site& at) {
 
 // --- Counting -----------------------------------------------------------------------------------
 
+// The number at the front of a text, which loses it, as SQLite reads a precision.
+uint32_t take_precision(std::string_view& text) {
+    uint32_t number = 0;
+    while (!text.empty() && text[0] >= '0' && text[0] <= '9') {
+        number = number * 10 + static_cast<uint32_t>(text[0] - '0');
+        text.remove_prefix(1);
+    }
+    return number & INT32_MAX;
+}
+
+// Whether a conversion "%.Nc", a character N times, is longer than any result. SQLite goes through
+// all N even so, which takes it up to half a minute.
+bool repeats_for_long(std::string_view text) {
+    for (size_t at = 0; (at = text.find('%')) != text.npos;) {
+        text.remove_prefix(at + 1);
+        text.remove_prefix(std::min(text.size(), text.find_first_not_of("-+ #!,0123456789*")));
+        if (text.empty()) break;
+        const bool has_precision = text[0] == '.';
+        text.remove_prefix(1);
+        if (!has_precision) continue;
+        const uint32_t precision = take_precision(text);
+        text.remove_prefix(std::min(text.size(), text.find_first_not_of('l')));
+        if (precision > update_result_size && text.starts_with('c')) return true;
+    }
+    return false;
+}
+
 // The second pass of the UPDATE: a text as a format, with SQLite's own conversions and one
 // argument. The text holds a user name, so the pass runs as SQLite's SQL function on a connection
 // of its own, where arguments have types: one that is missing is 0 or empty, and no pointer is
@@ -137,6 +166,7 @@ sql_text format_again(const char* text, int64_t id) {
     sqlite3* db = nullptr;
     sqlite3_stmt* statement = nullptr;
     sql_text result;
+    if (repeats_for_long(text)) return result;
     if (sqlite3_open(":memory:", &db) == SQLITE_OK) {
         sqlite3_limit(db, SQLITE_LIMIT_LENGTH, update_result_size);
         if (sqlite3_prepare_v2(db, "SELECT printf(?1, ?2);", -1, &statement, nullptr) ==
