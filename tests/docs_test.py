@@ -152,6 +152,15 @@ class docs(unittest.TestCase):
         self.assertEqual(re.findall(r"^\.Nm (\w+)", names, re.M), declared)
         self.assertEqual(re.findall(r"^\.Fn (\w+)", synopsis, re.M), declared)
 
+    def test_client_page_has_the_bus_results(self):
+        header = (top / "src/zbservice/zbservice.h").read_text()
+        results = dict(re.findall(r"^ +(ZB_ERROR_\w+) = (-\d+)", header, re.M))
+        listed = re.findall(r"^\.It (-\d+) Dv (ZB_ERROR_\w+)$", client_page.read_text(), re.M)
+        self.assertTrue(listed)
+        for number, name in listed:
+            with self.subTest(result=name):
+                self.assertEqual(results.get(name), number)
+
     def test_daemon_page_has_every_option(self):
         source = (top / "src/ravo/ravod.cpp").read_text()
         options = set(re.findall(r'{"(\w+)", (\w+)_argument, nullptr, \'(\w)\'}', source))

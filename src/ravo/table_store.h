@@ -153,6 +153,7 @@ bool append(char (&buffer)[size], std::initializer_list<std::string_view> pieces
 // grown by repeated creates and deletes.
 template <class AppendValue>
 sql_text expand(const char* form, AppendValue append_value) {
+    if (*form == '\0') return sql("");  // a finished module's INSERT: not the same as no memory
     sqlite3_str* out = sqlite3_str_new(nullptr);
     for (size_t n = 0; *form != '\0'; ++n) {
         const size_t literal = strcspn(form, "%");

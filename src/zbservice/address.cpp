@@ -2,7 +2,6 @@
 #include "address.h"
 
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 
 namespace zb {
@@ -26,8 +25,8 @@ bool resolve_address(const char* path, socket_address& address) {
 
     address.name.sun_family = AF_UNIX;
     address.name.sun_path[0] = '\0';
-    std::memcpy(address.name.sun_path + 1, folder.data(), folder.size());
-    std::memcpy(address.name.sun_path + 1 + folder.size(), name.data(), name.size());
+    folder.copy(address.name.sun_path + 1, folder.size());
+    name.copy(address.name.sun_path + 1 + folder.size(), name.size());
     address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
     return true;
 }

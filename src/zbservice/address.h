@@ -1,5 +1,6 @@
 // Where an endpoint's path leads: the same on both sides.
-#pragma once
+#ifndef ZBSERVICE_ADDRESS_H
+#define ZBSERVICE_ADDRESS_H
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -18,3 +19,5 @@ struct socket_address {
 bool resolve_address(const char* path, socket_address& address);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_ADDRESS_H

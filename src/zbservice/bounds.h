@@ -1,5 +1,6 @@
 // Every bound of the bus, in one place. What goes over one is refused or dropped by itself.
-#pragma once
+#ifndef ZBSERVICE_BOUNDS_H
+#define ZBSERVICE_BOUNDS_H
 
 #include <chrono>
 #include <cstddef>
@@ -41,3 +42,5 @@ inline constexpr std::size_t receive_bytes = 64 * kib;
 inline constexpr std::size_t send_bytes = 256 * kib;
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_BOUNDS_H

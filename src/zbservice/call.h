@@ -1,5 +1,6 @@
 // The calling side: one connection, one request, one reply.
-#pragma once
+#ifndef ZBSERVICE_CALL_H
+#define ZBSERVICE_CALL_H
 
 #include "zbservice.h"
 
@@ -9,3 +10,5 @@ namespace zb {
 int call(const char* path, const char* method, zb_io& io, int timeout_s, int fd);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_CALL_H

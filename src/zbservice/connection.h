@@ -1,5 +1,6 @@
 // One caller's connection, and the table of all of them.
-#pragma once
+#ifndef ZBSERVICE_CONNECTION_H
+#define ZBSERVICE_CONNECTION_H
 
 #include <array>
 #include <chrono>
@@ -80,3 +81,5 @@ class connection_table {
 };
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_CONNECTION_H

@@ -1,5 +1,6 @@
 // An owned file descriptor, closed when its owner goes.
-#pragma once
+#ifndef ZBSERVICE_DESCRIPTOR_H
+#define ZBSERVICE_DESCRIPTOR_H
 
 #include <unistd.h>
 
@@ -33,3 +34,5 @@ class descriptor {
 };
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_DESCRIPTOR_H

@@ -8,7 +8,8 @@
 //        8      8  length of the payload
 //
 // One connection carries one request and one reply, each a single frame.
-#pragma once
+#ifndef ZBSERVICE_FRAME_H
+#define ZBSERVICE_FRAME_H
 
 #include <array>
 #include <cstddef>
@@ -43,3 +44,5 @@ header_block encode_header(const frame_header& header);
 bool decode_header(const header_block& block, frame_kind kind, frame_header& header);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_FRAME_H

@@ -1,5 +1,6 @@
 // Tells whoever started the program that it serves now: the protocol of sd_notify(3).
-#pragma once
+#ifndef ZBSERVICE_NOTIFY_H
+#define ZBSERVICE_NOTIFY_H
 
 namespace zb {
 
@@ -7,3 +8,5 @@ namespace zb {
 void notify_ready();
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_NOTIFY_H

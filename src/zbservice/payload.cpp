@@ -46,8 +46,11 @@ bool payload::resize(std::size_t length) {
 }
 
 char* payload::make_room(std::size_t limit, std::size_t& room) {
-    if (length_ + 1 >= capacity_ && !reserve(length_ + 1)) return nullptr;
-    room = std::min(capacity_ - 1, limit) - length_;
+    if (length_ + 1 >= capacity_) {
+        const std::size_t grown = std::max(2 * capacity_, smallest_block);
+        if (!reallocate(std::min(grown, limit + 1))) return nullptr;
+    }
+    room = capacity_ - 1 - length_;
     return block_ + length_;
 }
 
@@ -76,12 +79,14 @@ void payload::swap(payload& other) noexcept {
 bool payload::reserve(std::size_t length) {
     if (length < capacity_) return true;
     const std::size_t exact = length + 1;
-    std::size_t wanted = std::max({exact, 2 * capacity_, smallest_block});
-    void* grown = std::realloc(block_, wanted);
-    if (!grown && wanted > exact) grown = std::realloc(block_, wanted = exact);
+    return reallocate(std::max({exact, 2 * capacity_, smallest_block})) || reallocate(exact);
+}
+
+bool payload::reallocate(std::size_t capacity) {
+    void* grown = std::realloc(block_, capacity);
     if (!grown) return false;
     block_ = static_cast<char*>(grown);
-    capacity_ = wanted;
+    capacity_ = capacity;
     return true;
 }
 

@@ -1,5 +1,6 @@
 // The bytes of one payload, and zb_io, the buffer that callers hold.
-#pragma once
+#ifndef ZBSERVICE_PAYLOAD_H
+#define ZBSERVICE_PAYLOAD_H
 
 #include <cstddef>
 
@@ -27,8 +28,8 @@ class payload {
     bool assign(const void* data, std::size_t length);
     bool resize(std::size_t length);
 
-    // For receiving in place: makes room behind the content, at least one byte and at most as much
-    // as a content of `limit` bytes needs, and tells how much through `room`. Null: no memory.
+    // For receiving in place a content that will have `limit` bytes, of which some are missing:
+    // makes room behind what is there and tells how much through `room`. Null: out of memory.
     char* make_room(std::size_t limit, std::size_t& room);
     void extend(std::size_t received);
 
@@ -39,6 +40,7 @@ class payload {
 
   private:
     bool reserve(std::size_t length);
+    bool reallocate(std::size_t capacity);
     void set_length(std::size_t length);
 
     char* block_ = nullptr;
@@ -53,3 +55,5 @@ struct zb_io {
     zb::payload content;
     zb::connection* request = nullptr;  // whose request this buffer brought; null for a caller's
 };
+
+#endif  // ZBSERVICE_PAYLOAD_H

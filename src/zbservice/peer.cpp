@@ -39,7 +39,8 @@ gid_t look_up_group(const char* name) {
     const std::string_view text = name;
     gid_t number = no_group;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error == std::errc{} && end == text.data() + text.size()) return number;
+    if (error == std::errc{} && end == text.data() + text.size() && number != no_group)
+        return number;
 
     const std::unique_ptr<char[]> space(new (std::nothrow) char[group_entry_bytes]);
     group entry;

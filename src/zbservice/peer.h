@@ -1,5 +1,6 @@
 // Who may talk to whom, as the kernel tells it: both sides apply the same rule to each other.
-#pragma once
+#ifndef ZBSERVICE_PEER_H
+#define ZBSERVICE_PEER_H
 
 #include <sys/types.h>
 
@@ -19,3 +20,5 @@ bool is_root_or_self(int socket);
 bool is_member(int socket, gid_t group);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_PEER_H

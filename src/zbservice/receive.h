@@ -1,5 +1,6 @@
 // Receives from a socket whose peer may attach descriptors to its bytes.
-#pragma once
+#ifndef ZBSERVICE_RECEIVE_H
+#define ZBSERVICE_RECEIVE_H
 
 #include <cstddef>
 
@@ -12,3 +13,5 @@ namespace zb {
 ssize_t receive_with_descriptor(int socket, char* target, std::size_t room, descriptor& passed);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_RECEIVE_H

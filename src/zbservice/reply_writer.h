@@ -1,5 +1,6 @@
 // Sends a reply frame, as much at a time as the caller takes.
-#pragma once
+#ifndef ZBSERVICE_REPLY_WRITER_H
+#define ZBSERVICE_REPLY_WRITER_H
 
 #include <cstddef>
 
@@ -38,3 +39,5 @@ class reply_writer {
 void send_status(int socket, reply_status status);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_REPLY_WRITER_H

@@ -1,5 +1,6 @@
 // Tells the operator why the bus cannot do something.
-#pragma once
+#ifndef ZBSERVICE_REPORT_H
+#define ZBSERVICE_REPORT_H
 
 namespace zb {
 
@@ -7,3 +8,5 @@ namespace zb {
 [[gnu::format(printf, 1, 2)]] void report(const char* format, ...);
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_REPORT_H

@@ -1,5 +1,6 @@
 // Takes a request frame apart as its bytes arrive.
-#pragma once
+#ifndef ZBSERVICE_REQUEST_READER_H
+#define ZBSERVICE_REQUEST_READER_H
 
 #include <array>
 #include <cstddef>
@@ -37,3 +38,5 @@ class request_reader {
 };
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_REQUEST_READER_H

@@ -334,14 +334,16 @@ int zb_service::reply(connection& c) {
 }
 
 // Large replies wait in memory for their readers. When they become too many, readers that have had
-// their time make room; the new reply is given up only when there are none.
+// their time make room; the new reply is given up only when there are none. The time may have
+// passed in the entry, so each has another try first.
 bool zb_service::admit_reply(connection& c) {
     if (c.reply.size() <= zb::small_reply_bytes) return true;
     now_ = monotonic::now();
     while (connections_.unsent_bytes() + c.reply.size() > zb::max_unsent_bytes) {
         connection* slow = connections_.most_stalled_reader(now_);
         if (!slow) return false;
-        drop(*slow);
+        write(*slow);
+        if (slow->at == stage::sending && slow->progressed != now_) drop(*slow);
     }
     return true;
 }

@@ -5,7 +5,8 @@
 // one caller per turn: the rest keep their place in the kernel's queue, which is the order of
 // arrival. A request is mostly there when its connection is accepted and is read at once; epoll
 // only ever learns of connections that have to be waited for.
-#pragma once
+#ifndef ZBSERVICE_SERVICE_H
+#define ZBSERVICE_SERVICE_H
 
 #include <sys/epoll.h>
 #include <sys/types.h>
@@ -83,3 +84,5 @@ struct zb_service {
     zb::monotonic::time_point now_;
     std::array<char, zb::receive_bytes> received_;
 };
+
+#endif  // ZBSERVICE_SERVICE_H

@@ -3,7 +3,8 @@
 // The handler in the process only sets the signal's flag and wakes whoever waits, through one
 // eventfd of the process. No signal is ever blocked, so child programs inherit nothing; the
 // functions run later, as ordinary code, where deliver_signals() is called: on serving threads.
-#pragma once
+#ifndef ZBSERVICE_SIGNALS_H
+#define ZBSERVICE_SIGNALS_H
 
 #include "zbservice.h"
 
@@ -33,3 +34,5 @@ class serving_scope {
 bool delivers_signals_here();
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_SIGNALS_H

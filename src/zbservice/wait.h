@@ -1,5 +1,6 @@
 // Waiting for a socket with a bound on the time without progress.
-#pragma once
+#ifndef ZBSERVICE_WAIT_H
+#define ZBSERVICE_WAIT_H
 
 #include <poll.h>
 
@@ -33,3 +34,5 @@ class patient_wait {
 };
 
 }  // namespace zb
+
+#endif  // ZBSERVICE_WAIT_H

@@ -13,8 +13,8 @@
  *     interrupts, and opens every descriptor close-on-exec.
  *  5. Who may talk to whom: root, the own (effective) user, and the members of the group that the
  *     line "group NAME_OR_NUMBER" in /etc/zbservice.conf names, if there is one. An endpoint
- * refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that
- * anybody else holds before it sends a byte.
+ *     refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that
+ *     anybody else holds before it sends a byte.
  *  6. What an endpoint cannot do (create itself, go on serving) is told to the system log (facility
  *     daemon) and, in one line, to standard error. */
 #ifndef ZBSERVICE_H
@@ -30,33 +30,43 @@ extern "C" {
 typedef struct zb_io zb_io;           /* a growable byte buffer: one payload */
 typedef struct zb_service zb_service; /* an endpoint */
 
-/* ---- Errors -----------------------------------------------------------------------------------
- */
+/* ---- Errors ---- */
 
 /* The results of zb_call. All failures are negative, so that they cannot be taken for an answer. */
 enum zb_error {
     ZB_OK = 0,
-    ZB_ERROR_ARGUMENT = -1,    /* a null or empty argument, an address or method that is too long,
-                                  a descriptor that is not open */
-    ZB_ERROR_MEMORY = -2,      /* out of memory here */
-    ZB_ERROR_UNREACHABLE = -3, /* nobody holds the address */
-    ZB_ERROR_DENIED = -4,      /* the endpoint does not accept this process's user */
-    ZB_ERROR_UNTRUSTED = -5,   /* the address is held by a user whom this process does not trust */
-    ZB_ERROR_TOO_LARGE = -6,   /* the request or the reply is over a bound */
-    ZB_ERROR_TIMEOUT = -7,     /* no progress for the time allowed */
-    ZB_ERROR_NO_REPLY = -8, /* the request was not answered: unknown method, failed handler, or the
-                               endpoint stopped before it came to it */
-    ZB_ERROR_PROTOCOL = -9, /* one side does not understand the other's frames */
-    ZB_ERROR_BROKEN = -10,  /* the endpoint closed the connection without an answer */
-    ZB_ERROR_BUSY = -11,  /* the endpoint gave the call up: too much at once, or sent too slowly */
-    ZB_ERROR_SYSTEM = -12 /* a system call failed (no descriptors left, ...): errno tells */
+    /* A null or empty argument, a malformed address, a method that is too long, or a descriptor
+     * that is not open. */
+    ZB_ERROR_ARGUMENT = -1,
+    /* Out of memory here. */
+    ZB_ERROR_MEMORY = -2,
+    /* Nobody holds the address. */
+    ZB_ERROR_UNREACHABLE = -3,
+    /* The endpoint does not accept this process's user. */
+    ZB_ERROR_DENIED = -4,
+    /* The address is held by a user whom this process does not trust. */
+    ZB_ERROR_UNTRUSTED = -5,
+    /* The request or the reply is over a bound. */
+    ZB_ERROR_TOO_LARGE = -6,
+    /* No progress for the time allowed. */
+    ZB_ERROR_TIMEOUT = -7,
+    /* The request was not answered: unknown method, failed handler, or the endpoint stopped before
+     * it came to it. */
+    ZB_ERROR_NO_REPLY = -8,
+    /* One side does not understand the other's frames. */
+    ZB_ERROR_PROTOCOL = -9,
+    /* The endpoint closed the connection without an answer. */
+    ZB_ERROR_BROKEN = -10,
+    /* The endpoint gave the call up: too much at once, or sent too slowly. */
+    ZB_ERROR_BUSY = -11,
+    /* A system call failed (no descriptors left, ...): errno tells. */
+    ZB_ERROR_SYSTEM = -12
 };
 
 /* The name of a zb_call result in words: static text, never null, also for unknown values. */
 const char* zb_strerror(int error);
 
-/* ---- Payload buffers --------------------------------------------------------------------------
- */
+/* ---- Payload buffers ---- */
 
 /* Returns a new, empty buffer, or NULL when out of memory. The caller releases it with
  * zb_io_free(). */
@@ -72,15 +82,13 @@ int zb_io_write(zb_io* io, const void* data, size_t length);
 void* zb_io_read(zb_io* io, size_t* length);
 
 /* Cuts the payload to length bytes or extends it with zero bytes; 0 empties it and gives a large
- * block of memory back. Returns 0; -1, with the payload as it was, under zb_io_write's conditions.
- */
+ * block of memory back. Returns 0; -1, with the payload as it was, like zb_io_write(). */
 int zb_io_realloc(zb_io* io, size_t length);
 
 /* Releases a buffer. NULL is allowed. */
 void zb_io_free(zb_io* io);
 
-/* ---- Calling ----------------------------------------------------------------------------------
- */
+/* ---- Calling ---- */
 
 /* Calls a method of an endpoint and waits for its reply.
  *
@@ -97,8 +105,7 @@ void zb_io_free(zb_io* io);
  * thread's own endpoint can only time out there. Returns 0 or a negative zb_error. */
 int zb_call(const char* path, const char* method, zb_io* io, int timeout_s, int fd);
 
-/* ---- Serving ----------------------------------------------------------------------------------
- */
+/* ---- Serving ---- */
 
 /* Handles one request, on the thread that is in zb_start.
  *
@@ -149,8 +156,7 @@ void zb_free(zb_service* service);
  * unsent already (that caller gets ZB_ERROR_BUSY). */
 int zb_reply(zb_io* io);
 
-/* ---- Signals ----------------------------------------------------------------------------------
- */
+/* ---- Signals ---- */
 
 typedef void (*zb_signal_fn)(int sig);
 

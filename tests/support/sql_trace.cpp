@@ -19,10 +19,16 @@ Function next(Function /*like*/, const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+// SQLite calls its own sqlite3_exec, for example to read the schema; that is nobody's statement.
+int depth = 0;
+
 int real_exec(sqlite3* db, const char* text, int (*on_row)(void*, int, char**, char**), void* arg,
               char** error) {
     static const auto function = next(&sqlite3_exec, "sqlite3_exec");
-    return function(db, text, on_row, arg, error);
+    ++depth;
+    const int rc = function(db, text, on_row, arg, error);
+    --depth;
+    return rc;
 }
 
 int keep_first(void* out, int columns, char** values, char** /*names*/) {
@@ -37,6 +43,7 @@ extern "C" __attribute__((visibility("default"))) int sqlite3_exec(sqlite3* db, 
                                                                    int (*on_row)(void*, int, char**,
                                                                                  char**),
                                                                    void* arg, char** error) {
+    if (depth > 0) return real_exec(db, text, on_row, arg, error);
     sql_trace::statements.emplace_back(text != nullptr ? text : "(null)");
     if (sql_trace::before_exec) {
         const int rc = sql_trace::before_exec(sql_trace::statements.back());

@@ -49,12 +49,12 @@ exit_status report_failure(const std::string& endpoint, int result) {
 
 exit_status report_unread_list() {
     const int result = probe();
-    // A bus whose failures have no names cannot tell the two apart; a daemon that is not running is
-    // the likelier reason, since the query itself was checked before.
-    if (is_out_of_reach(result) || !has_names()) return report_unreachable(daemon_endpoint, result);
-    if (result == ZB_ERROR_NO_REPLY) {
+    if (result == 0 || (has_names() && result == ZB_ERROR_NO_REPLY)) {
         fmt::print(stderr, "ravoctl: {} runs, but did not answer the query\n", daemon_endpoint);
         return unanswered;
     }
+    // A bus whose failures have no names cannot tell the two apart; a daemon that is not running is
+    // the likelier reason, since the query itself was checked before.
+    if (!has_names()) return report_unreachable(daemon_endpoint, result);
     return report_failure(daemon_endpoint, result);
 }

@@ -58,9 +58,9 @@ std::string from_hex(const std::string& text) {
 
 // Stops behind the largest request, so that an endless file is refused, too.
 std::string read_file(const std::string& path) {
-    const std::unique_ptr<FILE, file_closer> file(path == "-" ? stdin : fopen(path.c_str(), "re"));
     std::string bytes(largest_request + 1, '\0');
     errno = 0;
+    const std::unique_ptr<FILE, file_closer> file(path == "-" ? stdin : fopen(path.c_str(), "re"));
     if (file != nullptr) bytes.resize(fread(bytes.data(), 1, bytes.size(), file.get()));
     if (file == nullptr || ferror(file.get()) != 0) {
         throw usage_error(fmt::format("--file: {}: {}", escaped(path), strerror(errno)));

@@ -1,0 +1,101 @@
+"""The example programs against a running ravod."""
+import json
+import os
+import unittest
+
+from support.ravod import RavodTest
+
+EXAMPLES = os.environ["EXAMPLES"]
+
+
+class examples(RavodTest):
+    def example(self, name, *arguments):
+        return self.run_program("/usr/bin/python3", "-B", f"{EXAMPLES}/{name}", *arguments)
+
+    def rows(self):
+        result = self.ravoctl("sessions", "--json", "--per-page", "100")
+        return json.loads(self.succeed(result))["rows"]
+
+    def binding(self, code):
+        """Runs code with the binding imported."""
+        program = f"import sys; sys.path.insert(0, {EXAMPLES!r}); import ravo\n{code}"
+        return self.run_program("/usr/bin/python3", "-B", "-c", program)
+
+    def replay(self, text):
+        with open("/tmp/calls.jsonl", "w", encoding="utf-8") as file:
+            file.write(text)
+        return self.example("replay_connections.py", "/tmp/calls.jsonl")
+
+    def test_c_program_records_and_lists(self):
+        self.start_ravod()
+        output = self.succeed(self.run_program(os.environ["C_EXAMPLE"], "zoë"))
+        self.assertRegex(output, r"^1 zoë from 203\.0\.113\.20 at \d+\n1 of 1 connections\n$")
+
+    def test_python_program_records_and_lists(self):
+        self.start_ravod()
+        output = self.succeed(self.example("record_and_list.py", "o'brien"))
+        self.assertIn("o'brien", output)
+        self.assertIn("1 of 1 connections", output)
+        self.assertEqual([row["username"] for row in self.rows()], ["o'brien"])
+
+    def test_programs_say_that_the_daemon_is_missing(self):
+        self.fails(self.run_program(os.environ["C_EXAMPLE"]), 1, "ravod")
+        self.fails(self.example("record_and_list.py"), 1, "ravod")
+        self.fails(self.example("replay_connections.py"), 1, "ravod", "line 2")
+
+    def test_replay_records_each_connect_and_disconnect(self):
+        self.start_ravod()
+        self.assertIn("10 connects", self.succeed(self.example("replay_connections.py")))
+        rows = self.rows()
+        self.assertEqual([row["action"] for row in rows], [1, 1, 1, 2, 2, 2, 1, 2, 1, 2])
+        self.assertEqual(sorted({row["username"] for row in rows}), ["100%", "alice", "o'brien", "zoë"])
+        self.assertEqual(rows[3], {
+            "id": 4, "username": "zoë", "vpn_type": 4, "uptime": 9, "time": 1795222867,
+            "device_info": "linux 2.6.14 zo__-laptop", "source_ip": "203.0.113.13",
+            "vpn_ip": "10.88.0.4", "tx_rate": 0, "rx_rate": 0, "tx_total": 27323,
+            "rx_total": 27161, "outgoing": "tun0", "action": 2,
+        })
+
+    def test_replay_takes_the_address_of_either_family(self):
+        self.start_ravod()
+        env = {"username": "a", "time_unix": "5", "trusted_ip6": "2001:db8::1", "dev": "tun0",
+               "ifconfig_pool_remote_ip": "10.0.0.1"}
+        self.succeed(self.replay(json.dumps({"hook": "connect", "env": env})))
+        self.assertEqual(self.rows()[0]["source_ip"], "2001:db8::1")
+
+    def test_replay_names_the_line_that_it_cannot_use(self):
+        self.start_ravod()
+        auth = '{"hook": "auth", "env": {}}\n'
+        for line, word in (
+            ("nonsense", "line 2"), ("[]", "line 2"), ('{"env": {}}', "hook"),
+            ('{"hook": "connect", "env": {}}', "username"), ('{"hook": "connect"}', "env"),
+        ):
+            with self.subTest(line=line):
+                self.fails(self.replay(auth + line), 1, "line 2", word)
+        self.fails(self.example("replay_connections.py", "/nix"), 1, "/nix")
+
+    def test_binding_refuses_what_does_not_fit(self):
+        self.start_ravod()
+        for field in ("action=2**31", "action=-2**31-1", "time=-1", "username='x'*1025",
+                      "username='a\\0b'", "username=5", "action='1'", "nix=1"):
+            with self.subTest(field=field):
+                result = self.binding(f"ravo.add_connection({field})")
+                self.assertEqual(result.returncode, 1)
+                self.assertIn(b"RavoError: ", result.stderr)
+        self.assertEqual(self.rows(), [])
+
+    def test_binding_lists_a_page(self):
+        self.start_ravod()
+        code = """
+for name in ("a", "b\\udcff", "c"): ravo.add_connection(username=name, uptime=ord(name[0]))
+rows, total = ravo.list_connections(count=2, order="uptime", descending=True)
+assert [row["username"] for row in rows] == ["c", "b\\udcff"] and total == 3, rows
+rows, total = ravo.list_connections(field="username", value="a")
+assert [row["id"] for row in rows] == [1], rows
+assert ravo.list_connections(count=0) == ([], 3)
+"""
+        self.succeed(self.binding(code))
+
+
+if __name__ == "__main__":
+    unittest.main()

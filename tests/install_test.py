@@ -1,0 +1,155 @@
+"""An installation in /usr/local that was made elsewhere. tests/install_test runs it."""
+import os
+import re
+import shutil
+import unittest
+
+from support.ravod import RavodTest
+
+PREFIX = "/usr/local"
+LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
+VERSION = "1.0.0"
+PROGRAMS = ["bin/ravoctl", "sbin/ravod"]
+FILES = sorted(
+    PROGRAMS
+    + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
+    + ["lib/libravod_core.a", "lib/systemd/system/ravod.service"]
+    + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
+    + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
+    + [f"lib/cmake/ravod/ravod{name}.cmake"
+       for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
+    + ["share/man/man1/ravoctl.1", "share/man/man3/ravo_api.3", "share/man/man8/ravod.8"]
+)
+CMAKE_PROJECT = """
+cmake_minimum_required(VERSION 3.25)
+project(user LANGUAGES C CXX)
+find_package(ravod 1.0 REQUIRED)
+add_executable(client client.c)
+target_link_libraries(client PRIVATE ravod::ravo_client)
+add_executable(bus bus.cpp)
+target_link_libraries(bus PRIVATE ravod::zbservice ravod::Ostra_config)
+"""
+BUS_PROGRAM = """
+#include <ostra_config.h>
+#include <zbservice.h>
+int main() {
+    zb_io* io = zb_io_create();
+    zb_io_free(io);
+    return Ini_Conf_Unlock_File(-1) < 0 ? 0 : 1;
+}
+"""
+
+
+def installed(folder):
+    """Paths of all files below the folder, relative to it."""
+    return sorted(os.path.relpath(os.path.join(where, name), folder)
+                  for where, _folders, names in os.walk(folder) for name in names)
+
+
+class install(RavodTest):
+    def setUp(self):
+        super().setUp()
+        os.environ["RAVOD"] = f"{PREFIX}/sbin/ravod"
+        os.environ["RAVOCTL"] = f"{PREFIX}/bin/ravoctl"
+        shutil.copytree(PREFIX, "/tmp/moved", symlinks=True)
+        self.addCleanup(shutil.rmtree, "/tmp/moved")
+        os.mkdir("/tmp/build")
+        self.addCleanup(shutil.rmtree, "/tmp/build")
+
+    def check(self, *command, **options):
+        result = self.run_program(*command, **options)
+        self.assertEqual(result.returncode, 0, result.stdout.decode() + result.stderr.decode())
+        return result.stdout.decode()
+
+    def test_everything_is_in_its_place_and_nothing_else(self):
+        found = [path for path in installed(PREFIX) if not path.startswith("share/doc/")]
+        self.assertEqual(found, FILES)
+        documents = installed(f"{PREFIX}/share/doc/ravod")
+        self.assertIn("LICENSE", documents)
+        self.assertIn("examples/record_and_list.c", documents)
+        self.assertIn("examples/data/openvpn-sessions.jsonl", documents)
+        self.assertFalse([path for path in documents if "__pycache__" in path])
+
+    def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
+        expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},
+                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES}}
+        for path, run_path in expected.items():
+            with self.subTest(path=path):
+                dynamic = self.check("readelf", "-d", f"{PREFIX}/{path}")
+                self.assertNotIn("(RPATH)", dynamic)
+                found = re.search(r"\(RUNPATH\) +Library runpath: \[(.*)\]", dynamic)
+                self.assertEqual(found and found[1], run_path)
+
+    def test_no_file_knows_where_it_was_built(self):
+        for path in installed(PREFIX):
+            if path.endswith((".pc", ".cmake", ".service")):
+                with open(f"{PREFIX}/{path}", encoding="utf-8") as file:
+                    self.assertNotIn(os.environ["TOP"], file.read(), path)
+
+    def test_programs_run_from_any_place(self):
+        self.start("/tmp/moved/sbin/ravod")
+        self.succeed(self.run_program("/tmp/moved/bin/ravoctl", "sessions", "add", "username=bob"))
+        self.assertIn("bob", self.succeed(self.ravoctl("sessions")))
+        self.assertIn("/tmp/moved/sbin/../lib/libzbservice.so.1", self.check("ldd", "/tmp/moved/sbin/ravod"))
+
+    def test_c_example_builds_with_pkg_config(self):
+        self.start_ravod()
+        for prefix in (PREFIX, "/tmp/moved"):
+            with self.subTest(prefix=prefix):
+                env = {**os.environ, "PKG_CONFIG_PATH": f"{prefix}/lib/pkgconfig"}
+                flags = self.check("pkg-config", "--cflags", "--libs", "ravo_client", env=env).split()
+                folders = [os.path.normpath(flag[2:]) for flag in flags if flag.startswith("-L")]
+                self.assertIn(f"{prefix}/lib", folders)
+                self.check("cc", "-std=c11", "-Wpedantic", "-Werror",
+                           f"{PREFIX}/share/doc/ravod/examples/record_and_list.c", "-o",
+                           "/tmp/build/example", *flags)
+                self.succeed(self.run_program("/tmp/build/example", "alice", env={
+                    **os.environ, "LD_LIBRARY_PATH": f"{prefix}/lib"}))
+
+    def test_every_library_has_its_pkg_config_file(self):
+        env = {**os.environ, "PKG_CONFIG_PATH": f"{PREFIX}/lib/pkgconfig"}
+        for name, library in (("ravo_client", "ravo_client"), ("zbservice", "zbservice"),
+                              ("ostra_config", "Ostra_config")):
+            self.assertEqual(self.check("pkg-config", "--modversion", name, env=env).strip(), VERSION)
+            self.assertIn(f"-l{library}", self.check("pkg-config", "--libs", name, env=env))
+
+    def test_cmake_finds_the_package(self):
+        self.start_ravod()
+        shutil.copy(f"{PREFIX}/share/doc/ravod/examples/record_and_list.c", "/tmp/build/client.c")
+        for name, text in (("CMakeLists.txt", CMAKE_PROJECT), ("bus.cpp", BUS_PROGRAM)):
+            with open(f"/tmp/build/{name}", "w", encoding="utf-8") as file:
+                file.write(text)
+        self.check("cmake", "-G", "Ninja", "-S", "/tmp/build", "-B", "/tmp/build/out",
+                   "-DCMAKE_PREFIX_PATH=/tmp/moved")
+        self.check("cmake", "--build", "/tmp/build/out")
+        self.assertIn("bob", self.succeed(self.run_program("/tmp/build/out/client", "bob")))
+        self.succeed(self.run_program("/tmp/build/out/bus"))
+
+    def test_library_path_of_the_operator_wins(self):
+        env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
+        for path in PROGRAMS + ["lib/libravo_client.so"]:
+            libraries = self.check("ldd", f"{PREFIX}/{path}", env=env)
+            self.assertIn(f"{os.environ['STANDIN']}/libzbservice.so.1", libraries)
+
+    def test_tool_works_on_a_bus_library_without_names_for_its_failures(self):
+        env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
+        self.assertNotIn("zb_strerror", self.check("nm", "-D", env["STANDIN"] + "/libzbservice.so.1"))
+        # Without a daemon: this library takes every call and answers it with nothing.
+        self.succeed(self.ravoctl("sessions", "add", "username=x", env=env))
+        self.fails(self.ravoctl("sessions", env=env), 4, "did not answer the query")
+
+    def test_unit_starts_the_installed_daemon(self):
+        with open(f"{PREFIX}/lib/systemd/system/ravod.service", encoding="utf-8") as file:
+            unit = file.read()
+        self.assertRegex(unit, r"\nType=notify\n")
+        self.assertRegex(unit, r"\nExecStart=/[^ \n]*/sbin/ravod\n")
+
+    def test_manual_pages_are_well_formed(self):
+        for page in ("man1/ravoctl.1", "man3/ravo_api.3", "man8/ravod.8"):
+            result = self.run_program("mandoc", "-Tlint", "-W", "warning",
+                                      f"{PREFIX}/share/man/{page}")
+            self.assertEqual((result.returncode, result.stdout), (0, b""), page)
+
+
+if __name__ == "__main__":
+    unittest.main()
