@@ -17,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "block_settings.h"
 #include "global_options.h"
 #include "nc_msg_db.h"
 #include "table_store.h"
@@ -39,36 +40,14 @@ constexpr int update_result_size = 64 * 1024;  // bytes of the UPDATE's second p
 
 // --- Settings -----------------------------------------------------------------------------------
 
-struct block_settings {
-    bool available = false;  // the settings service has answered
-    bool enabled = false;
-    int64_t limit = 0;
-    uint64_t block_seconds = 0;
-};
-
-// Minutes as whole seconds, toward zero. What 64 bits cannot hold is the nearest that they can.
-uint64_t whole_seconds(double minutes) {
-    constexpr double beyond = 18446744073709551616.0;  // 2^64
-    const double seconds = minutes * 60.0;
-    if (!(seconds > 0)) return 0;
-    return seconds >= beyond ? UINT64_MAX : static_cast<uint64_t>(seconds);
-}
-
 block_settings read_settings() {
-    json_t* request = json_pack("{s:s}", "path", "/etc/config/vpn_block.conf");
+    json_t* request = json_pack("{s:s}", "path", block_settings_path);
     char* text = json_dumps(request, 0);
     json_t* reply = ravo::easy_zb_call("vpncaas", "read_json", text);
     free(text);
     json_decref(request);
 
-    block_settings settings;
-    settings.available = reply != nullptr;
-    const json_t* global = json_object_get(json_object_get(reply, "data"), "global");
-    settings.enabled = json_is_true(json_object_get(global, "enable"));
-    if (settings.enabled) {
-        settings.limit = json_integer_value(json_object_get(global, "limit"));
-        settings.block_seconds = whole_seconds(json_number_value(json_object_get(global, "time")));
-    }
+    const block_settings settings = to_block_settings(reply);
     json_decref(reply);
     return settings;
 }
@@ -255,9 +234,7 @@ int check_privilege_user_block(char* username) {
     const std::optional<row> user = find_user(username);
     const time_t now = time(nullptr);
     if (!user || user->limit < settings.limit) return 0;
-    // Compared as doubles, so that a clock set back keeps a block.
-    const double elapsed = difftime(now, static_cast<time_t>(user->timestamp));
-    if (elapsed < static_cast<double>(settings.block_seconds)) return 1;
+    if (still_blocks(settings, user->timestamp, now)) return 1;
     delete_user(user->id, at);
     notify(ravo::nc_user_unblocked, user->username);
     return 0;

@@ -30,6 +30,7 @@
 
 #include "ravo_log.h"
 #include "ravo_records.h"
+#include "record_field.h"
 
 // --- Bounds -------------------------------------------------------------------------------------
 
@@ -50,27 +51,13 @@ inline constexpr int filter_value_size = 65536;          // bytes of any value t
 
 // --- Columns ------------------------------------------------------------------------------------
 
-enum class value_kind { text, int32, int64, uint64 };
-
-template <class Member>
-constexpr value_kind kind_of() {
-    if constexpr (std::is_array_v<Member>) return value_kind::text;
-    if constexpr (std::is_same_v<Member, int32_t>) return value_kind::int32;
-    if constexpr (std::is_same_v<Member, int64_t>) return value_kind::int64;
-    if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
-}
-
-// One column after id, and the field of the row record that fills it.
+// One column after id, and the field of the row record that fills it (see FIELD).
 struct column {
     const char* name;
     value_kind kind;
     size_t offset;
     size_t size;
 };
-
-// A record's field as the rest of a column: kind, offset and size come from the member itself.
-#define FIELD(record, member) \
-    kind_of<decltype(record::member)>(), offsetof(record, member), sizeof(record::member)
 
 // How a kind is written in CREATE and, as a conversion, in INSERT and UPDATE.
 struct value_format {
