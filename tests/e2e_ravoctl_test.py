@@ -2,7 +2,9 @@
 import json
 import os
 import re
+import shutil
 import socket
+import sqlite3
 import struct
 import subprocess
 import threading
@@ -36,7 +38,18 @@ TABLES = {
         "uuid": 1024, "username": 1024, "sid": 1024, "device_name": 1023, "expire_time": UINT64,
         "time": UINT64,
     },
+    "devices": {
+        "ip": 1024, "mac": 1024, "vossid": 1024, "user_id": 1024, "dev_name": 1024, "nic": 1024,
+        "time": UINT64,
+    },
 }
+VERBS = dict.fromkeys(TABLES, "add") | {"devices": "register"}
+UUID = r"[0-9a-f]{32}%R\?\n"
+
+SETTINGS = "/etc/config/vpn_block.conf"
+NOTIFICATIONS = "/var/log/network/notifications.jsonl"
+NOTIFIER = "/usr/local/sbin/notify"
+AWAIT = os.path.join(os.path.dirname(__file__), "..", "tools", "await")
 
 
 def is_text(kind):
@@ -74,7 +87,8 @@ class Closing:
 
 class ravoctl(RavodTest):
     def add(self, table, *words):
-        self.assertEqual(self.succeed(self.ravoctl(table, "add", *words)), "")
+        output = self.succeed(self.ravoctl(table, VERBS[table], *words))
+        self.assertRegex(output, "^" + (UUID if table == "devices" else "") + "$")
 
     def table(self, *arguments):
         return self.succeed(self.ravoctl(*arguments)).splitlines()
@@ -88,6 +102,47 @@ class ravoctl(RavodTest):
     def add_five(self):
         for name in ("eve", "bob", "dan", "alice", "carol"):
             self.add("sessions", f"username={name}", f"uptime={len(name)}")
+
+    def start_limiter(self, **settings):
+        """Everything that the limiter needs; the settings are members of the file."""
+        self.set_limiter(**settings)
+        os.makedirs(os.path.dirname(NOTIFIER), exist_ok=True)
+        shutil.copy(os.environ["NOTIFY"], NOTIFIER)
+        vpncaas = self.start(os.environ["VPNCAAS"])
+        self.start_ravod()
+        return vpncaas
+
+    def set_limiter(self, **settings):
+        with open(SETTINGS, "w", encoding="utf-8") as file:
+            json.dump({"global": settings}, file)
+
+    def put_counter(self, name, count, timestamp):
+        """Stores a counter as the daemon would have at that time."""
+        with sqlite3.connect(DATABASE) as database:
+            database.execute("INSERT INTO privilege_user_block (username, limit_count, timestamp)"
+                             " VALUES (?, ?, ?)", (name, count, timestamp))
+        database.close()
+
+    def fail_login(self, *names):
+        for name in names:
+            self.assertEqual(self.succeed(self.ravoctl("blocks", "fail", "--", name)), "")
+
+    def counters(self, *arguments):
+        return self.json("blocks", *arguments)["rows"]
+
+    def states(self):
+        return {row["username"]: (row["limit_count"], row["state"]) for row in self.counters()}
+
+    def check(self, *arguments):
+        """Exit status and standard output of a check that complains of nothing."""
+        result = self.ravoctl("blocks", "check", *arguments)
+        self.assertEqual(result.stderr, b"")
+        return result.returncode, result.stdout.decode()
+
+    def notified(self, text, *arguments):
+        """Runs ravoctl, and waits for a notification that it leads to."""
+        command = [AWAIT, "text", NOTIFICATIONS, text, os.environ["RAVOCTL"], *arguments]
+        self.assertEqual(self.succeed(self.run_program("/usr/bin/python3", "-B", *command)), "")
 
     # --- Listing ---
 
@@ -191,6 +246,7 @@ class ravoctl(RavodTest):
         self.add(table, *(f"{name}={value}" for name, value in expected.items()))
         row = self.json(table, "--desc", "--per-page", "1")["rows"][0]
         row.pop("id")
+        row.pop("dev_uuid", None)
         self.assertEqual(row, expected)
 
     def test_every_field_reads_back_at_both_ends_of_its_range(self):
@@ -212,7 +268,7 @@ class ravoctl(RavodTest):
                     bad = {str(low - 1): limits, str(high + 1): limits, "": limits, "1x": limits}
                 for text, words in bad.items():
                     with self.subTest(table=table, field=name, text=text[:30]):
-                        result = self.ravoctl(table, "add", f"{name}={text}")
+                        result = self.ravoctl(table, VERBS[table], f"{name}={text}")
                         self.fails(result, 1, name, words)
             self.assertEqual(self.table(table), ["no rows; the table has 0"])
 
@@ -250,7 +306,9 @@ class ravoctl(RavodTest):
             (b"\xff\xc3", r"\xFF\xC3"), (b"\xc2\x9b2J", r"\xC2\x9B2J"), (b"a\\n", r"a\\n"),
             (b"\xc0\xaf", r"\xC0\xAF"), (b"\xed\xa0\x80", r"\xED\xA0\x80"),
             (b"\xf4\x90\x80\x80", r"\xF4\x90\x80\x80"), (b"a\xe2\x80\xaeb", r"a\xE2\x80\xAEb"),
-            (b"\xe2\x80\xa8", r"\xE2\x80\xA8"), ("zoë €𝄞".encode(), "zoë €𝄞"),
+            (b"\xe2\x80\xa8", r"\xE2\x80\xA8"), (b"\xf8\x88\x80\x80\x80", r"\xF8\x88\x80\x80\x80"),
+            (b"\xef\xbb\xbf", r"\xEF\xBB\xBF"), (b"\xd8\x9c", r"\xD8\x9C"),
+            ("zoë €𝄞".encode(), "zoë €𝄞"),
         ):
             with self.subTest(raw=raw):
                 self.add("servers", b"username=" + raw)
@@ -261,6 +319,18 @@ class ravoctl(RavodTest):
         result = self.ravoctl("sessions", "add", b"\x1b[31m=1")
         self.fails(result, 1, r"\x1B[31m")
         self.assertNotIn(b"\x1b", result.stderr)
+        for words in (["sessions", b"\x1b[31m"], ["sessions", b"--\x1b[31m"],
+                      ["blocks", "fail", "a", b"\x1b[31m"]):
+            result = self.ravoctl(*words)
+            self.assertIn(rb"\x1B[31m", result.stderr)
+            self.assertNotIn(b"\x1b", result.stderr)
+
+    def test_characters_are_known_in_every_locale(self):
+        self.start_ravod()
+        self.add("sessions", "username=zoë")
+        for locale in ("C", "POSIX", "nix"):
+            environment = {**os.environ, "LC_ALL": locale}
+            self.assertIn(" zoë ", self.succeed(self.ravoctl("sessions", env=environment)))
 
     def test_columns_line_up_behind_characters_of_any_width(self):
         self.start_ravod()
@@ -273,7 +343,7 @@ class ravoctl(RavodTest):
         self.start_ravod()
         self.add("sessions", "username=" + "é" * 512, "outgoing=tun7")
         narrow = self.table("sessions")
-        self.assertIn("  " + "é" * 31 + "…  ", narrow[1])
+        self.assertIn("  " + "é" * 34 + "…  ", narrow[1])
         self.assertNotIn("tun7", narrow[1])
         wide = self.table("sessions", "--wide")
         self.assertIn("é" * 512, wide[1])
@@ -303,8 +373,11 @@ class ravoctl(RavodTest):
         for table in TABLES:
             self.fails(self.ravoctl(table), 3, "not reachable")
             self.fails(self.ravoctl(table, "--json"), 3, "not reachable")
-            self.fails(self.ravoctl(table, "add", "username=x"), 3, "not reachable")
-        self.fails(self.ravoctl("call", "db_event_insert"), 3, "not reachable")
+            word = "mac=x" if table == "devices" else "username=x"
+            self.fails(self.ravoctl(table, VERBS[table], word), 3, "not reachable")
+        for command in (["call", "db_event_insert"], ["uuid"], ["blocks"], ["blocks", "check", "x"],
+                        ["blocks", "fail", "x"], ["blocks", "lift", "x"], ["blocks", "lift", "--all"]):
+            self.fails(self.ravoctl(*command), 3, "not reachable")
 
     def test_wrong_usage_needs_no_daemon(self):
         for arguments in ([], ["nix"], ["--nix"], ["call"], ["sessions", "--order", "nix"]):
@@ -315,7 +388,9 @@ class ravoctl(RavodTest):
         self.addCleanup(closing.stop)
         self.fails(self.ravoctl("sessions"), 4, "no answer")
         self.fails(self.ravoctl("sessions", "add", "username=x"), 4, "no answer")
-        self.fails(self.ravoctl("call", "db_event_insert"), 4, "no answer")
+        for command in (["call", "db_event_insert"], ["uuid"], ["blocks"], ["blocks", "check", "x"],
+                        ["blocks", "fail", "x"], ["blocks", "lift", "x"], ["blocks", "lift", "--all"]):
+            self.fails(self.ravoctl(*command), 4, "no answer")
 
     def test_rows_that_could_not_be_counted_are_told(self):
         with open(DATABASE, "wb") as database:
@@ -328,6 +403,161 @@ class ravoctl(RavodTest):
         result = self.ravoctl("sessions", "--json")
         self.assertEqual(result.returncode, 4)
         self.assertIsNone(json.loads(result.stdout)["total"])
+
+    # --- Devices and UUIDs ---
+
+    def test_registering_a_known_mac_again_keeps_its_uuid(self):
+        self.start_ravod()
+        first = self.succeed(self.ravoctl("devices", "register", "mac=a", "dev_name=old"))
+        other = self.succeed(self.ravoctl("devices", "register", "mac=b"))
+        again = self.succeed(self.ravoctl("devices", "register", "mac=a", "dev_name=new"))
+        self.assertEqual(first, again)
+        self.assertNotEqual(first, other)
+        rows = self.json("devices")["rows"]
+        self.assertEqual([(row["mac"], row["dev_name"]) for row in rows], [("b", ""), ("a", "new")])
+        self.assertEqual([row["dev_uuid"] + "\n" for row in rows], [other, again])
+        self.assertIn("  " + first.strip() + "  ", self.table("devices")[2])
+
+    def test_device_without_mac_or_with_a_uuid_of_its_own_is_refused(self):
+        self.start_ravod()
+        for words, *expected in ((["ip=1"], "mac"), (["mac="], "mac"), (["dev_uuid=x", "mac=a"], "dev_uuid")):
+            self.fails(self.ravoctl("devices", "register", *words), 1, *expected)
+        self.assertEqual(self.json("devices")["total"], 0)
+
+    def test_device_that_was_not_stored_is_a_failure(self):
+        self.start_ravod()
+        spoiled = struct.pack("=qqqq", 0, 1, 0, 0) + b"nix".ljust(1025, b"\0") + b"x"
+        self.ravoctl("call", "db_device_info_query", "--hex", spoiled.ljust(QUERY_SIZE, b"\0").hex())
+        self.fails(self.ravoctl("devices", "register", "mac=a"), 4, "could not store", "log")
+
+    def test_uuid_is_fresh_each_time(self):
+        self.start_ravod()
+        texts = [self.succeed(self.ravoctl("uuid")) for _ in range(2)]
+        self.assertNotEqual(*texts)
+        for text in texts:
+            self.assertRegex(text, f"^{UUID}$")
+        self.assertEqual(self.json("devices")["total"], 0)
+
+    # --- Blocks ---
+
+    def test_user_is_blocked_at_the_limit_and_free_when_lifted(self):
+        self.start_limiter(enable=True, limit=3, time=5)
+        self.assertEqual(self.check("mallory"), (0, "mallory is not blocked\n"))
+        self.fail_login("mallory", "mallory")
+        self.assertEqual(self.check("mallory"), (0, "mallory is not blocked\n"))
+        self.notified("mallory has been blocked", "blocks", "fail", "mallory")
+        self.assertEqual(self.check("mallory"), (1, "mallory is blocked\n"))
+        self.notified("Unblock the user: Username: mallory.", "blocks", "lift", "mallory")
+        self.assertEqual(self.check("mallory"), (0, "mallory is not blocked\n"))
+        self.assertEqual(self.counters(), [])
+
+    def test_lift_takes_several_users_or_all(self):
+        self.start_limiter(enable=True, limit=9, time=5)
+        self.fail_login("a", "b", "c", "d")
+        self.assertEqual(self.succeed(self.ravoctl("blocks", "lift", "a", "c", "nobody")), "")
+        self.assertEqual(list(self.states()), ["b", "d"])
+        self.assertEqual(self.succeed(self.ravoctl("blocks", "lift", "--all")), "")
+        self.assertEqual(self.table("blocks"), ["no rows; the table has 0"])
+
+    def test_blocks_tell_until_when_and_how_long(self):
+        self.start_limiter(enable=True, limit=3, time=2.5)
+        now = int(time.time())
+        for name, count, age in (("counting", 2, 0), ("blocked", 3, 0), ("past", 2**31 - 1, 60),
+                                 ("out", 3, 150), ("past and out", 4, 10**6), ("ahead", 3, -1000)):
+            self.put_counter(name, count, now - age)
+        rows = {row.pop("username"): row for row in self.counters()}
+        passed = int(time.time()) - now
+        for name, state, end in (("blocked", "blocked", 150), ("past", "blocked", 90),
+                                 ("out", "run out", 0), ("past and out", "run out", 150 - 10**6),
+                                 ("ahead", "blocked", 1150)):
+            with self.subTest(name=name):
+                self.assertEqual((rows[name]["state"], rows[name]["until"]), (state, now + end))
+                left = max(end, 0)
+                self.assertTrue(max(left - passed, 0) <= rows[name]["left"] <= left)
+        self.assertEqual(rows["counting"], {"id": 1, "limit_count": 2, "timestamp": now,
+                                            "state": "counting", "until": None, "left": None})
+
+    def test_blocks_table_shows_times_and_leaves_cells_without_one_empty(self):
+        self.start_limiter(enable=True, limit=3, time=60 * 24 * 365 * 100)
+        self.put_counter("bob", 3, 1795222858)
+        self.put_counter("eve", 1, 1795222858)
+        heading, bob, eve, last = self.table("blocks")
+        self.assertEqual(heading.split(), ["username", "limit_count", "timestamp", "state", "until", "left"])
+        self.assertRegex(bob, r"^bob +3  2026-11-21T01:00:58Z  blocked +2126-10-28T01:00:58Z  \d+:\d\d:\d\d$")
+        self.assertRegex(eve, r"^eve +1  2026-11-21T01:00:58Z  counting$")
+        self.assertEqual(last, "rows 1-2 of 2")
+
+    def test_end_of_a_block_beyond_all_times_is_the_last_time(self):
+        self.start_limiter(enable=True, limit=1, time=1e300)
+        self.put_counter("bob", 1, 1795222858)
+        row = self.counters()[0]
+        self.assertEqual((row["state"], row["until"]), ("blocked", 2**63 - 1))
+
+    def test_states_follow_the_settings_at_once(self):
+        vpncaas = self.start_limiter(enable=True, limit=3, time=5)
+        self.put_counter("bob", 2, int(time.time()))
+        for settings, state in (({"enable": True, "limit": 2, "time": 5}, "blocked"),
+                                ({"enable": True, "limit": 2}, "run out"),
+                                ({"enable": True, "limit": "3", "time": 5}, "blocked"),
+                                ({"enable": 1, "limit": 2, "time": 5}, "limiter off"),
+                                ({}, "limiter off")):
+            with self.subTest(settings=settings):
+                self.set_limiter(**settings)
+                self.assertEqual(self.states(), {"bob": (2, state)})
+        os.remove(SETTINGS)
+        self.check_unknown("could not read " + SETTINGS)
+        vpncaas.stop()
+        self.check_unknown("vpncaas is not reachable")
+
+    def check_unknown(self, reason):
+        """The list and the check work, and say on standard error that the settings are missing."""
+        result = self.ravoctl("blocks", "--json")
+        self.assertEqual(result.returncode, 0)
+        row = json.loads(result.stdout)["rows"][0]
+        self.assertEqual((row["state"], row["until"]), ("settings unknown", None))
+        self.assertIn(reason, result.stderr.decode())
+        result = self.ravoctl("blocks", "check", "bob")
+        self.assertEqual((result.returncode, result.stdout), (0, b"bob is not blocked\n"))
+        self.assertIn(reason, result.stderr.decode())
+        self.assertIn("blocks nobody", result.stderr.decode())
+
+    def test_blocks_are_paged_sorted_and_filtered_by_the_columns_of_the_table(self):
+        self.start_limiter(enable=True, limit=2, time=5)
+        self.fail_login("b", "a", "a", "c", "c", "c")
+        names = [row["username"] for row in self.counters("--order", "limit_count", "--desc")]
+        self.assertEqual(names, ["c", "a", "b"])
+        self.assertEqual([row["state"] for row in self.counters("--filter", "limit_count=3")], ["blocked"])
+        self.assertEqual([row["username"] for row in self.counters("--page", "2", "--per-page", "2")], ["c"])
+        for arguments in (["--order", "state"], ["--filter", "left=1"], ["--order", "nix"]):
+            self.fails(self.ravoctl("blocks", *arguments), 2, arguments[1].split("=")[0])
+
+    def test_any_name_can_be_counted_checked_and_lifted(self):
+        self.start_limiter(enable=True, limit=1, time=5)
+        names = ["-h", "--all", "--", "[a,b]", "{}", "", " ", "check", "lift", "sessions", "call", "o'brien",
+                 "zoë", '"', "\\", "$(x)", "*"]
+        self.fail_login(*names)
+        self.assertEqual(self.states(), {name: (1, "blocked") for name in names})
+        for name in names:
+            with self.subTest(name=name):
+                self.assertEqual(self.check("--", name)[0], 1)
+                if not name.startswith("-"):
+                    self.assertEqual(self.check(name)[0], 1)
+        self.assertEqual(self.succeed(self.ravoctl("blocks", "lift", "--", *names)), "")
+        self.assertEqual(self.states(), {})
+
+    def test_names_that_disturb_a_terminal_are_escaped(self):
+        self.start_limiter(enable=True, limit=1, time=5)
+        self.fail_login(b"a\x1b[31m\xff")
+        self.assertEqual(self.check(b"a\x1b[31m\xff"), (1, r"a\x1B[31m\xFF is blocked" + "\n"))
+        self.assertTrue(self.table("blocks")[1].startswith(r"a\x1B[31m\xFF "))
+        self.assertEqual(self.counters()[0]["username_hex"], b"a\x1b[31m\xff".hex())
+
+    def test_wrong_usage_of_blocks_is_not_taken_for_a_block(self):
+        for arguments in (["check"], ["check", "a", "b"], ["check", "-a"], ["check", "--nix", "a"],
+                          ["chekc", "a"], ["fail"], ["lift"], ["lift", "a", "--all"], ["lift", "--nix"],
+                          ["--page", "0"]):
+            with self.subTest(arguments=arguments):
+                self.fails(self.ravoctl("blocks", *arguments), 2)
 
     # --- Calling by hand ---
 
@@ -389,8 +619,8 @@ class ravoctl(RavodTest):
     def test_help_names_every_field_and_what_fits_into_it(self):
         self.assertIn("Exit status", self.succeed(self.ravoctl("--help")))
         for table, fields in TABLES.items():
-            text = self.succeed(self.ravoctl(table, "add", "--help"))
-            self.assertNotRegex(text, r"\n  id ")
+            text = self.succeed(self.ravoctl(table, VERBS[table], "--help"))
+            self.assertNotRegex(text, r"\n  (id|dev_uuid) ")
             for name, kind in fields.items():
                 fits = str(kind) if is_text(kind) else "{} to {}".format(*EXTREMES[kind])
                 self.assertTrue(re.search(rf"\n  {name} .*{fits}", text), name)

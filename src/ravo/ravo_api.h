@@ -1,4 +1,5 @@
-/* Client functions of ravod: record VPN connections and server list entries, and read them back.
+/* Client functions of ravod: record VPN connections and server list entries, register devices,
+ * count failed logins, and read all of it back.
  *
  * What holds for every function:
  *
@@ -77,6 +78,58 @@ int delete_server_list(db_delete_cond* cond);
 
 /* Deletes every entry. */
 int clean_server_list(void);
+
+/* --- The device registry, kept while the daemon runs ----------------------------------------- */
+
+/* Registers a device and reads the UUID that its mac has in the registry: a fresh one for a new
+ * mac, the one it had for a known mac, whose row is replaced. data->dev_uuid is not used.
+ *
+ * get_data  on success an identifier of 35 characters, or an empty text when the daemon could not
+ *           store the device; untouched when the call fails.
+ *
+ * An empty mac is answered with the UUID of the oldest device in the registry. */
+int add_device_info(db_device_info_data* data, ravo_mobile_gen_uuid_data_get* get_data);
+
+/* Reads one page of the 100000 newest devices. */
+int list_device_info(db_query_cond* cond, db_device_info_query** query);
+
+/* Deletes the device with the condition's id. */
+int delete_device_info(db_delete_cond* cond);
+
+/* Deletes every device. */
+int clean_device_info(void);
+
+/* Reads a fresh UUID of 35 characters, of which the daemon keeps no record.
+ *
+ * set_datas  sent and not read by the daemon.
+ * get_datas  *get_datas is the caller's record: filled on success, with 36 zero bytes when the
+ * daemon has no source of UUIDs; left as it was when the call fails, so zero it first.
+ *
+ * Returns 0 always. */
+int ravo_mobile_gen_ravo_uuid(ravo_mobile_gen_uuid_data_set* set_datas,
+                              ravo_mobile_gen_uuid_data_get** get_datas);
+
+/* --- The login-attempt limiter ---------------------------------------------------------------- */
+
+/* The limit, the block time and the switch are settings of the service "vpncaas"; the daemon asks
+ * for them at each of these calls and may need up to 5 seconds for that. User names are compared
+ * byte for byte, by their first 1024 bytes. */
+
+/* Counts one failed login of a user. */
+int add_privilege_user_block(char* username);
+
+/* Reads one page of the 100000 newest counters. A call that fails is logged. */
+int list_privilege_user_block(db_query_cond* cond, db_privilege_user_block_query** block_query);
+
+/* Forgets a user's count, and so lifts a block. An unknown name is no failure. */
+int delete_privilege_user_block(char* username);
+
+/* Asks whether a user is blocked now. Returns 1 when blocked; 0 when not, and also when the
+ * settings cannot be read; the bus's negative result, which is logged, when the call fails. */
+int check_privilege_user_block(char* username);
+
+/* Forgets every count, and so lifts every block. */
+int clean_privilege_user_block(void);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -14,8 +14,10 @@
 
 #include "ravo_log.h"
 #include "ravod_db_conn_client_handler.h"
+#include "ravod_db_device_info_handler.h"
 #include "ravod_db_handler.h"
 #include "ravod_db_list_handler.h"
+#include "ravod_db_privilege_user_block_handler.h"
 #include "ravod_handler.h"
 #include "zbservice.h"
 
@@ -246,12 +248,16 @@ void create_tables() {
     (void)create_conn_server_log_db();
     (void)create_conn_client_log_db();
     (void)create_server_list_db();
+    (void)create_device_info_db();
+    (void)create_privilege_user_block_db();
 }
 
+// Deliberate: the device registry is not finished.
 void finish_tables() {
     (void)finish_conn_server_log_db();
     (void)finish_conn_client_log_db();
     (void)finish_server_list_db();
+    (void)finish_privilege_user_block_db();
 }
 
 // Serves until a stop signal. An endpoint that cannot be created ends the service at once; the bus

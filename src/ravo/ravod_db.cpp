@@ -3,12 +3,16 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "ravo_records.h"
 #include "ravod_db_conn_client_handler.h"
+#include "ravod_db_device_info_handler.h"
 #include "ravod_db_event_handler.h"
 #include "ravod_db_handler.h"
 #include "ravod_db_list_handler.h"
+#include "ravod_db_privilege_user_block_handler.h"
+#include "ravod_mobile.h"
 
 namespace {
 
@@ -59,11 +63,24 @@ int reply_rows(zb_io* io, Query* result) {
     return 0;
 }
 
-// A zero-filled header for a query's result; null when there is no memory. A function of its own, so
-// that the leak below has a name of its own.
+// A zero-filled header for a query's result; null when there is no memory. A function of its own,
+// so that the leak below has a name of its own.
 template <class Query>
 Query* new_result() {
     return static_cast<Query*>(calloc(1, sizeof(Query)));
+}
+
+// The buffer's own bytes as a text: a zero byte follows every payload.
+char* read_text(zb_io* io) { return static_cast<char*>(zb_io_read(io, nullptr)); }
+
+// A write whose request is a user name.
+int do_named(zb_io* io, int (*store)(char*)) { return acknowledge(io, store(read_text(io))); }
+
+int reply_bytes(zb_io* io, const void* bytes, size_t size) {
+    zb_io_realloc(io, 0);
+    if (zb_io_write(io, bytes, size) != 0) return refuse(io);
+    zb_reply(io);
+    return 0;
 }
 
 template <class Query>
@@ -100,3 +117,59 @@ int db_server_list_insert_handler(zb_io* io) { return do_write(io, insert_server
 int db_server_list_query_handler(zb_io* io) { return do_query(io, select_server_list); }
 int db_server_list_delete_handler(zb_io* io) { return do_write(io, delete_server_list); }
 int db_server_list_clean_handler(zb_io* io) { return acknowledge(io, clean_server_list()); }
+
+namespace {
+
+// Makes the UUID the one that the registry holds for the mac; an empty text when it holds none.
+// Deliberate: an empty mac is looked up without a filter, which finds the oldest visible device.
+int look_up_uuid(const db_device_info_data& device, ravo_mobile_gen_uuid_data_get& uuid) {
+    db_query_cond cond = {};
+    cond.count = 1;
+    strcpy(cond.field, "mac");
+    memcpy(cond.value, device.mac, sizeof cond.value);
+    db_device_info_query found = {};
+    db_device_info_query* result = &found;
+    const int status = select_device_info(&cond, &result);
+    uuid = {};
+    if (found.count > 0) {
+        const char* stored = found.data[0].dev_uuid;
+        memcpy(uuid.ravo_uuid, stored, strnlen(stored, sizeof uuid.ravo_uuid - 1));
+    }
+    free(found.data);
+    return status;
+}
+
+}  // namespace
+
+int db_device_info_insert_handler(zb_io* io) {
+    db_device_info_data device;
+    if (!read_record(io, device)) return refuse(io);
+    ravo_mobile_gen_uuid_data_get uuid = {};
+    (void)ravo_uuid_gen(uuid.ravo_uuid);
+    // Whatever the client has put there is never used.
+    memset(device.dev_uuid, 0, sizeof device.dev_uuid);
+    memcpy(device.dev_uuid, uuid.ravo_uuid, sizeof uuid.ravo_uuid);
+    if (insert_device_info(&device) != 0) return refuse(io);
+    if (look_up_uuid(device, uuid) != 0) return refuse(io);
+    return reply_bytes(io, &uuid, sizeof uuid);
+}
+int db_device_info_query_handler(zb_io* io) { return do_query(io, select_device_info); }
+int db_device_info_delete_handler(zb_io* io) { return do_write(io, delete_device_info); }
+int db_device_info_clean_handler(zb_io* io) { return acknowledge(io, clean_device_info()); }
+
+int db_privilege_user_block_insert_handler(zb_io* io) {
+    return do_named(io, insert_privilege_user_block);
+}
+int db_privilege_user_block_query_handler(zb_io* io) {
+    return do_query(io, select_privilege_user_block);
+}
+int db_privilege_user_block_delete_handler(zb_io* io) {
+    return do_named(io, delete_privilege_user_block);
+}
+int db_privilege_user_block_clean_handler(zb_io* io) {
+    return acknowledge(io, clean_privilege_user_block());
+}
+int db_privilege_user_block_check_handler(zb_io* io) {
+    const std::string result = std::to_string(check_privilege_user_block(read_text(io)));
+    return reply_bytes(io, result.data(), result.size());
+}

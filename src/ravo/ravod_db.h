@@ -26,4 +26,18 @@ int db_server_list_query_handler(zb_io* io);
 int db_server_list_delete_handler(zb_io* io);
 int db_server_list_clean_handler(zb_io* io);
 
+// Registers a device: its record in, the 36-byte UUID that its mac has in the registry out.
+int db_device_info_insert_handler(zb_io* io);
+int db_device_info_query_handler(zb_io* io);
+int db_device_info_delete_handler(zb_io* io);
+int db_device_info_clean_handler(zb_io* io);
+
+// Their requests, but the query's, are user names of any length.
+int db_privilege_user_block_insert_handler(zb_io* io);
+int db_privilege_user_block_query_handler(zb_io* io);
+int db_privilege_user_block_delete_handler(zb_io* io);
+int db_privilege_user_block_clean_handler(zb_io* io);
+// Always replies, with the decimal text of the result.
+int db_privilege_user_block_check_handler(zb_io* io);
+
 #endif  // RAVOD_DB_H

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "ravod_db.h"
+#include "ravod_mobile.h"
 
 // The registry stands before any ordinary static object of the program is built: the map first, its
 // entries next. Smaller priorities come first, and those up to 100 belong to the compiler.
@@ -28,6 +29,16 @@ namespace {
     list["db_server_list_query"] = db_server_list_query_handler;
     list["db_server_list_del"] = db_server_list_delete_handler;
     list["db_server_list_clean"] = db_server_list_clean_handler;
+    list["db_device_info_insert"] = db_device_info_insert_handler;
+    list["db_device_info_query"] = db_device_info_query_handler;
+    list["db_device_info_del"] = db_device_info_delete_handler;
+    list["db_device_info_clean"] = db_device_info_clean_handler;
+    list["ravo_mobile_gen_ravo_uuid"] = ravo_mobile_gen_ravo_uuid;
+    list["db_privilege_user_block_insert"] = db_privilege_user_block_insert_handler;
+    list["db_privilege_user_block_query"] = db_privilege_user_block_query_handler;
+    list["db_privilege_user_block_del"] = db_privilege_user_block_delete_handler;
+    list["db_privilege_user_block_clean"] = db_privilege_user_block_clean_handler;
+    list["db_privilege_user_block_check"] = db_privilege_user_block_check_handler;
 }
 
 }  // namespace

@@ -30,6 +30,7 @@
 
 #include "ravo_log.h"
 #include "ravo_records.h"
+#include "record_field.h"
 
 // --- Bounds -------------------------------------------------------------------------------------
 
@@ -50,27 +51,13 @@ inline constexpr int filter_value_size = 65536;          // bytes of any value t
 
 // --- Columns ------------------------------------------------------------------------------------
 
-enum class value_kind { text, int32, int64, uint64 };
-
-template <class Member>
-constexpr value_kind kind_of() {
-    if constexpr (std::is_array_v<Member>) return value_kind::text;
-    if constexpr (std::is_same_v<Member, int32_t>) return value_kind::int32;
-    if constexpr (std::is_same_v<Member, int64_t>) return value_kind::int64;
-    if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
-}
-
-// One column after id, and the field of the row record that fills it.
+// One column after id, and the field of the row record that fills it (see FIELD).
 struct column {
     const char* name;
     value_kind kind;
     size_t offset;
     size_t size;
 };
-
-// A record's field as the rest of a column: kind, offset and size come from the member itself.
-#define FIELD(record, member) \
-    kind_of<decltype(record::member)>(), offsetof(record, member), sizeof(record::member)
 
 // How a kind is written in CREATE and, as a conversion, in INSERT and UPDATE.
 struct value_format {
@@ -425,11 +412,12 @@ inline int clean_table(table_state& t, const call_site& at) {
 
 // Fences in the page statement of a query with a filter, whose column is text from outside that
 // SQLite would run as any SQL: for its lifetime the open connection only reads the module's own
-// table, values stay small, and the statement is interrupted when it takes too long. A denial is a
-// failed statement like any other.
+// table, values stay small, and the statement is ended when it delivers too many rows or takes too
+// long. A denial is a failed statement like any other.
 class filter_fence {
   public:
-    explicit filter_fence(const table_state& table) : t(table), db(table.__db__) {
+    filter_fence(const table_state& table, row_callback callback, void* callback_arg)
+        : t(table), db(table.__db__), on_row(callback), arg(callback_arg) {
         if (db == nullptr) return;
         sqlite3_set_authorizer(db, authorize, this);
         sqlite3_progress_handler(db, filter_check_steps, is_overdue, this);
@@ -443,6 +431,15 @@ class filter_fence {
     }
     filter_fence(const filter_fence&) = delete;
     filter_fence& operator=(const filter_fence&) = delete;
+
+    // The row callback of the fenced statement: hands rows on, and ends a statement that delivers
+    // more than any page has, since a filter's text can cut off the LIMIT behind it.
+    static int pass_row(void* fence, int num_fields, char** p_fields, char** p_col_names) {
+        auto& self = *static_cast<filter_fence*>(fence);
+        if (self.rows_left == 0) return -1;
+        --self.rows_left;
+        return self.on_row(self.arg, num_fields, p_fields, p_col_names);
+    }
 
   private:
     using clock = std::chrono::steady_clock;
@@ -464,6 +461,9 @@ class filter_fence {
 
     const table_state& t;
     sqlite3* const db;
+    const row_callback on_row;
+    void* const arg;
+    int64_t rows_left = visible_rows;
     const clock::time_point end = clock::now() + filter_budget;
     int value_size = 0;
 };
@@ -475,7 +475,6 @@ struct row_collector {
     char* data;
     uint64_t count;
     uint64_t capacity;
-    uint64_t limit = UINT64_MAX;  // rows after which the statement is ended
 };
 
 inline void read_text(char* array, size_t size, const char* text) {
@@ -517,21 +516,27 @@ inline bool make_room(row_collector& rows) {
     return true;
 }
 
-// Appends one row; a row for which there is no memory is dropped. Returns 0, but ends a statement
-// that delivers more rows than its limit.
-inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
-    auto& rows = *static_cast<row_collector*>(p_data);
-    if (rows.count >= rows.limit) return -1;
-    if (!make_room(rows)) return 0;
-    const std::span<char*> values(p_fields, static_cast<size_t>(num_fields));
+// Fills a record's fields from a row. A row that is too short ends in columns without a value.
+inline void read_row(std::span<const column> columns, std::span<char*> values, char* record) {
     const auto value = [&](size_t n) { return n < values.size() ? values[n] : nullptr; };
+    write_value<int64_t>(record, parse_int32(value(0)));  // deliberate: an id is narrowed, too
+    for (size_t n = 0; n < columns.size(); ++n) read_field(columns[n], value(n + 1), record);
+}
+
+// Appends one row. False: there was no memory for it, and it is dropped.
+inline bool append_row(row_collector& rows, std::span<char*> values) {
+    if (!make_room(rows)) return false;
     char* record = rows.data + rows.count * rows.row_size;
     memset(record, 0, rows.row_size);
-    write_value<int64_t>(record, parse_int32(value(0)));  // deliberate: an id is narrowed, too
-    for (size_t n = 0; n < rows.columns.size(); ++n) {
-        read_field(rows.columns[n], value(n + 1), record);
-    }
+    read_row(rows.columns, values, record);
     ++rows.count;
+    return true;
+}
+
+// The row callback of a page. Returns 0 always.
+inline int select_callback(void* p_data, int num_fields, char** p_fields, char** /*p_col_names*/) {
+    auto& rows = *static_cast<row_collector*>(p_data);
+    (void)append_row(rows, {p_fields, static_cast<size_t>(num_fields)});
     return 0;
 }
 
@@ -558,7 +563,7 @@ inline sql_text filter_text(const db_query_cond& cond) {
                static_cast<int>(sizeof cond.value - 1), cond.value);
 }
 
-inline void select_page(table_state& t, const db_query_cond& cond, row_collector& rows,
+inline void select_page(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
                         const call_site& at) {
     const int64_t limit = cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
     const int64_t first_id = first_visible_id(t, at);
@@ -569,13 +574,12 @@ inline void select_page(table_state& t, const db_query_cond& cond, row_collector
                       t.__db_table_name_str, filter.get(), first_id, t.__db_fields[cond.order_by],
                       direction(cond.order_style), limit, cond.start);
     if (!filter || *filter == '\0') {
-        (void)run(t, page, at, select_callback, &rows);
+        (void)run(t, page, at, on_row, arg);
         return;
     }
     reopen_db(t, at);
-    const filter_fence fence(t);
-    rows.limit = visible_rows;  // a filter's text can cut off the LIMIT behind it
-    (void)execute(t, page, at, select_callback, &rows);
+    filter_fence fence(t, on_row, arg);
+    (void)execute(t, page, at, filter_fence::pass_row, &fence);
 }
 
 // The rows of the whole table, capped. A count that fails is all bits set.
@@ -587,6 +591,16 @@ inline uint64_t query_total(table_state& t, const call_site& at) {
         total = visible_rows;
     }
     return static_cast<uint64_t>(total);
+}
+
+// A query's statements: the page's rows into the callback, then the total. Returns -1, with nothing
+// done, when order_by is no column; otherwise 0, whatever the statements met.
+inline int query_rows(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
+                      uint64_t& total, const call_site& at) {
+    if (!is_column_index(t, cond.order_by)) return -1;
+    select_page(t, cond, on_row, arg, at);
+    total = query_total(t, at);
+    return 0;
 }
 
 // --- A module -----------------------------------------------------------------------------------
@@ -609,16 +623,15 @@ struct table {
     // Appends one page to the result, which comes zero-filled, and sets its total. Returns -1, with
     // nothing done, when order_by is no column; otherwise 0, whatever the statements met.
     template <class Query>
-    int select(const db_query_cond& cond, Query& result, const call_site& at) {
+    int select(const db_query_cond& cond, Query& result, const call_site& at,
+               row_callback on_row = select_callback) {
         static_assert(std::is_same_v<decltype(result.data), Row*>);
-        if (!is_column_index(state, cond.order_by)) return -1;
-        row_collector rows{state.columns, sizeof(Row), nullptr, result.count, result.count};
-        rows.data = reinterpret_cast<char*>(result.data);
-        select_page(state, cond, rows, at);
+        row_collector rows{state.columns, sizeof(Row), reinterpret_cast<char*>(result.data),
+                           result.count, result.count};
+        const int status = query_rows(state, cond, on_row, &rows, result.total, at);
         result.data = reinterpret_cast<Row*>(rows.data);
         result.count = rows.count;
-        result.total = query_total(state, at);
-        return 0;
+        return status;
     }
 };
 

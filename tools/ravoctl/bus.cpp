@@ -3,8 +3,9 @@
 
 #include <fmt/format.h>
 
+#include <new>
+
 #include "text.h"
-#include "zbservice.h"
 
 // Weak, because another implementation of the bus may come first in the library path, and that need
 // not have this function.
@@ -32,14 +33,18 @@ exit_status report_unreachable(const std::string& endpoint, int result) {
 }
 
 int probe() {
-    zb_io* io = zb_io_create();
-    if (io == nullptr) return ZB_ERROR_MEMORY;
-    const int result = zb_call(daemon_endpoint, no_such_method, io, call_timeout_s, -1);
-    zb_io_free(io);
-    return result;
+    return zb_call(daemon_endpoint, no_such_method, make_request({}).get(), call_timeout_s, -1);
 }
 
 }  // namespace
+
+io_owner make_request(std::string_view payload) {
+    io_owner io(zb_io_create());
+    if (io == nullptr || zb_io_write(io.get(), payload.data(), payload.size()) != 0) {
+        throw std::bad_alloc();
+    }
+    return io;
+}
 
 exit_status report_failure(const std::string& endpoint, int result) {
     if (is_out_of_reach(result)) return report_unreachable(endpoint, result);
@@ -47,7 +52,7 @@ exit_status report_failure(const std::string& endpoint, int result) {
     return unanswered;
 }
 
-exit_status report_unread_list() {
+exit_status report_unread() {
     const int result = probe();
     if (result == 0 || (has_names() && result == ZB_ERROR_NO_REPLY)) {
         fmt::print(stderr, "ravoctl: {} runs, but did not answer the query\n", daemon_endpoint);

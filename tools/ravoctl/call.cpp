@@ -7,11 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string_view>
 
 #include "text.h"
-#include "zbservice.h"
 
 namespace {
 
@@ -24,10 +22,6 @@ struct file_closer {
     void operator()(FILE* file) const {
         if (file != stdin) (void)fclose(file);
     }
-};
-
-struct io_deleter {
-    void operator()(zb_io* io) const { zb_io_free(io); }
 };
 
 int hex_digit(char c) {
@@ -110,10 +104,7 @@ exit_status call_method(const call_request& request) {
     if (payload.size() > largest_request) {
         throw usage_error(fmt::format("a request has at most {} bytes", largest_request));
     }
-    const std::unique_ptr<zb_io, io_deleter> io(zb_io_create());
-    if (io == nullptr || zb_io_write(io.get(), payload.data(), payload.size()) != 0) {
-        throw std::bad_alloc();
-    }
+    const io_owner io = make_request(payload);
     const int result =
         zb_call(request.endpoint.c_str(), request.method.c_str(), io.get(), request.timeout_s, -1);
     if (result != 0) return report_failure(request.endpoint, result);

@@ -89,6 +89,10 @@ int64_t parse_number(const field& f, const std::string& text) {
     return *number;
 }
 
+std::string to_hours(uint64_t seconds) {
+    return fmt::format("{}:{:02}:{:02}", seconds / 3600, seconds / 60 % 60, seconds % 60);
+}
+
 template <class Number>
 Number load(const field& f, const char* row) {
     Number number;
@@ -121,7 +125,9 @@ value read_value(const field& f, const char* row) {
         case value_kind::uint64:
             break;
     }
-    return load<uint64_t>(f, row);
+    const auto number = load<uint64_t>(f, row);
+    if (f.from == origin::computed && number == no_number) return std::monostate();
+    return number;
 }
 
 void write_value(const field& f, const value& v, char* row) {
@@ -144,17 +150,23 @@ void write_value(const field& f, const value& v, char* row) {
 }
 
 std::string plain_text(const value& v) {
-    return std::visit([](const auto& content) { return fmt::format("{}", content); }, v);
+    if (std::holds_alternative<std::monostate>(v)) return {};
+    if (const auto* text = std::get_if<std::string>(&v)) return *text;
+    if (const auto* number = std::get_if<int64_t>(&v)) return fmt::format("{}", *number);
+    return fmt::format("{}", std::get<uint64_t>(v));
 }
 
 std::string cell_text(const field& f, const value& v) {
-    if (f.is == meaning::time && std::get<uint64_t>(v) <= largest_unsigned) {
-        if (auto text = to_iso_time(static_cast<int64_t>(std::get<uint64_t>(v)))) return *text;
+    const auto* number = std::get_if<uint64_t>(&v);
+    if (number != nullptr && f.is == meaning::duration) return to_hours(*number);
+    if (number != nullptr && f.is == meaning::time && *number <= largest_unsigned) {
+        if (auto text = to_iso_time(static_cast<int64_t>(*number))) return *text;
     }
     return escaped(plain_text(v));
 }
 
 std::string description(const field& f) {
+    if (f.from == origin::computed) return "for show only";
     if (f.kind == value_kind::text) return fmt::format("text, at most {} bytes", f.size - 1);
     const limits range = limits_of(f.kind);
     const std::string numbers = fmt::format("{} to {}", range.smallest, range.largest);

@@ -28,6 +28,10 @@ size_t index_of(const record_kind& kind, const std::string& name) {
         throw usage_error(fmt::format("{} has no field \"{}\"; its fields are {}", kind.command,
                                       escaped(name), names_of(kind.fields)));
     }
+    if (found->from == origin::computed) {
+        throw usage_error(
+            fmt::format("{}: {} are neither sorted nor filtered by it", found->name, kind.command));
+    }
     return static_cast<size_t>(found - kind.fields.begin());
 }
 
@@ -43,6 +47,24 @@ assignment parse_assignment(const record_kind& kind, const std::string& word) {
     }
     const field& target = kind.fields[index_of(kind, word.substr(0, equals))];
     return {target, parse_value(target, word.substr(equals + 1))};
+}
+
+void check_required(const record_kind& kind, const std::vector<char>& record) {
+    const char* name = kind.adder.required;
+    if (name == nullptr) return;
+    const value content = read_value(kind.fields[index_of(kind, name)], record.data());
+    if (!plain_text(content).empty()) return;
+    throw usage_error(fmt::format("{}: a {} needs one", name, kind.singular));
+}
+
+exit_status print_answer(const record_kind& kind, const std::string& answer) {
+    if (!answer.empty()) {
+        fmt::print("{}\n", escaped(answer));
+        return done;
+    }
+    fmt::print(stderr, "ravoctl: ravod could not store the {}; its log file tells why\n",
+               kind.singular);
+    return unanswered;
 }
 
 // --- The query ----------------------------------------------------------------------------------
@@ -84,7 +106,7 @@ db_query_cond make_query(const record_kind& kind, const list_request& request) {
 exit_status list_records(const record_kind& kind, const list_request& request) {
     const db_query_cond cond = make_query(kind, request);
     const page result = kind.list(cond);
-    if (!result.was_read) return report_unread_list();
+    if (!result.was_read) return report_unread();
     const listing shown_rows = {kind, result, static_cast<uint64_t>(cond.start),
                                 !request.filter.empty()};
     if (request.as_json) {
@@ -105,12 +127,15 @@ exit_status add_record(const record_kind& kind, const std::vector<std::string>& 
     for (const std::string& word : words) {
         const assignment wanted = parse_assignment(kind, word);
         const std::string name = wanted.target.name;
-        if (wanted.target.is == meaning::given_by_table) {
+        if (wanted.target.from == origin::given_by_table) {
             throw usage_error(fmt::format("{}: the table gives it", name));
         }
         if (!seen.insert(name).second) throw usage_error(fmt::format("{}: given twice", name));
         write_value(wanted.target, wanted.content, record.data());
     }
-    const int result = kind.add(record.data());
-    return result == 0 ? done : report_failure(daemon_endpoint, result);
+    check_required(kind, record);
+    const added outcome = kind.adder.add(record.data());
+    if (outcome.result != 0) return report_failure(daemon_endpoint, outcome.result);
+    if (outcome.answer) return print_answer(kind, *outcome.answer);
+    return done;
 }

@@ -27,6 +27,7 @@ struct list_request {
 // do not have and for a value that cannot be one of the field's.
 exit_status list_records(const record_kind& kind, const list_request& request);
 
-// Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Throws
-// usage_error as above.
+// Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Prints what
+// the daemon answers, if the kind has an answer. Throws usage_error as above, and when a required
+// field is missing.
 exit_status add_record(const record_kind& kind, const std::vector<std::string>& words);

@@ -1,4 +1,5 @@
-// ravoctl: lists and adds the records of a running ravod, and calls methods by hand.
+// ravoctl: lists and adds the records of a running ravod, looks after its login-attempt limiter,
+// and calls methods by hand.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -6,16 +7,19 @@
 #include <deque>
 #include <exception>
 
+#include "blocks.h"
 #include "call.h"
 #include "failure.h"
 #include "list.h"
 #include "text.h"
+#include "uuid.h"
 
 namespace {
 
 constexpr char exit_status_help[] =
     "Exit status: 0 done, 1 bad usage or value, 2 no memory or output failed, 3 the daemon is not\n"
-    "reachable, 4 the daemon did not do what was asked.";
+    "reachable, 4 the daemon did not do what was asked. Of \"blocks check\": 0 not blocked,\n"
+    "1 blocked; below \"blocks\", bad usage is 2.";
 
 // --- Subcommands of a kind of record ------------------------------------------------------------
 
@@ -30,7 +34,7 @@ struct record_command {
 std::string field_help(const record_kind& kind, bool settable_only) {
     std::string help = "Fields:\n";
     for (const field& f : kind.fields) {
-        if (settable_only && f.is == meaning::given_by_table) continue;
+        if (settable_only && f.from != origin::given_by_user) continue;
         help += fmt::format("  {:<13} {}\n", f.name, description(f));
     }
     return help;
@@ -74,7 +78,9 @@ void declare_record_command(CLI::App& app, record_command& command) {
     command.list = app.add_subcommand(kind.command, fmt::format("List {}", kind.what));
     declare_list_options(*command.list, command.request);
     command.list->footer(field_help(kind, false));
-    command.add = command.list->add_subcommand("add", fmt::format("Record one {}", kind.singular));
+    if (kind.adder.command == nullptr) return;
+    command.add = command.list->add_subcommand(kind.adder.command,
+                                               fmt::format("Record one {}", kind.singular));
     command.add->add_option("fields", command.words, "The fields that are not to be empty or 0")
         ->type_name("FIELD=VALUE")
         ->required();
@@ -82,8 +88,61 @@ void declare_record_command(CLI::App& app, record_command& command) {
 }
 
 exit_status run(const record_command& command) {
-    if (command.add->parsed()) return add_record(command.kind, command.words);
+    if (command.add != nullptr && command.add->parsed())
+        return add_record(command.kind, command.words);
     return list_records(command.kind, command.request);
+}
+
+// --- Subcommands of blocks ----------------------------------------------------------------------
+
+struct blocks_commands {
+    CLI::App* blocks = nullptr;
+    CLI::App* check = nullptr;
+    CLI::App* fail = nullptr;
+    CLI::App* lift = nullptr;
+    std::string user = {};
+    CLI::Option* users = nullptr;
+    bool all = false;
+};
+
+constexpr char user_help[] = "User name; put -- before one that begins with -";
+
+CLI::App* declare_user_command(CLI::App& app, const char* name, const char* help,
+                               std::string& user) {
+    CLI::App* command = app.add_subcommand(name, help);
+    command->add_option("user", user, user_help)->required();
+    return command;
+}
+
+// The users are taken from the option as they were typed. Their number has an end, because CLI11
+// would split a name such as "[a,b]" if it had none.
+void declare_lift(CLI::App& app, blocks_commands& commands) {
+    constexpr int most_users = 1 << 30;
+    commands.lift = app.add_subcommand("lift", "Forget users' failures, and so lift their blocks");
+    auto* all = commands.lift->add_flag("--all", commands.all, "Forget everybody's");
+    commands.users = commands.lift->add_option("users", user_help)
+                         ->expected(most_users)
+                         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+                         ->option_text("TEXT ...")
+                         ->excludes(all);
+}
+
+// A user may be called like a subcommand, which CLI11 respects where only one of them can be given.
+void declare_blocks(CLI::App& blocks, blocks_commands& commands) {
+    commands.blocks = &blocks;
+    blocks.require_subcommand(0, 1);
+    commands.check = declare_user_command(
+        blocks, "check", "Tell, by the exit status, too, whether a user is blocked", commands.user);
+    commands.fail =
+        declare_user_command(blocks, "fail", "Count one failed login of a user", commands.user);
+    declare_lift(blocks, commands);
+    for (CLI::App* command : blocks.get_subcommands({})) command->footer("");
+}
+
+exit_status run_lift(const blocks_commands& commands) {
+    if (commands.all) return lift_all();
+    if (commands.users->count() == 0) throw usage_error("lift: name users, or give --all");
+    return lift_users(commands.users->results());
 }
 
 // --- The call subcommand ------------------------------------------------------------------------
@@ -117,25 +176,42 @@ CLI::App* declare_call(CLI::App& app, call_request& request) {
 
 // --- The program --------------------------------------------------------------------------------
 
-exit_status dispatch(int argc, char** argv) {
-    CLI::App app{"Lists and adds the records of a running ravod, and calls its methods."};
+struct all_commands {
+    std::deque<record_command> records;
+    blocks_commands blocks;
+    call_request request;
+    CLI::App* call = nullptr;
+    CLI::App* uuid = nullptr;
+};
+
+// Words of the command line may be somebody's name, so they are escaped where they are repeated.
+std::string failure_message(const CLI::App* /*app*/, const CLI::Error& error) {
+    return fmt::format("ravoctl: {}\nRun with --help for more information.\n",
+                       escaped(error.what()));
+}
+
+void declare_all(CLI::App& app, all_commands& commands) {
     app.set_version_flag("--version", "ravoctl " RAVO_VERSION);
     app.require_subcommand(0, 1);
     app.footer(exit_status_help);
-
-    std::deque<record_command> commands;
+    app.failure_message(failure_message);
     for (const record_kind& kind : record_kinds()) {
-        declare_record_command(app, commands.emplace_back(record_command{kind}));
+        declare_record_command(app, commands.records.emplace_back(record_command{kind}));
     }
-    call_request request;
-    CLI::App* call = declare_call(app, request);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? done : bad_usage;
-    }
-    if (call->parsed()) return call_method(request);
-    for (const record_command& command : commands) {
+    declare_blocks(*app.get_subcommand(blocks_command), commands.blocks);
+    commands.uuid =
+        app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record");
+    commands.call = declare_call(app, commands.request);
+}
+
+exit_status run(const CLI::App& app, const all_commands& commands) {
+    const blocks_commands& blocks = commands.blocks;
+    if (blocks.check->parsed()) return check_user(blocks.user);
+    if (blocks.fail->parsed()) return count_failure(blocks.user);
+    if (blocks.lift->parsed()) return run_lift(blocks);
+    if (commands.uuid->parsed()) return print_fresh_uuid();
+    if (commands.call->parsed()) return call_method(commands.request);
+    for (const record_command& command : commands.records) {
         if (command.list->parsed()) return run(command);
     }
     fmt::print(stderr, "{}", app.help());
@@ -153,13 +229,29 @@ exit_status fail(const char* what, exit_status status) {
     return status;
 }
 
+exit_status dispatch(int argc, char** argv) {
+    if (!use_utf8()) return fail("the system has no locale C.UTF-8", local_error);
+    CLI::App app{"Lists and adds the records of a running ravod, and calls its methods."};
+    all_commands commands;
+    declare_all(app, commands);
+    const auto usage_status = [&commands] {
+        return commands.blocks.blocks->parsed() ? bad_blocks_usage : bad_usage;
+    };
+    try {
+        app.parse(argc, argv);
+        return run(app, commands);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? done : usage_status();
+    } catch (const usage_error& error) {
+        return fail(error.what(), usage_status());
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
         return flush_output(dispatch(argc, argv));
-    } catch (const usage_error& error) {
-        return fail(error.what(), bad_usage);
     } catch (const std::exception& error) {
         return fail(error.what(), local_error);
     }

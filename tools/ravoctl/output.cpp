@@ -2,18 +2,19 @@
 #include "output.h"
 
 #include <fmt/format.h>
-#include <jansson.h>
 
 #include <algorithm>
 #include <limits>
 #include <new>
 #include <vector>
 
+#include "json.h"
 #include "text.h"
 
 namespace {
 
-constexpr size_t narrow_cell = 32;  // terminal columns of a text in a table that is not wide
+// Terminal columns of a text in a table that is not wide; a device's UUID fits.
+constexpr size_t narrow_cell = 35;
 
 const char* row_at(const listing& list, uint64_t index) {
     return list.rows.rows.get() + index * list.kind.size;
@@ -71,11 +72,6 @@ void print_footer(const listing& list) {
 
 // --- JSON ---------------------------------------------------------------------------------------
 
-struct json_deleter {
-    void operator()(json_t* json) const { json_decref(json); }
-};
-using json_owner = std::unique_ptr<json_t, json_deleter>;
-
 // Takes over the value, also when it is null because there was no memory for it.
 void set_member(const json_owner& object, const std::string& name, json_t* member) {
     if (json_object_set_new(object.get(), name.c_str(), member) != 0) throw std::bad_alloc();
@@ -88,6 +84,7 @@ json_t* to_json(uint64_t number) {
     }
     return json_real(static_cast<double>(number));
 }
+json_t* to_json(std::monostate /*none*/) { return json_null(); }
 json_t* to_json(int64_t number) { return json_integer(number); }
 json_t* to_json(const std::string& text) {
     const std::string valid = with_replacements(text);
@@ -109,10 +106,7 @@ json_owner row_to_json(const listing& list, uint64_t index) {
 }
 
 void dump_to_stdout(const json_owner& json) {
-    struct text_deleter {
-        void operator()(char* text) const { free(text); }
-    };
-    const std::unique_ptr<char, text_deleter> text(json_dumps(json.get(), 0));
+    const json_text text(json_dumps(json.get(), 0));
     if (text == nullptr) throw std::bad_alloc();
     fmt::print("{}", text.get());
 }

@@ -15,7 +15,7 @@ struct listing {
 void print_table(const listing& list, bool wide);
 
 // Prints one object: "start", "rows" (an array of objects with a member for each field), "count"
-// and "total" (null when the daemon could not count). Numbers are plain, times are seconds. A text
-// that is not UTF-8 has U+FFFD in place of its bad bytes, and a member FIELD_hex beside it with all
-// bytes.
+// and "total" (null when the daemon could not count). Numbers are plain, times and durations are
+// seconds; a computed one that there is not is null. A text that is not UTF-8 has U+FFFD in place
+// of its bad bytes, and a member FIELD_hex beside it with all bytes.
 void print_json(const listing& list);

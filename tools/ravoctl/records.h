@@ -4,7 +4,9 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <span>
+#include <string>
 
 #include "fields.h"
 #include "ravo_api.h"
@@ -25,14 +27,27 @@ struct page {
 // The daemon stores this total when it could not count the rows.
 inline constexpr uint64_t count_failed = UINT64_MAX;
 
+// What came of adding a record.
+struct added {
+    int result;                         // of the bus
+    std::optional<std::string> answer;  // where the daemon gives one; empty when it stored nothing
+};
+
+// How records are added. A kind whose records only the daemon makes has none of it.
+struct record_adder {
+    const char* command = nullptr;  // name of the subcommand; null: there is none
+    added (*add)(char* record) = nullptr;
+    const char* required = nullptr;  // name of a field that must have a text; null: none must
+};
+
 struct record_kind {
     const char* command;   // name of the subcommand
     const char* what;      // its rows, for help texts
     const char* singular;  // one of them
     size_t size;
-    std::span<const field> fields;  // in the order of the table's columns, id first
+    std::span<const field> fields;  // in the order of the table's columns, id first; computed last
     page (*list)(db_query_cond cond);
-    int (*add)(char* record);  // result of the bus
+    record_adder adder = {};
 };
 
 std::span<const record_kind> record_kinds();

@@ -4,9 +4,13 @@
 #include <string>
 #include <string_view>
 
+// Makes the C library, which knows the characters, take texts for UTF-8, whatever the user's
+// locale. To be called before anything below. False when the system lacks the locale.
+bool use_utf8();
+
 // A text for a terminal: what could move the cursor, hide or reorder other text is written as an
 // escape, so that the output is printable and one line. Newline, carriage return and tab become
-// \n, \r and \t, a backslash becomes \\, all other control characters, marks of writing direction
+// \n, \r and \t, a backslash becomes \\, all else that is not printable, marks of writing direction
 // and bytes that are not UTF-8 become \xNN for each of their bytes.
 std::string escaped(std::string_view text);
 

@@ -1,0 +1,218 @@
+// notify: the notifier of a plain machine. Puts a notification's arguments into its template and
+// delivers the text to the system log and, as one JSON line, to the notifications file.
+//
+//   notify send -A APP -C CATEGORY -M ID -l LEVEL -t TYPE TEMPLATE [ARG0 [ARG1 ...]]
+//
+// Arguments are data: they are put in once, braces in them are not looked at again, and whatever
+// bytes they hold the result stays one line.
+#include <fcntl.h>
+#include <getopt.h>
+#include <jansson.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr char notifications_file[] = "/var/log/network/notifications.jsonl";
+constexpr mode_t notifications_mode = 0640;  // user names stand in it
+constexpr unsigned lock_seconds = 5;         // waiting for other notifiers, at most
+constexpr size_t max_place_digits = 3;       // of the N in {N}
+
+struct notification {
+    const char* application = nullptr;
+    const char* category = nullptr;
+    const char* message_id = nullptr;
+    const char* level = nullptr;
+    const char* type = nullptr;
+    std::string text;
+};
+
+int usage() {
+    (void)fputs("usage: notify send -A APP -C CATEGORY -M ID -l LEVEL -t TYPE TEMPLATE [ARG ...]\n",
+                stderr);
+    return 2;
+}
+
+// --- Template -----------------------------------------------------------------------------------
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Replaces each {N} by argument N. A place without an argument stays as it is.
+std::string expand(std::string_view form, std::span<char*> arguments) {
+    std::string text;
+    while (!form.empty()) {
+        size_t end = 1;
+        size_t index = 0;
+        while (end < form.size() && end <= max_place_digits && is_digit(form[end])) {
+            index = index * 10 + static_cast<size_t>(form[end++] - '0');
+        }
+        const bool is_place = form[0] == '{' && end > 1 && end < form.size() && form[end] == '}' &&
+                              index < arguments.size();
+        if (is_place)
+            text += arguments[index];
+        else
+            text += form[0];
+        form.remove_prefix(is_place ? end + 1 : 1);
+    }
+    return text;
+}
+
+// --- Bytes that are not to go out as they are ----------------------------------------------------
+
+bool is_utf8(const std::string& text) {
+    json_t* value = json_string(text.c_str());
+    json_decref(value);
+    return value != nullptr;
+}
+
+// Whether the byte at this place belongs to a control character: of ASCII, or, in UTF-8, of the
+// block behind it (U+0080 to U+009F), in which some terminals and viewers know line ends as well.
+bool is_control(std::string_view text, size_t at) {
+    const auto byte = [&](size_t n) { return static_cast<unsigned char>(text[n]); };
+    const auto is_second = [](unsigned char value) { return value >= 0x80 && value <= 0x9f; };
+    if (byte(at) < 0x20 || byte(at) == 0x7f) return true;
+    if (byte(at) == 0xc2) return at + 1 < text.size() && is_second(byte(at + 1));
+    return at > 0 && byte(at - 1) == 0xc2 && is_second(byte(at));
+}
+bool is_not_ascii(std::string_view text, size_t at) {
+    return static_cast<unsigned char>(text[at]) >= 0x80;
+}
+
+// The text with certain bytes as \xNN.
+std::string escape(const std::string& text, bool (*is_escaped)(std::string_view, size_t)) {
+    std::string line;
+    for (size_t at = 0; at < text.size(); ++at) {
+        if (!is_escaped(text, at)) {
+            line += text[at];
+            continue;
+        }
+        char hex[5];
+        (void)snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(text[at]));
+        line += hex;
+    }
+    return line;
+}
+
+// The text itself when it is UTF-8; otherwise with its bytes beyond ASCII escaped.
+std::string as_utf8(const std::string& text) {
+    return is_utf8(text) ? text : escape(text, is_not_ascii);
+}
+
+// --- Delivery -----------------------------------------------------------------------------------
+
+int priority_of(const char* level) {
+    if (strcmp(level, "warn") == 0) return LOG_WARNING;
+    if (strcmp(level, "error") == 0) return LOG_ERR;
+    return LOG_INFO;
+}
+
+// One line in any log.
+void tell_system_log(const notification& note) {
+    openlog("notify", LOG_PID, LOG_DAEMON);
+    syslog(priority_of(note.level), "%s", escape(as_utf8(note.text), is_control).c_str());
+    closelog();
+}
+
+// JSON holds any text on one line, but only as UTF-8.
+json_t* json_text(const std::string& text) { return json_string(as_utf8(text).c_str()); }
+
+// The notification's line with its line end; empty when there was no memory for it.
+std::string json_line(const notification& note) {
+    json_t* object = json_pack(
+        "{s:I, s:o, s:o, s:o, s:o, s:o}", "time", static_cast<json_int_t>(time(nullptr)),
+        "application", json_text(note.application), "category", json_text(note.category), "id",
+        json_text(note.message_id), "level", json_text(note.level), "text", json_text(note.text));
+    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(object, JSON_COMPACT), free);
+    json_decref(object);
+    return text ? std::string(text.get()) + "\n" : std::string();
+}
+
+// Keeps other notifiers out until the descriptor is closed. False after lock_seconds: whoever holds
+// the file then is no notifier.
+bool lock_file(int fd) {
+    struct sigaction wake_up = {};
+    wake_up.sa_handler = [](int) {};  // without SA_RESTART: ends the waiting
+    sigaction(SIGALRM, &wake_up, nullptr);
+    alarm(lock_seconds);
+    const bool locked = flock(fd, LOCK_EX) == 0;
+    alarm(0);
+    return locked;
+}
+
+// Appends all or nothing: what a full disk has let through of a line is taken back.
+bool append_line(int fd, const std::string& line) {
+    struct stat before = {};
+    if (fstat(fd, &before) != 0 || !S_ISREG(before.st_mode) || !lock_file(fd)) return false;
+    if (fstat(fd, &before) != 0) return false;
+    const ssize_t written = write(fd, line.data(), line.size());
+    if (written == static_cast<ssize_t>(line.size())) return true;
+    if (written > 0) (void)!ftruncate(fd, before.st_size);
+    return false;
+}
+
+// The file is made when it is missing. A pipe in its place is not waited for.
+bool append_to_file(const notification& note) {
+    const std::string line = json_line(note);
+    const int fd =
+        open(notifications_file, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+             notifications_mode);
+    if (fd < 0) return false;
+    const bool appended = !line.empty() && append_line(fd, line);
+    return close(fd) == 0 && appended;
+}
+
+// Reads the options before the template. Returns false when one is missing or unknown.
+bool parse_options(int argc, char** argv, notification& note) {
+    int letter = 0;
+    while ((letter = getopt(argc, argv, "+A:C:M:l:t:")) != -1) {
+        switch (letter) {
+            case 'A':
+                note.application = optarg;
+                break;
+            case 'C':
+                note.category = optarg;
+                break;
+            case 'M':
+                note.message_id = optarg;
+                break;
+            case 'l':
+                note.level = optarg;
+                break;
+            case 't':
+                note.type = optarg;
+                break;  // accepted; every notification is delivered alike
+            default:
+                return false;
+        }
+    }
+    return note.application != nullptr && note.category != nullptr && note.message_id != nullptr &&
+           note.level != nullptr && note.type != nullptr && optind < argc;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2 || strcmp(argv[1], "send") != 0) return usage();
+    notification note;
+    optind = 2;
+    if (!parse_options(argc, argv, note)) return usage();
+    const std::span<char*> words(argv, static_cast<size_t>(argc));
+    const auto first_argument = static_cast<size_t>(optind) + 1;
+    note.text = expand(argv[optind], words.subspan(first_argument));
+    tell_system_log(note);
+    if (append_to_file(note)) return 0;
+    (void)fprintf(stderr, "notify: cannot write %s\n", notifications_file);
+    return 1;
+}

@@ -1,0 +1,25 @@
+// A field of a record as data: its kind, its place and its size, taken from the member itself so
+// that none of them can be written down wrongly.
+#ifndef RECORD_FIELD_H
+#define RECORD_FIELD_H
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+enum class value_kind { text, int32, int64, uint64 };
+
+template <class Member>
+constexpr value_kind kind_of() {
+    if constexpr (std::is_array_v<Member>) return value_kind::text;
+    if constexpr (std::is_same_v<Member, int32_t>) return value_kind::int32;
+    if constexpr (std::is_same_v<Member, int64_t>) return value_kind::int64;
+    if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
+}
+
+// Initialises three members in a row: kind, offset and size (value_kind, size_t, size_t). A macro
+// because only that can name a member.
+#define FIELD(record, member) \
+    kind_of<decltype(record::member)>(), offsetof(record, member), sizeof(record::member)
+
+#endif  // RECORD_FIELD_H

@@ -1,0 +1,106 @@
+// The login-attempt limiter: who is blocked, one failure more, and blocks lifted.
+#include "blocks.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <limits>
+#include <new>
+
+#include "bus.h"
+#include "settings.h"
+#include "text.h"
+
+namespace {
+
+template <size_t size>
+void set_state(char (&to)[size], std::string_view state) {
+    memcpy(to, state.data(), state.size() + 1);
+}
+
+// When a block ends, or as far as a time goes.
+int64_t end_of_block(uint64_t timestamp, uint64_t block_seconds) {
+    constexpr int64_t latest = std::numeric_limits<int64_t>::max();
+    const auto seconds = static_cast<int64_t>(std::min<uint64_t>(block_seconds, latest));
+    int64_t end = 0;
+    if (__builtin_add_overflow(static_cast<int64_t>(timestamp), seconds, &end)) return latest;
+    return std::max<int64_t>(end, 0);
+}
+
+void set_times(block_row& row, const block_settings& settings, time_t now) {
+    const bool lasts = still_blocks(settings, row.stored.timestamp, now);
+    const int64_t end = end_of_block(row.stored.timestamp, settings.block_seconds);
+    set_state(row.state, lasts ? "blocked" : "run out");
+    row.until = static_cast<uint64_t>(end);
+    row.left = lasts ? static_cast<uint64_t>(std::max<int64_t>(end - now, 0)) : 0;
+}
+
+block_row with_state(const db_privilege_user_block_data& counter, const block_settings& settings,
+                     time_t now) {
+    block_row row = {counter, {}, no_number, no_number};
+    if (!settings.available) {
+        set_state(row.state, "settings unknown");
+    } else if (!settings.enabled) {
+        set_state(row.state, "limiter off");
+    } else if (row.stored.limit < settings.limit) {
+        set_state(row.state, "counting");
+    } else {
+        set_times(row, settings, now);
+    }
+    return row;
+}
+
+exit_status report(int result) {
+    return result == 0 ? done : report_failure(daemon_endpoint, result);
+}
+
+// The client library takes names that it could write to.
+template <auto call>
+int call_with_name(std::string user) {
+    return call(user.data());
+}
+
+}  // namespace
+
+page with_states(page counters) {
+    if (!counters.was_read || counters.count == 0) return counters;
+    const block_settings settings = ask_block_settings();
+    const time_t now = time(nullptr);
+    auto* rows = static_cast<block_row*>(calloc(counters.count, sizeof(block_row)));
+    if (rows == nullptr) throw std::bad_alloc();
+    for (uint64_t i = 0; i < counters.count; ++i) {
+        db_privilege_user_block_data counter;
+        memcpy(&counter, counters.rows.get() + i * sizeof counter, sizeof counter);
+        rows[i] = with_state(counter, settings, now);
+    }
+    counters.rows.reset(reinterpret_cast<char*>(rows));
+    return counters;
+}
+
+exit_status check_user(const std::string& user) {
+    const int result = call_with_name<check_privilege_user_block>(user);
+    if (result != 0 && result != 1) return report_failure(daemon_endpoint, result);
+    fmt::print("{} is {}\n", escaped(user), result == 1 ? "blocked" : "not blocked");
+    if (result == 1) return user_blocked;
+    // The daemon answers "not blocked" also when it could not read the settings.
+    if (!ask_block_settings().available) {
+        fmt::print(stderr, "ravoctl: without its settings the limiter blocks nobody\n");
+    }
+    return done;
+}
+
+exit_status count_failure(const std::string& user) {
+    return report(call_with_name<add_privilege_user_block>(user));
+}
+
+exit_status lift_users(const std::vector<std::string>& users) {
+    for (const std::string& user : users) {
+        const exit_status status = report(call_with_name<delete_privilege_user_block>(user));
+        if (status != done) return status;
+    }
+    return done;
+}
+
+exit_status lift_all() { return report(clean_privilege_user_block()); }

@@ -1,0 +1,17 @@
+// Owners for what jansson hands out.
+#pragma once
+
+#include <jansson.h>
+
+#include <cstdlib>
+#include <memory>
+
+struct json_deleter {
+    void operator()(json_t* json) const { json_decref(json); }
+};
+using json_owner = std::unique_ptr<json_t, json_deleter>;
+
+struct json_text_deleter {
+    void operator()(char* text) const { free(text); }
+};
+using json_text = std::unique_ptr<char, json_text_deleter>;

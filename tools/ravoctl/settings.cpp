@@ -1,0 +1,42 @@
+// The login-attempt limiter's settings, asked of the service that ravod asks.
+#include "settings.h"
+
+#include <fmt/format.h>
+
+#include <new>
+
+#include "bus.h"
+#include "json.h"
+
+namespace {
+
+constexpr char settings_service[] = "vpncaas";
+
+std::string request_text() {
+    const json_owner request(json_pack("{s:s}", "path", block_settings_path));
+    const json_text text(json_dumps(request.get(), 0));
+    if (text == nullptr) throw std::bad_alloc();
+    return text.get();
+}
+
+// A reply counts when its "error" is the integer 0.
+bool is_success(const json_t* reply) {
+    const json_t* error = json_object_get(reply, "error");
+    return json_is_integer(error) && json_integer_value(error) == 0;
+}
+
+}  // namespace
+
+block_settings ask_block_settings() {
+    const io_owner io = make_request(request_text());
+    const int result = zb_call(settings_service, "read_json", io.get(), call_timeout_s, -1);
+    if (result != 0) {
+        (void)report_failure(settings_service, result);
+        return {};
+    }
+    const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
+    const json_owner reply(json_loads(text, 0, nullptr));
+    if (is_success(reply.get())) return to_block_settings(reply.get());
+    fmt::print(stderr, "ravoctl: {} could not read {}\n", settings_service, block_settings_path);
+    return {};
+}

@@ -1,0 +1,28 @@
+// A fresh UUID from the daemon, of which it keeps no record.
+#include "uuid.h"
+
+#include <fmt/format.h>
+
+#include <cstring>
+
+#include "bus.h"
+#include "ravo_api.h"
+#include "text.h"
+
+// The call returns 0 whatever happened, so the record is given a byte that no UUID begins with.
+exit_status print_fresh_uuid() {
+    constexpr char untouched = '\x7f';
+    ravo_mobile_gen_uuid_data_set request = {};
+    ravo_mobile_gen_uuid_data_get reply = {};
+    reply.ravo_uuid[0] = untouched;
+    auto* reply_address = &reply;
+    (void)ravo_mobile_gen_ravo_uuid(&request, &reply_address);
+    if (reply.ravo_uuid[0] == untouched) return report_unread();
+    const std::string uuid(reply.ravo_uuid, strnlen(reply.ravo_uuid, sizeof reply.ravo_uuid));
+    if (uuid.empty()) {
+        fmt::print(stderr, "ravoctl: ravod has no source of UUIDs; its log file tells why\n");
+        return unanswered;
+    }
+    fmt::print("{}\n", escaped(uuid));
+    return done;
+}
