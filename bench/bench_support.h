@@ -32,7 +32,7 @@ inline constexpr char peer_file[] = "/etc/config/ravo/peer.db";
     exit(1);
 }
 
-// --- Databases ----------------------------------------------------------------------------------
+// --- Databases -----------------------------------------------------------------------------------
 
 using row_callback = int (*)(void*, int, char**, char**);
 
@@ -72,7 +72,7 @@ inline int read_number(void* out, int /*columns*/, char** values, char** /*names
     return 0;
 }
 
-// --- Services -----------------------------------------------------------------------------------
+// --- Services ------------------------------------------------------------------------------------
 
 // Starts a program and waits until it says that it serves. open_max is its limit of descriptors; 0
 // leaves it as it is.
@@ -115,7 +115,7 @@ inline size_t memory_of(pid_t pid, const std::string& field) {
     give_up("no " + field);
 }
 
-// --- Measuring ----------------------------------------------------------------------------------
+// --- Measuring -----------------------------------------------------------------------------------
 
 inline double microseconds(int times, const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();

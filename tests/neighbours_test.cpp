@@ -27,8 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 using texts = std::vector<std::string>;
 
-// --- The settings service
-// -------------------------------------------------------------------------
+// --- The settings service ------------------------------------------------------------------------
 
 class vpncaas : public testing::Test {
   protected:
@@ -263,8 +262,7 @@ TEST_F(vpncaas, takes_no_arguments) {
     EXPECT_EQ(read_file("/tmp/usage"), std::string("usage: ") + VPNCAAS + "\n");
 }
 
-// --- The notifier
-// ---------------------------------------------------------------------------------
+// --- The notifier --------------------------------------------------------------------------------
 
 constexpr char notifications_path[] = "/var/log/network/notifications.jsonl";
 

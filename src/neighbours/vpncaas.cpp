@@ -68,7 +68,7 @@ class descriptor {
 
 zb_service* service = nullptr;
 
-// --- Files --------------------------------------------------------------------------------------
+// --- Files ---------------------------------------------------------------------------------------
 
 // Where an open file lies, without any link in the path; empty when the kernel does not say.
 std::string location(const descriptor& file) {
@@ -108,7 +108,7 @@ bool read_all(const descriptor& file, std::string& bytes) {
     return true;
 }
 
-// --- Requests -----------------------------------------------------------------------------------
+// --- Requests ------------------------------------------------------------------------------------
 
 json_ptr failure(read_error error) { return json_ptr(json_pack("{s:i}", "error", error)); }
 
