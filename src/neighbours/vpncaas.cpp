@@ -27,7 +27,7 @@
 namespace {
 
 constexpr char settings_folder[] = "/etc/config";
-constexpr size_t max_file_size = 4 * 1024 * 1024;  // bytes of a settings file
+constexpr size_t max_file_size = size_t{4} * 1024 * 1024;  // bytes of a settings file
 
 enum read_error {
     read_ok = 0,
