@@ -329,6 +329,9 @@ TEST_F(e2e_limiter, hostile_names_leave_the_daemon_alive) {
 // A notification takes two processes: one that the daemon reaps, and the notifier, which it does
 // not know.
 TEST_F(e2e_limiter, notification_costs_two_processes_and_leaves_none) {
+    // The leak sanitizer's search at a notifier's end takes an id as well.
+    daemon.reset();
+    daemon.emplace(texts{}, process_options{.environment = {"ASAN_OPTIONS=detect_leaks=0"}});
     EXPECT_EQ(fail("mallory"), 0);
     pid_t before = next_pid();
     EXPECT_EQ(fail("mallory"), 0);
