@@ -13,8 +13,7 @@
 #include "support/limiter.h"
 #include "support/sql_trace.h"
 
-// --- The memory of this program, SQLite's apart
-// ---------------------------------------------------
+// --- The memory of this program, SQLite's apart --------------------------------------------------
 
 namespace {
 

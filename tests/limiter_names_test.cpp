@@ -208,6 +208,18 @@ TEST_F(limiter_names, result_below_64_KiB_is_run) {
     EXPECT_EQ(count_of_user("%65000d"), "1");
 }
 
+// The width of a conversion that takes no argument makes the row's name long. It is read cut.
+TEST_F(limiter_names, padded_percent_sign_stores_up_to_64_KiB) {
+    fail("%60000%");
+    fail("%60000%");
+    EXPECT_EQ(sql_trace::value_in_file("SELECT length(username) FROM privilege_user_block"),
+              "60000");
+    fail(std::string(1024, ' '));
+    EXPECT_EQ(sql_trace::value_in_file("SELECT length(username) || ' ' || limit_count FROM "
+                                       "privilege_user_block"),
+              "1024 3");
+}
+
 TEST_F(limiter_names, do_not_touch_the_counts_of_others) {
     fail("alice");
     fail("alice");

@@ -54,8 +54,7 @@ class limiter : public testing::Test {
     texts create_events;
 };
 
-// --- Counting and blocking
-// ------------------------------------------------------------------------
+// --- Counting and blocking -----------------------------------------------------------------------
 
 TEST_F(limiter, third_failure_of_three_blocks_and_notifies) {
     fail_times("alice", 2);
@@ -215,8 +214,7 @@ TEST_F(limiter, first_row_of_a_user_is_the_user) {
     EXPECT_EQ(rows(), texts{"6|alice|9|9"});
 }
 
-// --- Settings
-// -------------------------------------------------------------------------------------
+// --- Settings ------------------------------------------------------------------------------------
 
 TEST_F(limiter, settings_are_asked_for_as_agreed) {
     fail("alice");
@@ -353,8 +351,7 @@ TEST_F(limiter, limit_0_blocks_anybody_with_a_row_and_never_tells) {
     EXPECT_EQ(notifications(), no_texts);
 }
 
-// --- Lifting
-// --------------------------------------------------------------------------------------
+// --- Lifting -------------------------------------------------------------------------------------
 
 TEST_F(limiter, lift_notifies_at_the_limit_only) {
     fail_times("below", 2);
@@ -405,8 +402,7 @@ TEST_F(limiter, switched_on_again_while_a_check_cleans_notifies) {
     EXPECT_EQ(notifications(), (texts{blocked("alice"), unblocked("alice")}));
 }
 
-// --- Notifications
-// --------------------------------------------------------------------------------
+// --- Notifications -------------------------------------------------------------------------------
 
 TEST_F(limiter, a_name_is_one_word_of_the_notifier) {
     reply = settings_on("1", "0");
@@ -446,8 +442,7 @@ TEST_F(limiter, a_notification_leaves_no_child_behind) {
     EXPECT_EQ(errno, ECHILD);
 }
 
-// --- Statements
-// -----------------------------------------------------------------------------------
+// --- Statements ----------------------------------------------------------------------------------
 
 TEST_F(limiter, create_makes_the_table_and_no_index) {
     EXPECT_EQ(create_events,
@@ -604,8 +599,7 @@ TEST_F(limiter, listing_knows_four_columns) {
     EXPECT_EQ(events(), no_texts);
 }
 
-// --- Odd rows, put into the file by others
-// --------------------------------------------------------
+// --- Odd rows, put into the file by others -------------------------------------------------------
 
 TEST_F(limiter, count_stays_at_its_maximum) {
     put_row("1", "'alice'", "2147483646", "1");
@@ -674,8 +668,7 @@ TEST_F(limiter, row_that_seems_to_have_no_id_blocks_and_runs_out) {
     EXPECT_EQ(rows().size(), 1U);
 }
 
-// --- Failing settings
-// -----------------------------------------------------------------------------
+// --- Failing settings ----------------------------------------------------------------------------
 
 struct broken_settings {
     int result;
@@ -778,8 +771,7 @@ TEST_F(failing_settings, count_is_in_the_file_while_the_service_is_asked) {
     EXPECT_EQ(seen.back(), "(no row)");
 }
 
-// --- Failing statements
-// ---------------------------------------------------------------------------
+// --- Failing statements --------------------------------------------------------------------------
 
 constexpr char unit[] = "ravod_db_privilege_user_block_handler.cpp ";
 
@@ -906,8 +898,7 @@ TEST_F(failing_statements, no_database_makes_everybody_unknown) {
     EXPECT_EQ(check("alice"), 1);
 }
 
-// --- No memory
-// ------------------------------------------------------------------------------------
+// --- No memory -----------------------------------------------------------------------------------
 
 TEST_F(limiter, listing_without_memory_tells_of_each_row) {
     fail("alice");

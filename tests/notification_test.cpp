@@ -11,12 +11,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -32,7 +34,7 @@ namespace {
 using texts = std::vector<std::string>;
 
 // Each process has its own copy of these, so a child's calls do not show in the caller.
-int forks = 0;
+std::atomic<int> forks = 0;
 int failing_fork = 0;  // this fork, counted from 1 in a line of processes, fails
 int interrupted_waits = 0;
 
@@ -43,8 +45,9 @@ struct wait_call {
     bool operator==(const wait_call&) const = default;
 };
 std::vector<wait_call> waits;
-pid_t last_child = -1;
-int last_child_status = -1;
+std::mutex waits_lock;
+std::atomic<pid_t> last_child = -1;
+std::atomic<int> last_child_status = -1;  // where no status was wanted
 
 bool has_close_range = true;
 int limit_questions = 0;
@@ -74,13 +77,20 @@ pid_t __wrap_fork() {
 }
 
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
-    waits.push_back({pid, status != nullptr, options});
+    {
+        const std::lock_guard hold(waits_lock);
+        waits.push_back({pid, status != nullptr, options});
+    }
     if (interrupted_waits > 0) {
         --interrupted_waits;
         errno = EINTR;
         return -1;
     }
-    return __real_waitpid(pid, status != nullptr ? status : &last_child_status, options);
+    if (status != nullptr) return __real_waitpid(pid, status, options);
+    int own_status = -1;
+    const pid_t child = __real_waitpid(pid, &own_status, options);
+    last_child_status = own_status;
+    return child;
 }
 
 int __wrap_close_range(unsigned first, unsigned last, int flags) {
@@ -347,11 +357,10 @@ TEST(catalogue, lies_in_memory_that_cannot_be_written) {
     const auto wanted = reinterpret_cast<uintptr_t>(entry(0));
     std::string mode;
     for (const std::string& line : split_lines(read_file("/proc/self/maps"))) {
-        uintptr_t start = 0;
-        uintptr_t end = 0;
-        char bits[5] = {};
-        ASSERT_EQ(sscanf(line.c_str(), "%lx-%lx %4s", &start, &end, bits), 3);
-        if (start <= wanted && wanted < end) mode = bits;
+        char* rest = nullptr;
+        const uintptr_t start = strtoul(line.c_str(), &rest, 16);
+        const uintptr_t end = strtoul(rest + 1, &rest, 16);
+        if (start <= wanted && wanted < end) mode = std::string(rest + 1, 4);
     }
     EXPECT_EQ(mode, "r--p");
 }
@@ -402,6 +411,7 @@ TEST_F(notifications, twelve_arguments_are_taken_and_no_more) {
 }
 
 TEST_F(notifications, thirteenth_argument_is_not_even_read) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): no text is there, and reading one would end it
     const auto* nowhere = reinterpret_cast<const char*>(uintptr_t{1});
     ravo::nclog::notify_send(entry(17), "1", "2", "3", "4", "5", "6", "7", "8", "9", "10", "11",
                              "12", nowhere);
@@ -528,6 +538,7 @@ TEST_F(notifications, notifier_starts_with_default_signals_and_an_empty_mask) {
 
 TEST_F(notifications, any_thread_may_send) {
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int n = 0; n < 8; ++n) {
         threads.emplace_back([n] {
             const std::string name = "user " + std::to_string(n);

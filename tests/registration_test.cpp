@@ -142,7 +142,7 @@ class registration : public testing::Test {
 
     // Registers a device; returns the 36 bytes of the reply.
     static std::string enter(const db_device_info_data& data) {
-        const std::string reply = answer("db_device_info_insert", bytes_of(data));
+        std::string reply = answer("db_device_info_insert", bytes_of(data));
         EXPECT_EQ(reply.size(), 36U);
         return reply;
     }

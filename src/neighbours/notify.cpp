@@ -45,7 +45,7 @@ int usage() {
     return 2;
 }
 
-// --- Template -----------------------------------------------------------------------------------
+// --- Template ------------------------------------------------------------------------------------
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -110,7 +110,7 @@ std::string as_utf8(const std::string& text) {
     return is_utf8(text) ? text : escape(text, is_not_ascii);
 }
 
-// --- Delivery -----------------------------------------------------------------------------------
+// --- Delivery ------------------------------------------------------------------------------------
 
 int priority_of(const char* level) {
     if (strcmp(level, "warn") == 0) return LOG_WARNING;

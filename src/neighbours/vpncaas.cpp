@@ -27,7 +27,7 @@
 namespace {
 
 constexpr char settings_folder[] = "/etc/config";
-constexpr size_t max_file_size = 4 * 1024 * 1024;  // bytes of a settings file
+constexpr size_t max_file_size = size_t{4} * 1024 * 1024;  // bytes of a settings file
 
 enum read_error {
     read_ok = 0,
@@ -68,7 +68,7 @@ class descriptor {
 
 zb_service* service = nullptr;
 
-// --- Files --------------------------------------------------------------------------------------
+// --- Files ---------------------------------------------------------------------------------------
 
 // Where an open file lies, without any link in the path; empty when the kernel does not say.
 std::string location(const descriptor& file) {
@@ -108,7 +108,7 @@ bool read_all(const descriptor& file, std::string& bytes) {
     return true;
 }
 
-// --- Requests -----------------------------------------------------------------------------------
+// --- Requests ------------------------------------------------------------------------------------
 
 json_ptr failure(read_error error) { return json_ptr(json_pack("{s:i}", "error", error)); }
 

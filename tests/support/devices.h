@@ -32,6 +32,10 @@ inline db_device_info_data device(const std::string& mac, const std::string& mar
     return data;
 }
 
+inline std::string bytes_of_device(const db_device_info_data& data) {
+    return {reinterpret_cast<const char*>(&data), sizeof data};
+}
+
 inline std::string quoted(const std::string& text) {
     std::string sql = "'";
     for (const char c : text) sql += c == '\'' ? std::string("''") : std::string(1, c);

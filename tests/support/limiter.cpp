@@ -39,7 +39,7 @@ constexpr int patience_ms = 20000;
     abort();
 }
 
-// --- Notifications ------------------------------------------------------------------------------
+// --- Notifications -------------------------------------------------------------------------------
 
 int notifications_socket = -1;
 std::vector<std::string> received;
@@ -78,7 +78,7 @@ const pid_t test_process = getpid();
 
 }  // namespace
 
-// --- In front of the limiter's own calls --------------------------------------------------------
+// --- In front of the limiter's own calls ---------------------------------------------------------
 
 extern "C" __attribute__((visibility("default"))) time_t time(time_t* place) noexcept {
     if (place != nullptr) *place = limiter_world::now;
@@ -109,7 +109,7 @@ extern "C" __attribute__((visibility("default"))) int zb_call(const char* path, 
 
 namespace limiter_world {
 
-// --- Settings -----------------------------------------------------------------------------------
+// --- Settings ------------------------------------------------------------------------------------
 
 std::string settings(const std::string& members) {
     return R"({"error": 0, "data": {"global": {)" + members + "}}}";
@@ -119,7 +119,7 @@ std::string settings_on(const std::string& limit, const std::string& time) {
     return settings(R"("enable": true, "limit": )" + limit + R"(, "time": )" + time);
 }
 
-// --- Notifier -----------------------------------------------------------------------------------
+// --- Notifier ------------------------------------------------------------------------------------
 
 void install_notifier() {
     notifications_socket = open_notifications_socket();
@@ -148,7 +148,7 @@ std::string unblocked(const std::string& user) {
     return words("0021", "info", "[{0}] Unblock the user: Username: {1}.", user);
 }
 
-// --- Limiter ------------------------------------------------------------------------------------
+// --- Limiter -------------------------------------------------------------------------------------
 
 void fail(const std::string& user) {
     std::string name = user;
@@ -216,7 +216,7 @@ void drop_rows() {
     (void)run_in_file("DELETE FROM sqlite_sequence;");
 }
 
-// --- What was done ------------------------------------------------------------------------------
+// --- What was done -------------------------------------------------------------------------------
 
 // SQLite's own reading of its schema is nobody's statement.
 std::vector<std::string> events() {

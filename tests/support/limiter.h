@@ -18,12 +18,12 @@
 
 namespace limiter_world {
 
-// --- The clock ----------------------------------------------------------------------------------
+// --- The clock -----------------------------------------------------------------------------------
 
 inline constexpr time_t start_time = 1795222858;
 extern time_t now;  // what time() answers
 
-// --- The settings service -----------------------------------------------------------------------
+// --- The settings service ------------------------------------------------------------------------
 
 extern std::string reply;                  // the text that it answers
 extern int call_result;                    // what zb_call() returns; 0: the reply is delivered
@@ -34,7 +34,7 @@ extern std::vector<std::string> calls;     // "SERVICE METHOD TIMEOUT FD REQUEST
 std::string settings(const std::string& members);
 std::string settings_on(const std::string& limit, const std::string& time);
 
-// --- The notifier -------------------------------------------------------------------------------
+// --- The notifier --------------------------------------------------------------------------------
 
 // Puts the recording notifier in its place; without it notifications are lost.
 void install_notifier();
@@ -45,7 +45,7 @@ std::vector<std::string> notifications();
 std::string blocked(const std::string& user);
 std::string unblocked(const std::string& user);
 
-// --- The limiter --------------------------------------------------------------------------------
+// --- The limiter ---------------------------------------------------------------------------------
 
 void fail(const std::string& user);
 int check(const std::string& user);
