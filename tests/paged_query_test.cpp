@@ -1,7 +1,8 @@
 // The paged query: its statements, its bounds, the rows it delivers, and the fence around a filter.
 //
-// Two things of the system are replaced in this program: the steady clock can be moved on, so that
-// the time a filter may take passes at once, and growing the row array can fail.
+// Two things of the system are replaced in this program: the steady clock, which stands still
+// unless a test moves it, so that the time a filter may take passes at once; and growing the row
+// array, which can fail.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -22,9 +23,9 @@
 namespace {
 using std::chrono::nanoseconds;
 
-// Called whenever the steady clock is read; says by how much it has moved on.
+// Called whenever the steady clock is read; says by how much it moves on.
 std::function<nanoseconds()> clock_step;
-nanoseconds clock_lead{0};
+nanoseconds clock_now = std::chrono::hours(1);
 
 // Called before each growth of a row array; true refuses the memory.
 std::function<bool()> refuse_memory;
@@ -32,12 +33,10 @@ std::function<bool()> refuse_memory;
 
 extern "C" {
 __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* now) noexcept {
-    const auto result = static_cast<int>(syscall(SYS_clock_gettime, clock, now));
-    if (result != 0 || clock != CLOCK_MONOTONIC) return result;
-    if (clock_step) clock_lead += clock_step();
-    const nanoseconds time = nanoseconds(now->tv_nsec) + clock_lead;
-    now->tv_sec += std::chrono::floor<std::chrono::seconds>(time).count();
-    now->tv_nsec = (time % std::chrono::seconds(1)).count();
+    if (clock != CLOCK_MONOTONIC) return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+    if (clock_step) clock_now += clock_step();
+    now->tv_sec = std::chrono::floor<std::chrono::seconds>(clock_now).count();
+    now->tv_nsec = (clock_now % std::chrono::seconds(1)).count();
     return 0;
 }
 
@@ -221,9 +220,12 @@ TYPED_TEST(paged_query, before_the_create_every_index_is_refused) {
 TYPED_TEST(paged_query, condition_is_left_as_it_is) {
     start<TypeParam>();
     db_query_cond cond = condition({.start = 1, .count = -1, .field = "id", .value = "1"});
-    const db_query_cond before = cond;
+    const auto bytes = [&cond] {
+        return std::string(reinterpret_cast<const char*>(&cond), sizeof cond);
+    };
+    const std::string before = bytes();
     EXPECT_EQ(page<TypeParam>(cond).status, 0);
-    EXPECT_EQ(memcmp(&before, &cond, sizeof cond), 0);
+    EXPECT_EQ(bytes(), before);
 }
 
 TYPED_TEST(paged_query, rows_are_appended_to_those_in_the_result) {
@@ -628,10 +630,10 @@ class filter_fence : public testing::Test {
         EXPECT_EQ(result.status, 0);
         EXPECT_EQ(result.total(), 3U) << "the next statement works again";
         EXPECT_TRUE(result.count() == 0 || result.data() != nullptr);
+        const std::string ending = "ERROR RET = ";
         const texts log = log_messages();
-        int code = 0;
-        if (log.size() >= 3) sscanf(log[2].c_str(), "ERROR RET = %d", &code);
-        return code;
+        if (log.size() < 3 || !log[2].starts_with(ending)) return 0;
+        return std::stoi(log[2].substr(ending.size()));
     }
 
     std::string before;
@@ -726,7 +728,7 @@ TEST_F(filter_fence, same_name_in_the_file_is_not_the_temporary_table) {
 
 TEST_F(filter_fence, filter_that_takes_more_than_five_seconds_is_interrupted) {
     clock_step = [] { return std::chrono::milliseconds(10); };
-    const nanoseconds start = clock_lead;
+    const nanoseconds start = clock_now;
     EXPECT_EQ(
         code_of("(SELECT count(*) FROM conn_server_log a, conn_server_log b, "
                 "conn_server_log c, conn_server_log d, conn_server_log e, conn_server_log f, "
@@ -736,8 +738,8 @@ TEST_F(filter_fence, filter_that_takes_more_than_five_seconds_is_interrupted) {
                 "conn_server_log s, conn_server_log t, conn_server_log u, conn_server_log v)"),
         SQLITE_INTERRUPT);
     clock_step = nullptr;
-    EXPECT_GE(clock_lead - start, std::chrono::seconds(5));
-    EXPECT_LE(clock_lead - start, std::chrono::milliseconds(5100));
+    EXPECT_GE(clock_now - start, std::chrono::seconds(5));
+    EXPECT_LE(clock_now - start, std::chrono::milliseconds(5100));
     EXPECT_NE(log_messages()[0].find("err = interrupted\n"), std::string::npos);
 }
 
@@ -761,7 +763,7 @@ void expect_no_fence() {
     EXPECT_EQ(sql_trace::run(db(), "CREATE TABLE later (a)"), SQLITE_OK);
     EXPECT_EQ(sql_trace::run(db(), "DROP TABLE later"), SQLITE_OK);
     EXPECT_EQ(sqlite3_limit(db(), SQLITE_LIMIT_LENGTH, -1), 1000000000);
-    clock_lead += std::chrono::hours(1);
+    clock_now += std::chrono::hours(1);
     EXPECT_EQ(sql_trace::value(db(),
                                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM "
                                "n WHERE i < 5000) SELECT count(*) FROM n"),

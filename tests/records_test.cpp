@@ -15,6 +15,9 @@
 namespace {
 
 template <class Member>
+constexpr size_t size_of = sizeof(Member);
+
+template <class Member>
 const char* kind_name() {
     if (std::is_same_v<Member, int32_t>) return "int32";
     if (std::is_same_v<Member, int64_t>) return "int64";
@@ -24,8 +27,8 @@ const char* kind_name() {
 }
 
 #define RECORD(record, bytes) {#record, "", 0, sizeof(record), ""},
-#define FIELD(record, field, at, bytes, kind)                         \
-    {#record, #field, offsetof(record, field), sizeof(record::field), \
+#define FIELD(record, field, at, bytes, kind)                                    \
+    {#record, #field, offsetof(record, field), size_of<decltype(record::field)>, \
      kind_name<decltype(record::field)>()},
 const std::vector<seen_field> cpp_fields = {
 #include "record_layout.inc"

@@ -1043,8 +1043,9 @@ TEST_F(module_state, texts_end_at_4096_bytes) {
 
 // --- The callback of every count query ----------------------------------------------------------
 
-int call_common_callback(int columns, std::vector<const char*> values, int64_t& number) {
+int call_common_callback(int columns, const std::vector<const char*>& values, int64_t& number) {
     std::vector<char*> pointers;
+    pointers.reserve(values.size());
     for (const char* value : values) pointers.push_back(const_cast<char*>(value));
     return common_callback(&number, columns, values.empty() ? nullptr : pointers.data(), nullptr);
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -26,6 +27,13 @@ void count(int) {
 }
 
 void send_to_self(int sig) { ASSERT_EQ(kill(getpid(), sig), 0); }
+
+bool is_asleep(pid_t pid) {
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string text;
+    std::getline(stat, text);
+    return text.find(") S ") != std::string::npos;
+}
 
 // What a program sees whom this process starts: its signal state and its descriptors.
 std::string seen_by_a_child() {
@@ -128,6 +136,31 @@ TEST(zb_signal, never_runs_inside_the_entry) {
     EXPECT_EQ(served.wait(), 0);
 }
 
+TEST(zb_signal, does_not_interrupt_what_the_entry_waits_for) {
+    channel pipe;
+    event inside;
+    served_process served(
+        [&](const std::string&, zb_io* io, int) {
+            inside.set();
+            char byte = 0;
+            EXPECT_EQ(read(pipe.out.get(), &byte, 1), 1);
+            answer(io, "read");
+        },
+        [] {
+            EXPECT_EQ(zb_signal(SIGHUP, count), 0);
+            EXPECT_EQ(zb_signal(SIGTERM, [](int) { zb_stop(served_process::service()); }), 0);
+        });
+    std::thread caller([] { EXPECT_EQ(call(address, "m"), (outcome{0, "read"})); });
+    ASSERT_TRUE(inside.wait());
+    // There is no event for "waits now"; between its own event and that it is running.
+    while (!is_asleep(served.pid())) std::this_thread::yield();
+    ASSERT_EQ(kill(served.pid(), SIGHUP), 0);
+    ASSERT_EQ(write(pipe.in.get(), "", 1), 1);
+    caller.join();
+    ASSERT_EQ(kill(served.pid(), SIGTERM), 0);
+    EXPECT_EQ(served.wait(), 0);
+}
+
 TEST(zb_signal, runs_while_a_call_made_by_the_entry_waits) {
     event came;
     delivery = &came;
@@ -194,6 +227,23 @@ TEST(zb_signal, its_function_may_call_and_is_not_run_inside_itself) {
     EXPECT_TRUE(came.wait());
     served.stop();
     EXPECT_EQ(deepest, 1);
+}
+
+TEST(zb_signal, its_function_may_create_an_endpoint_and_is_not_run_inside_itself) {
+    static int depth = 0;
+    const auto fn = [](int) {
+        EXPECT_EQ(++depth, 1);
+        if (++delivered == 1) {
+            send_to_self(SIGUSR1);
+            zb_free(zb_create(address, 4, 1, entry));
+            EXPECT_EQ(zb_start(nullptr), -1);
+        }
+        --depth;
+    };
+    ASSERT_EQ(zb_signal(SIGUSR1, fn), 0);
+    send_to_self(SIGUSR1);
+    EXPECT_EQ(zb_start(nullptr), -1);
+    EXPECT_EQ(delivered, 2);
 }
 
 TEST(zb_signal, call_outside_a_serving_thread_delivers_nothing) {
@@ -323,6 +373,18 @@ TEST(children, signal_of_a_forked_child_is_not_delivered_in_the_parent) {
     });
     for (int i = 0; i < 3; ++i) EXPECT_EQ(call(address, "m").result, 0);
     EXPECT_EQ(delivered, 0);
+}
+
+TEST(children, forked_child_does_not_deliver_what_its_parent_is_about_to) {
+    ASSERT_EQ(zb_signal(SIGUSR1, count), 0);
+    send_to_self(SIGUSR1);
+    process child([] {
+        EXPECT_EQ(zb_start(nullptr), -1);
+        EXPECT_EQ(delivered, 0);
+    });
+    EXPECT_EQ(child.wait(), 0);
+    EXPECT_EQ(zb_start(nullptr), -1);
+    EXPECT_EQ(delivered, 1);
 }
 
 TEST(children, forked_child_takes_no_wake_from_its_parent) {

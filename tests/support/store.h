@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -18,6 +17,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <span>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -196,7 +196,7 @@ texts values_of(const typename Table::row& row) {
 inline void set_text(const field& f, void* row, const std::string& text) {
     char* place = static_cast<char*>(row) + f.offset;
     memset(place, 0, f.size);
-    memcpy(place, text.data(), std::min(text.size(), f.size - 1));
+    text.copy(place, f.size - 1);
 }
 
 // A row whose fields all differ from each other and from those of a row of another number.
@@ -204,7 +204,7 @@ template <class Table>
 typename Table::row sample(int number) {
     typename Table::row row{};
     row.id = 4711;
-    int64_t value = 1000 * number;
+    int64_t value = int64_t{1000} * number;
     for (const field& f : Table::fields) {
         ++value;
         if (f.kind == field_kind::text) {
@@ -313,8 +313,8 @@ inline db_query_cond condition(const page_request& request) {
     cond.count = request.count;
     cond.order_by = request.order_by;
     cond.order_style = request.order_style;
-    memcpy(cond.field, request.field.data(), std::min<size_t>(request.field.size(), 1024));
-    memcpy(cond.value, request.value.data(), std::min<size_t>(request.value.size(), 1024));
+    request.field.copy(cond.field, sizeof cond.field - 1);
+    request.value.copy(cond.value, sizeof cond.value - 1);
     return cond;
 }
 
@@ -364,23 +364,33 @@ struct log_entry {
     std::string message;  // with its line end
 };
 
+// "PID [LEVEL] UNIT.cpp [LINE] FUNCTION:", as the line of this entry begins.
+inline std::string prefix_of(const log_entry& e) {
+    return std::to_string(e.pid) + " [" + e.level + "] " + e.file + " [" + std::to_string(e.line) +
+           "] " + e.function + ":";
+}
+
+// Takes a log line apart. False: it has no prefix of its own.
+inline bool parse_log_line(const std::string& line, log_entry& e) {
+    char bracket = '\0';
+    std::istringstream in(line);
+    in >> e.pid >> bracket;
+    std::getline(in, e.level, ']');
+    in >> e.file >> bracket >> e.line >> bracket >> std::ws;
+    std::getline(in, e.function, ':');
+    const std::string prefix = prefix_of(e);
+    if (!in || !line.starts_with(prefix)) return false;
+    e.message = line.substr(prefix.size()) + "\n";
+    return true;
+}
+
 // The log file's lines; one without a prefix of its own belongs to the message before it.
 inline std::vector<log_entry> read_log() {
     std::vector<log_entry> entries;
     for (const std::string& line : split_lines(read_file(log_path))) {
-        log_entry e{};
-        char level[16];
-        char file[64];
-        char function[64];
-        int end = 0;
-        if (sscanf(line.c_str(), "%d [%15[A-Z]] %63[^ ] [%d] %63[^:]:%n", &e.pid, level, file,
-                   &e.line, function, &end) == 5 &&
-            end > 0) {
-            e.level = level;
-            e.file = file;
-            e.function = function;
-            e.message = line.substr(static_cast<size_t>(end)) + "\n";
-            entries.push_back(e);
+        log_entry entry{};
+        if (parse_log_line(line, entry)) {
+            entries.push_back(entry);
         } else if (!entries.empty()) {
             entries.back().message += line + "\n";
         } else {
