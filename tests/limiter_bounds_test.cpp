@@ -160,15 +160,16 @@ TEST_F(limiter_bounds, new_user_at_the_cap_costs_the_2000_oldest) {
     fail("two");
     EXPECT_EQ(row_count(), "100000");
     EXPECT_EQ(value("SELECT min(id) FROM privilege_user_block;"), "2001");
+    const std::string insert =
+        "INSERT OR REPLACE INTO privilege_user_block (username, limit_count, timestamp) VALUES "
+        "('two', 1, 1795222858);";
+    const std::string trim =
+        "DELETE from privilege_user_block WHERE id IN (SELECT id from privilege_user_block LIMIT "
+        "2000);";
     EXPECT_EQ(events(),
               sequence({look("2000"),
-                        {"BEGIN TRANSACTION;",
-                         "INSERT OR REPLACE INTO privilege_user_block (username, limit_count, "
-                         "timestamp) VALUES ('two', 1, 1795222858);",
-                         "SELECT Count(*) FROM privilege_user_block;",
-                         "DELETE from privilege_user_block WHERE id IN (SELECT id from "
-                         "privilege_user_block LIMIT 2000);",
-                         "END TRANSACTION;", "(settings)"}}));
+                        {"BEGIN TRANSACTION;", insert, "SELECT Count(*) FROM privilege_user_block;",
+                         trim, "END TRANSACTION;", "(settings)"}}));
 }
 
 TEST_F(limiter_bounds, another_failure_at_the_cap_costs_nobody_anything) {

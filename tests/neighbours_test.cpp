@@ -48,7 +48,7 @@ class vpncaas : public testing::Test {
         zb_io* io = zb_io_create();
         EXPECT_EQ(zb_io_write(io, request.data(), request.size()), 0);
         const int result = zb_call("vpncaas", method, io, 20, fd);
-        const std::string answer =
+        std::string answer =
             result == 0 ? static_cast<const char*>(zb_io_read(io, nullptr)) : zb_strerror(result);
         zb_io_free(io);
         return answer;
@@ -56,7 +56,7 @@ class vpncaas : public testing::Test {
     static std::string read_json(const std::string& path) {
         json_t* request = json_pack("{s:s}", "path", path.c_str());
         char* text = json_dumps(request, 0);
-        const std::string answer = call(text);
+        std::string answer = call(text);
         free(text);
         json_decref(request);
         return answer;
@@ -223,7 +223,7 @@ std::string json_of(size_t size) {
 }
 
 TEST_F(vpncaas, file_up_to_4_MiB_is_read) {
-    const size_t most = 4 * 1024 * 1024;
+    const size_t most = size_t{4} * 1024 * 1024;
     write_file(settings_path, json_of(most));
     EXPECT_EQ(read_json(settings_path).size(), most + strlen(R"({"error": 0, "data": })"));
     write_file(settings_path, json_of(most + 1));
@@ -494,7 +494,7 @@ class system_log {
 
     // The one message there is: its priority in front, what follows "notify[PID]: " behind.
     std::string message() const {
-        std::string text(256 * 1024, '\0');
+        std::string text(size_t{256} * 1024, '\0');
         const ssize_t length = recv(fd, text.data(), text.size(), MSG_DONTWAIT);
         if (length <= 0) return "(none)";
         text.resize(static_cast<size_t>(length));

@@ -61,7 +61,7 @@ void receive_one() {
     while ((ready = poll(&event, 1, patience_ms)) < 0 && errno == EINTR) {
     }
     if (ready != 1) give_up("waited in vain for a notification");
-    std::string words(64 * 1024, '\0');
+    std::string words(size_t{64} * 1024, '\0');
     const ssize_t length = recv(notifications_socket, words.data(), words.size(), 0);
     if (length < 0) give_up("recv");
     words.resize(static_cast<size_t>(length));
