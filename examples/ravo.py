@@ -1,4 +1,5 @@
-"""A binding to ravod's client library by ctypes alone: connections to this device's VPN server.
+"""A binding to ravod's client library by ctypes alone: connections to this device's VPN server,
+registered devices, and the login-attempt limiter.
 
 The library is looked for in the library path, and before that in the folder that RAVO_LIBRARY_DIR
 names. Texts are str; bytes that are not UTF-8 survive in both directions (surrogateescape).
@@ -47,6 +48,28 @@ class ConnServerLog(ctypes.Structure):
     ]
 
 
+class DeviceInfo(ctypes.Structure):
+    """A device that registers."""
+
+    _fields_ = [
+        ("id", ctypes.c_int64),
+        ("ip", ctypes.c_char * TEXT_SIZE),
+        ("mac", ctypes.c_char * TEXT_SIZE),
+        ("vossid", ctypes.c_char * TEXT_SIZE),
+        ("user_id", ctypes.c_char * TEXT_SIZE),
+        ("dev_name", ctypes.c_char * TEXT_SIZE),
+        ("dev_uuid", ctypes.c_char * TEXT_SIZE),
+        ("nic", ctypes.c_char * TEXT_SIZE),
+        ("time", ctypes.c_uint64),
+    ]
+
+
+class Uuid(ctypes.Structure):
+    """A device's UUID."""
+
+    _fields_ = [("ravo_uuid", ctypes.c_char * 36)]
+
+
 class ConnServerLogQuery(ctypes.Structure):
     """The header of a query's result."""
 
@@ -58,7 +81,8 @@ class ConnServerLogQuery(ctypes.Structure):
 
 
 # The layout is the format, so a wrong one must not get as far as the daemon.
-for _record, _size in ((QueryCond, 2088), (ConnServerLog, 5200), (ConnServerLogQuery, 24)):
+for _record, _size in ((QueryCond, 2088), (ConnServerLog, 5200), (ConnServerLogQuery, 24),
+                       (DeviceInfo, 7192), (Uuid, 36)):
     if ctypes.sizeof(_record) != _size:
         raise ImportError(f"{_record.__name__} has {ctypes.sizeof(_record)} bytes, not {_size}")
 
@@ -76,6 +100,9 @@ def _load():
         ctypes.POINTER(QueryCond),
         ctypes.POINTER(ctypes.POINTER(ConnServerLogQuery)),
     ]
+    library.add_device_info.argtypes = [ctypes.POINTER(DeviceInfo), ctypes.POINTER(Uuid)]
+    library.add_privilege_user_block.argtypes = [ctypes.c_char_p]
+    library.check_privilege_user_block.argtypes = [ctypes.c_char_p]
     return library
 
 
@@ -92,14 +119,24 @@ def _client():
     return _library
 
 
+def _to_bytes(name, text):
+    value = text.encode("utf-8", "surrogateescape")
+    if b"\0" in value or len(value) >= TEXT_SIZE:
+        raise RavoError(f"{name}: a text has at most {TEXT_SIZE - 1} bytes and no NUL")
+    return value
+
+
+def _check(result):
+    if result != 0:
+        raise RavoError(f"the daemon did not take the request (result {result}); does ravod run?")
+
+
 def _set(record, name, value):
     """Sets one field. ctypes itself would cut numbers that are too large without a word."""
     if name not in dict(record._fields_):
         raise RavoError(f"{type(record).__name__} has no field {name!r}")
     if isinstance(value, str):
-        value = value.encode("utf-8", "surrogateescape")
-        if b"\0" in value or len(value) >= TEXT_SIZE:
-            raise RavoError(f"{name}: a text has at most {TEXT_SIZE - 1} bytes and no NUL")
+        value = _to_bytes(name, value)
     try:
         setattr(record, name, value)
     except TypeError as error:
@@ -113,9 +150,7 @@ def add_connection(**fields):
     record = ConnServerLog()
     for name, value in fields.items():
         _set(record, name, value)
-    result = _client().add_conn_server_log(ctypes.byref(record))
-    if result != 0:
-        raise RavoError(f"the daemon did not take the record (result {result}); does ravod run?")
+    _check(_client().add_conn_server_log(ctypes.byref(record)))
 
 
 def _row_to_dict(row):
@@ -141,3 +176,28 @@ def list_connections(start=0, count=20, order="id", descending=False, field="", 
         return [_row_to_dict(header.data[i]) for i in range(header.count)], header.total
     finally:
         _free(header.data)
+
+
+def register_device(**fields):
+    """Registers a device, or registers it again. Returns the UUID that its mac has from now on."""
+    record = DeviceInfo()
+    for name, value in fields.items():
+        _set(record, name, value)
+    uuid = Uuid()
+    _check(_client().add_device_info(ctypes.byref(record), ctypes.byref(uuid)))
+    if not uuid.ravo_uuid:
+        raise RavoError("the daemon could not store the device; its log tells why")
+    return uuid.ravo_uuid.decode()
+
+
+def add_failed_login(username):
+    """Counts one failed login of a user."""
+    _check(_client().add_privilege_user_block(_to_bytes("username", username)))
+
+
+def is_blocked(username):
+    """Whether the user is blocked now. Nobody is while the limiter's settings cannot be read."""
+    result = _client().check_privilege_user_block(_to_bytes("username", username))
+    if result not in (0, 1):
+        _check(result)
+    return result == 1

@@ -6,21 +6,12 @@
 FILE has one JSON object in each line; data/README.md tells what is in it and how the variables fill
 a record. Every connect and every disconnect becomes one record.
 """
-import json
-import os
-import sys
-
+import hook_calls
 import ravo
-
-DATA = os.path.join(os.path.dirname(os.path.abspath(__file__)), "data", "openvpn-sessions.jsonl")
 
 VPN_TYPE_OPENVPN = 4
 # 3 is a lost connection, but a disconnect hook is not told whether the client left or fell silent.
 CONNECTED, DISCONNECTED = 1, 2
-
-
-class DataError(Exception):
-    """A line is not what it should be."""
 
 
 def device_info(env):
@@ -29,9 +20,10 @@ def device_info(env):
     return " ".join(env[name] for name in names if name in env)
 
 
-def to_record(hook, env):
+def to_record(call):
     """The fields of the record for one connect or disconnect."""
-    ended = hook == "disconnect"
+    env = call["env"]
+    ended = call["hook"] == "disconnect"
     duration = int(env["time_duration"]) if ended else 0
     return {
         "username": env["username"],
@@ -48,40 +40,11 @@ def to_record(hook, env):
     }
 
 
-def parse_line(line):
-    """The record's fields, or None for a hook that is no connection."""
-    try:
-        call = json.loads(line)
-        if call["hook"] not in ("connect", "disconnect"):
-            return None
-        return to_record(call["hook"], call["env"])
-    except KeyError as error:
-        raise DataError(f"{error} is missing") from None
-    except (ValueError, TypeError) as error:
-        raise DataError(str(error)) from None
-
-
-def replay(path):
-    """Records all connections of the file. Returns their number."""
-    recorded = 0
-    with open(path, encoding="utf-8") as file:
-        for number, line in enumerate(file, 1):
-            try:
-                record = parse_line(line)
-                if record is not None:
-                    ravo.add_connection(**record)
-                    recorded += 1
-            except (DataError, ravo.RavoError) as error:
-                raise DataError(f"{path}, line {number}: {error}") from None
-    return recorded
-
-
 def main():
-    path = sys.argv[1] if len(sys.argv) > 1 else DATA
-    try:
-        print(replay(path), "connects and disconnects recorded from", os.path.basename(path))
-    except (DataError, OSError) as error:
-        sys.exit(f"replay_connections.py: {error}")
+    hooks = ("connect", "disconnect")
+    count, name = hook_calls.replay_argument(
+        hooks, lambda call: ravo.add_connection(**to_record(call)))
+    print(count, "connects and disconnects recorded from", name)
 
 
 if __name__ == "__main__":

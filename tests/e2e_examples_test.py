@@ -1,6 +1,7 @@
 """The example programs against a running ravod."""
 import json
 import os
+import re
 import unittest
 
 from support.ravod import RavodTest
@@ -42,6 +43,8 @@ class examples(RavodTest):
         self.fails(self.run_program(os.environ["C_EXAMPLE"]), 1, "ravod")
         self.fails(self.example("record_and_list.py"), 1, "ravod")
         self.fails(self.example("replay_connections.py"), 1, "ravod", "line 2")
+        self.fails(self.example("register_devices.py"), 1, "ravod", "line 2")
+        self.fails(self.example("replay_logins.py"), 1, "ravod", "line 1")
 
     def test_replay_records_each_connect_and_disconnect(self):
         self.start_ravod()
@@ -55,6 +58,42 @@ class examples(RavodTest):
             "vpn_ip": "10.88.0.4", "tx_rate": 0, "rx_rate": 0, "tx_total": 27323,
             "rx_total": 27161, "outgoing": "tun0", "action": 2,
         })
+
+    def test_devices_that_connect_again_keep_their_uuid(self):
+        self.start_ravod()
+        lines = self.succeed(self.example("register_devices.py")).splitlines()
+        self.assertEqual(lines.pop(), "5 registrations from openvpn-sessions.jsonl")
+        devices = [line.split(" ") for line in lines]
+        self.assertEqual([user for _, _, user in devices], ["alice", "o'brien", "zoë", "alice", "100%"])
+        uuids = {mac: uuid for mac, uuid, _ in devices[:3]}
+        self.assertEqual(len(set(uuids.values())), 3)
+        for mac, uuid, _ in devices:
+            self.assertEqual(uuid, uuids[mac])
+            self.assertTrue(re.fullmatch(r"[0-9a-f]{32}%R\?", uuid))
+        row = json.loads(self.succeed(self.ravoctl("devices", "--json")))["rows"][0]
+        self.assertEqual(row, {
+            "id": 1, "ip": "10.88.0.2", "mac": "26:30:2d:70:37:d8", "vossid": "", "user_id": "alice",
+            "dev_name": "alice-laptop", "dev_uuid": devices[0][1], "nic": "tun0", "time": 1795222858,
+        })
+
+    def replayed_logins(self):
+        lines = self.succeed(self.example("replay_logins.py")).splitlines()
+        self.assertEqual(lines.pop(), "8 logins replayed from openvpn-sessions.jsonl")
+        return [line.split(maxsplit=1) for line in lines]
+
+    def test_logins_are_counted_and_a_blocked_user_is_turned_away(self):
+        with open("/etc/config/vpn_block.conf", "w", encoding="utf-8") as file:
+            json.dump({"global": {"enable": True, "limit": 3, "time": 5}}, file)
+        self.start(os.environ["VPNCAAS"])
+        self.start_ravod()
+        logins = self.replayed_logins()
+        self.assertEqual([what.split()[0].strip(",") for _, what in logins],
+                         ["accepted"] * 3 + ["refused"] * 3 + ["accepted"] * 2)
+        self.assertEqual(self.ravoctl("blocks", "check", "mallory").returncode, 1)
+        for _ in range(3):
+            self.succeed(self.ravoctl("blocks", "fail", "alice"))
+        self.assertEqual([user for user, what in self.replayed_logins() if "turned away" in what],
+                         ["alice", "alice"])
 
     def test_replay_takes_the_address_of_either_family(self):
         self.start_ravod()

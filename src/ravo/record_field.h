@@ -17,9 +17,9 @@ constexpr value_kind kind_of() {
     if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
 }
 
-// Initialises three members in a row: kind, offset and size (value_kind, size_t, size_t). A macro
+// Initialises three members in a row: offset, size and kind (size_t, size_t, value_kind). A macro
 // because only that can name a member.
 #define FIELD(record, member) \
-    kind_of<decltype(record::member)>(), offsetof(record, member), sizeof(record::member)
+    offsetof(record, member), sizeof(record::member), kind_of<decltype(record::member)>()
 
 #endif  // RECORD_FIELD_H

@@ -54,9 +54,9 @@ inline constexpr int filter_value_size = 65536;          // bytes of any value t
 // One column after id, and the field of the row record that fills it (see FIELD).
 struct column {
     const char* name;
-    value_kind kind;
     size_t offset;
     size_t size;
+    value_kind kind;
 };
 
 // How a kind is written in CREATE and, as a conversion, in INSERT and UPDATE.

@@ -25,9 +25,9 @@ enum class shown { always, in_wide_table };
 
 struct field {
     const char* name;  // of the table's column, unless the field is computed
-    value_kind kind;
     size_t offset;
     size_t size;
+    value_kind kind;
     shown visibility = shown::in_wide_table;
     meaning is = meaning::plain;
     origin from = origin::given_by_user;
