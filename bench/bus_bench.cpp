@@ -2,9 +2,9 @@
 // exchange over an abstract stream socket, with a connection per call and nothing checked.
 //
 // Both servers are processes of their own, both sides of a pair move the same bytes (frames
-// included). The two take turns in short rounds, so that whatever else the machine does meets both;
-// printed are the medians over the rounds of the microseconds per call and of the ratio of each
-// round. Run with the number of rounds as the only argument to change it.
+// included). The two take turns in rounds shorter than a time slice, so that whatever else the
+// machine does meets both; printed are the medians over the rounds of the microseconds per call and
+// of the ratio of each round. Run with the number of rounds as the only argument to change it.
 //
 // Caller and servers are tied to CPUs, once to a single one and once to one each. Waking a process
 // on another CPU costs more than all the rest of a call; left to itself the scheduler places the
@@ -32,8 +32,8 @@
 namespace {
 constexpr std::size_t frame_header_bytes = 16;
 constexpr const char* method = "db_conn_insert";
-constexpr int calls_per_round = 200;
-constexpr int usual_rounds = 101;
+constexpr int calls_per_round = 20;
+constexpr int usual_rounds = 1001;
 
 struct workload {
     std::size_t request;  // payload bytes
