@@ -10,6 +10,7 @@
 
 #include "ravod_db.h"
 #include "ravod_handler.h"
+#include "ravod_mobile.h"
 #include "standin/standin.h"
 
 namespace {
@@ -38,6 +39,16 @@ const std::vector<std::pair<std::string, ravod_method>> methods = {
     {"db_server_list_query", db_server_list_query_handler},
     {"db_server_list_del", db_server_list_delete_handler},
     {"db_server_list_clean", db_server_list_clean_handler},
+    {"db_device_info_insert", db_device_info_insert_handler},
+    {"db_device_info_query", db_device_info_query_handler},
+    {"db_device_info_del", db_device_info_delete_handler},
+    {"db_device_info_clean", db_device_info_clean_handler},
+    {"ravo_mobile_gen_ravo_uuid", ravo_mobile_gen_ravo_uuid},
+    {"db_privilege_user_block_insert", db_privilege_user_block_insert_handler},
+    {"db_privilege_user_block_query", db_privilege_user_block_query_handler},
+    {"db_privilege_user_block_del", db_privilege_user_block_delete_handler},
+    {"db_privilege_user_block_clean", db_privilege_user_block_clean_handler},
+    {"db_privilege_user_block_check", db_privilege_user_block_check_handler},
 };
 
 bool is_open(int fd) { return fcntl(fd, F_GETFD) >= 0; }

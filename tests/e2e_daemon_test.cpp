@@ -354,7 +354,7 @@ TEST(ravod_log_file, file_moved_away_is_made_anew) {
 
 // --- Start, stop, signals -----------------------------------------------------------------------
 
-TEST(ravod_signals, stop_signals_finish_three_tables_and_exit_0) {
+TEST(ravod_signals, stop_signals_finish_four_tables_and_exit_0) {
     for (const int sig : {SIGTERM, SIGINT}) {
         fs::remove(log_path);
         ready_socket ready;

@@ -371,10 +371,16 @@ texts create_calls() {
     texts expected;
     for (const char* create : {"CREATE  TABLE IF NOT EXISTS conn_server_log ",
                                "CREATE  TABLE IF NOT EXISTS conn_client_log ",
-                               "CREATE TEMPORARY TABLE IF NOT EXISTS server_list "}) {
+                               "CREATE TEMPORARY TABLE IF NOT EXISTS server_list ",
+                               "CREATE TEMPORARY TABLE IF NOT EXISTS device_info ",
+                               "CREATE  TABLE IF NOT EXISTS privilege_user_block "}) {
         expected.push_back(std::string("sqlite3_open ") + db_path);
         expected.push_back("sqlite3_busy_timeout 500");
         expected.push_back(std::string("sqlite3_exec ") + create);
+        if (std::string(create).find("device_info") != std::string::npos) {
+            expected.emplace_back(
+                "sqlite3_exec CREATE UNIQUE INDEX idx_device_info_mac ON device_info ");
+        }
     }
     return expected;
 }
@@ -382,6 +388,7 @@ texts create_calls() {
 texts finish_calls() {
     texts expected;
     for (const logged_table& table : logged_tables) {
+        if (!table.is_finished) continue;
         expected.push_back(std::string("sqlite3_exec VACCUM ") + table.name);
         expected.push_back(std::string("fopen ") + log_path);
         expected.push_back("sqlite3_close");

@@ -148,7 +148,7 @@ TEST(failing_start, read_only_database_without_tables) {
     ravod_process ravod;
     const pid_t pid = ravod.pid();
     std::string expected;
-    for (const logged_table& table : {logged_tables[0], logged_tables[1]}) {
+    for (const logged_table& table : {logged_tables[0], logged_tables[1], logged_tables[4]}) {
         const operation create = {table.unit, std::string("create_") + table.name + "_db"};
         expected += create.error("create db failed: attempt to write a readonly database") +
                     create.closed();

@@ -31,15 +31,18 @@ inline std::string plain(const std::string& text, pid_t pid) {
 
 inline std::string plain_log(pid_t pid) { return plain(read_file(log_path), pid); }
 
-// Three tables in the order in which the daemon opens and finishes them.
+// The tables in the order in which the daemon opens and finishes them.
 struct logged_table {
     const char* name;
     const char* unit;
+    bool is_finished = true;
 };
 inline constexpr logged_table logged_tables[] = {
     {"conn_server_log", "ravod_db_handler.cpp"},
     {"conn_client_log", "ravod_db_conn_client_handler.cpp"},
     {"server_list", "ravod_db_list_handler.cpp"},
+    {"device_info", "ravod_db_device_info_handler.cpp", false},
+    {"privilege_user_block", "ravod_db_privilege_user_block_handler.cpp"},
 };
 
 // A line of plain_log().
@@ -52,6 +55,7 @@ inline std::string log_entry(const std::string& level, const std::string& unit,
 inline std::string closing_lines() {
     std::string lines;
     for (const logged_table& table : logged_tables) {
+        if (!table.is_finished) continue;
         lines += log_entry("WARN", table.unit, std::string("finish_") + table.name + "_db",
                            "close db PTR\n");
     }
