@@ -11,6 +11,8 @@ LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "sbin/notify", "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
+MANUAL_PAGES = ["man1/ravoctl.1", "man3/ravo_api.3", "man8/notify.8", "man8/ravod.8",
+                "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
@@ -19,7 +21,7 @@ FILES = sorted(
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
     + [f"lib/cmake/ravod/ravod{name}.cmake"
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
-    + ["share/man/man1/ravoctl.1", "share/man/man3/ravo_api.3", "share/man/man8/ravod.8"]
+    + [f"share/man/{page}" for page in MANUAL_PAGES]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
@@ -146,7 +148,7 @@ class install(RavodTest):
         self.assertRegex(unit, r"\nExecStart=/[^ \n]*/sbin/ravod\n")
 
     def test_manual_pages_are_well_formed(self):
-        for page in ("man1/ravoctl.1", "man3/ravo_api.3", "man8/ravod.8"):
+        for page in MANUAL_PAGES:
             result = self.run_program("mandoc", "-Tlint", "-W", "warning",
                                       f"{PREFIX}/share/man/{page}")
             self.assertEqual((result.returncode, result.stdout), (0, b""), page)
