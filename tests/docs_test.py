@@ -161,6 +161,15 @@ class docs(unittest.TestCase):
             with self.subTest(result=name):
                 self.assertEqual(results.get(name), number)
 
+    def test_daemon_page_has_every_table(self):
+        page = daemon_page.read_text()
+        created = re.search(r"^void create_tables\(\) {$(.*?)^}",
+                            (top / "src/ravo/ravod.cpp").read_text(), re.M | re.S)[1]
+        tables = re.findall(r"\bcreate_(\w+)_db\(\);", created)
+        self.assertTrue(tables)
+        files = re.search(r"^\.Sh FILES$(.*?)^\.Sh ", page, re.M | re.S)[1]
+        self.assertEqual(re.findall(r"^\.It Li (\w+)$", files, re.M), tables)
+
     def test_daemon_page_has_every_option(self):
         source = (top / "src/ravo/ravod.cpp").read_text()
         options = set(re.findall(r'{"(\w+)", (\w+)_argument, nullptr, \'(\w)\'}', source))
@@ -202,14 +211,20 @@ class docs(unittest.TestCase):
     def test_column_indexes_count_the_columns_of_the_table(self):
         units = {"db_conn_server_log": "ravod_db_handler.cpp",
                  "db_conn_client_log_data": "ravod_db_conn_client_handler.cpp",
-                 "db_server_list_data": "ravod_db_list_handler.cpp"}
+                 "db_server_list_data": "ravod_db_list_handler.cpp",
+                 "db_device_info_data": "ravod_db_device_info_handler.cpp",
+                 "db_privilege_user_block_data": "ravod_db_privilege_user_block_handler.cpp"}
         for record, unit in units.items():
             with self.subTest(record=record):
                 source = (top / "src/ravo" / unit).read_text()
-                columns = ["id"] + re.findall(r'{"(\w+)", FIELD\(row, \w+\)}', source)
+                columns = re.findall(r'{"(\w+)", FIELD\(row, (\w+)\)}', source)
+                fields = ["id"] + [field for _, field in columns]
                 rows = documented_layout()[record][1]
                 listed = [(row[2], row[4]) for row in rows if row[2] != "(gap)"]
-                self.assertEqual(listed, [(c, str(n)) for n, c in enumerate(columns)])
+                self.assertEqual(listed, [(f, str(n)) for n, f in enumerate(fields)])
+                for column, field in columns:
+                    if column != field:  # A filter needs the column's own name.
+                        self.assertIn(f"`{column}`", wire_format)
 
     def test_query_header_is_that_of_the_header(self):
         reply = re.search(r"^## Query reply$(.*?)^## ", wire_format, re.M | re.S)[1]
@@ -222,7 +237,7 @@ class docs(unittest.TestCase):
                 self.assertIn(f"`{name}`", reply)
 
     def test_worked_example_says_what_its_text_says(self):
-        insert, query, reply, delete = dumped_payloads()
+        insert, query, reply, delete, uuid, failure, check = dumped_payloads()
         row = {"id": 0, "username": "alice", "vpn_type": 4, "uptime": 95, "time": 1767225600,
                "device_info": "linux 2.6.14", "source_ip": "203.0.113.7", "vpn_ip": "10.8.0.6",
                "tx_rate": 1200, "rx_rate": 800, "tx_total": 114000, "rx_total": 76000,
@@ -235,6 +250,10 @@ class docs(unittest.TestCase):
         self.assertEqual(struct.unpack_from("<QQ", reply), (1, 1))
         self.assertEqual(decode("db_conn_server_log", reply[24:]), row | {"id": 1})
         self.assertEqual((len(delete), decode("db_delete_cond", delete)), (8, {"id": 2}))
+        self.assertEqual(len(uuid), 36)
+        self.assertRegex(decode("ravo_mobile_gen_uuid_data_get", uuid)["ravo_uuid"],
+                         r"^[0-9a-f]{32}%R\?$")
+        self.assertEqual((failure, check), (b"alice", b"1"))
 
 
 if __name__ == "__main__":
