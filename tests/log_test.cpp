@@ -26,7 +26,7 @@ using std::to_string;
 using texts = std::vector<std::string>;
 
 const std::string lock_file = "/var/lock/ravo_log.lck";
-const std::string open_lock = "open " + lock_file + " O_WRONLY|O_CREAT|O_CLOEXEC 0777";
+const std::string open_lock = "open " + lock_file + " O_WRONLY|O_CREAT|O_CLOEXEC|O_NONBLOCK 0777";
 const std::string open_log = std::string("fopen ") + log_path + " ae";
 
 log_state& state_a() { return *place_in_unit_a().log; }
@@ -295,6 +295,13 @@ TEST(log, lock_file_that_cannot_be_opened_does_not_stop_the_line) {
     const file_calls::recording seen;
     log_text("x\n");
     EXPECT_EQ(seen.calls, (texts{open_lock, open_log, "fclose", open_lock}));
+    EXPECT_EQ(state_a()._iot_lock_fd, -1);
+    EXPECT_EQ(read_file(log_path), prefix() + "x\n");
+}
+
+TEST(log, lock_file_that_somebody_made_a_fifo_does_not_stop_the_line) {
+    ASSERT_EQ(mkfifo(lock_file.c_str(), 0666), 0);
+    log_text("x\n");
     EXPECT_EQ(state_a()._iot_lock_fd, -1);
     EXPECT_EQ(read_file(log_path), prefix() + "x\n");
 }

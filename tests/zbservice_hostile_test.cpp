@@ -266,7 +266,10 @@ TEST(bounds, slow_readers_at_the_bound_make_room_after_a_while) {
     EXPECT_EQ(heard.back() + readers.back().receive_all(), expected);
 }
 
-TEST_F(hostile, unfinished_requests_over_the_bound_push_out_the_oldest) {
+TEST_F(hostile, unfinished_requests_over_the_bound_push_out_the_largest_and_oldest) {
+    const std::string small = request_frame("m", "small");
+    raw_stream slow = connect_to(address);
+    ASSERT_TRUE(slow.send(small.substr(0, 3)));
     const std::string most = request_frame("m", std::string(4 << 20, 'x')).substr(0, 4 << 20);
     std::vector<raw_stream> hogs;
     for (int i = 0; i < 17; ++i) {
@@ -276,6 +279,8 @@ TEST_F(hostile, unfinished_requests_over_the_bound_push_out_the_oldest) {
     }
     EXPECT_TRUE(hears_soon(hogs[0]));
     EXPECT_EQ(hogs[0].receive_all(), reply_frame(busy));
+    EXPECT_TRUE(slow.send(small.substr(3)));
+    EXPECT_EQ(slow.receive_all(), reply_frame(replied, "m:small"));
     EXPECT_TRUE(hogs[16].send(std::string(17, 'x')));
     EXPECT_EQ(hogs[16].receive(20),
               reply_frame(replied, "m:" + std::string(4 << 20, 'x')).substr(0, 20));

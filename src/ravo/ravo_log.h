@@ -46,7 +46,10 @@ namespace ravo_log {
 
 inline constexpr char lock_path[] = "/var/lock/ravo_log.lck";
 
-inline int open_lock_file() { return open(lock_path, O_WRONLY | O_CREAT | O_CLOEXEC, 0777); }
+// Never waits: the folder is open to every user, and one could put a FIFO in the file's place.
+inline int open_lock_file() {
+    return open(lock_path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0777);
+}
 
 // Sets (F_WRLCK, waiting) or clears (F_UNLCK) the record lock on the whole lock file.
 inline void set_lock(int fd, int command, short type) {

@@ -56,11 +56,10 @@ int reply_rows(zb_io* io, Query* result) {
     if (built && result->count != 0) {
         built = zb_io_write(io, result->data, result->count * sizeof *result->data) == 0;
     }
+    if (built) zb_reply(io);
     free(result->data);
     free(result);
-    if (!built) return refuse(io);
-    zb_reply(io);
-    return 0;
+    return built ? 0 : refuse(io);
 }
 
 // A zero-filled header for a query's result; null when there is no memory. A function of its own,
@@ -108,6 +107,7 @@ int db_conn_client_delete_handler(zb_io* io) { return do_write(io, delete_conn_c
 
 // An event's content is never looked at, so a request of any length will do.
 int db_event_insert_handler(zb_io* io) {
+    (void)zb_io_read(io, nullptr);
     db_event_data event = {};
     return acknowledge(io, insert_event_data(&event));
 }

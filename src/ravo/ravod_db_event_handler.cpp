@@ -7,8 +7,8 @@ namespace {
 
 constinit table_state event_log{.name = "event_log"};
 
-// Counts a row and gives it its one byte. The block may stay one byte short when there is no memory
-// for it: then the row is dropped, so that count and data agree.
+// Counts a row and gives it its one byte. Without memory for it the row is dropped, so that count
+// and data agree.
 int event_callback(void* p_data, int /*num_fields*/, char** /*p_fields*/, char** /*p_col_names*/) {
     db_event_query& result = **static_cast<db_event_query**>(p_data);
     void* block = result.data == nullptr ? calloc(1, sizeof(db_event_data))

@@ -44,10 +44,13 @@ inline constexpr size_t statement_size = 4096;  // bytes of a statement buffer, 
 inline constexpr size_t field_cap = 128;        // column names that a module can hold
 inline constexpr size_t field_name_size = 40;   // bytes of a column name, its NUL included
 
-// A filter's column is the caller's text, so its statement is fenced in (see filter_fence).
-inline constexpr std::chrono::seconds filter_budget{5};  // no caller waits for longer
-inline constexpr int filter_check_steps = 100;           // SQLite's instructions between two looks
-inline constexpr int filter_value_size = 65536;          // bytes of any value that a filter makes
+// A filter's column is the caller's text, so its statement is fenced in (see filter_fence). The
+// time is less than half of what any caller waits, because those behind it in the queue wait as
+// well. SQLite looks at the clock between its instructions only; the sizes keep each of them short.
+inline constexpr std::chrono::seconds filter_budget{2};
+inline constexpr int filter_check_steps = 100;    // SQLite's instructions between two looks
+inline constexpr int filter_value_size = 16384;   // bytes of any value, above those of any row
+inline constexpr int filter_pattern_size = 1100;  // bytes of a LIKE pattern, above any text field
 
 // --- Columns ------------------------------------------------------------------------------------
 
@@ -422,12 +425,14 @@ class filter_fence {
         sqlite3_set_authorizer(db, authorize, this);
         sqlite3_progress_handler(db, filter_check_steps, is_overdue, this);
         value_size = sqlite3_limit(db, SQLITE_LIMIT_LENGTH, filter_value_size);
+        pattern_size = sqlite3_limit(db, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, filter_pattern_size);
     }
     ~filter_fence() {
         if (db == nullptr || t.__db__ != db) return;  // a failed statement has closed it
         sqlite3_set_authorizer(db, nullptr, nullptr);
         sqlite3_progress_handler(db, 0, nullptr, nullptr);
         sqlite3_limit(db, SQLITE_LIMIT_LENGTH, value_size);
+        sqlite3_limit(db, SQLITE_LIMIT_LIKE_PATTERN_LENGTH, pattern_size);
     }
     filter_fence(const filter_fence&) = delete;
     filter_fence& operator=(const filter_fence&) = delete;
@@ -466,6 +471,7 @@ class filter_fence {
     int64_t rows_left = visible_rows;
     const clock::time_point end = clock::now() + filter_budget;
     int value_size = 0;
+    int pattern_size = 0;
 };
 
 // The rows of one page as they arrive: a block for free(), and the rows in it.

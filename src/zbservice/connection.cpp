@@ -63,6 +63,19 @@ connection* connection_table::oldest_at(stage at) {
     return oldest;
 }
 
+connection* connection_table::largest_unfinished() {
+    connection* largest = nullptr;
+    const auto goes_before = [](const connection& a, const connection& b) {
+        if (a.request.memory() != b.request.memory())
+            return a.request.memory() > b.request.memory();
+        return a.since < b.since;
+    };
+    for (connection& c : slots_) {
+        if (c.at == stage::reading && (!largest || goes_before(c, *largest))) largest = &c;
+    }
+    return largest;
+}
+
 connection* connection_table::most_stalled_reader(monotonic::time_point now) {
     connection* stalled = nullptr;
     for (connection& c : slots_) {

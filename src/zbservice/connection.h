@@ -62,6 +62,9 @@ class connection_table {
     connection* most_expendable(monotonic::time_point now);
     connection* oldest_at(stage at);
 
+    // The unfinished request that holds the most memory; of several the oldest. Null: none.
+    connection* largest_unfinished();
+
     // The reader of a large reply that has taken nothing for longest, if that is long enough.
     connection* most_stalled_reader(monotonic::time_point now);
 

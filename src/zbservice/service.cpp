@@ -258,11 +258,14 @@ void zb_service::read(connection& c) {
     }
 }
 
-// Unfinished requests that hold too much memory together: the oldest of them goes, one per step of
-// growth, until the rest has room again.
+// Unfinished requests that hold too much memory together: the largest of them go until the rest has
+// room. So it meets those who fill the memory, never a slow caller with little to say.
 void zb_service::bound_unfinished() {
-    if (connections_.unfinished_bytes() <= zb::max_unfinished_bytes) return;
-    if (connection* oldest = connections_.oldest_at(stage::reading)) give_up(*oldest);
+    while (connections_.unfinished_bytes() > zb::max_unfinished_bytes) {
+        connection* largest = connections_.largest_unfinished();
+        if (!largest || largest->request.memory() <= zb::receive_bytes) return;
+        give_up(*largest);
+    }
 }
 
 void zb_service::enqueue(connection& c) {

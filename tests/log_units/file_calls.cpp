@@ -48,6 +48,7 @@ std::string flag_names(int flags) {
     };
     take(O_CREAT, "|O_CREAT");
     take(O_CLOEXEC, "|O_CLOEXEC");
+    take(O_NONBLOCK, "|O_NONBLOCK");
     return rest == 0 ? names : names + "|" + std::to_string(rest);
 }
 
