@@ -12,10 +12,11 @@
  *    zbservice.h names it). The daemon answers also when its database refuses a statement: such a
  *    failure stands in "/var/log/network/RAVO.log" only.
  * 4. list_ functions always return 0. Their last argument points to the address of the caller's
- *    header. On success count rows stand in data, a block that the caller releases with free(), and
- *    total is the number of rows of the whole table, at most 100000. When the call fails the header
- * is left as it was: zero it first, and data == NULL afterwards means that nothing was read, since
- * an empty page comes with a block of no rows that is to be freed as well.
+ *    header. On success count rows stand in its data, a block that the caller releases with
+ *    free(), and total is the number of rows of the whole table, at most 100000. When the call
+ *    fails the header is left as it was: zero it first, and data == NULL afterwards means that
+ *    nothing was read, since an empty page comes with a block of no rows that is to be freed as
+ *    well.
  * 5. When there is no memory for the request buffer the process is aborted by an assertion.
  *
  * Usable from C11 and C++. Link with libravo_client (pkg-config ravo_client). */
