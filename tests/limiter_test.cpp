@@ -445,13 +445,13 @@ TEST_F(limiter, a_notification_leaves_no_child_behind) {
 // --- Statements ----------------------------------------------------------------------------------
 
 TEST_F(limiter, create_makes_the_table_and_no_index) {
+    const std::string create =
+        "CREATE  TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY AUTOINCREMENT "
+        "UNIQUE, username TEXT, limit_count INTEGER, timestamp INTEGER);";
     EXPECT_EQ(create_events,
               (texts{"PRAGMA page_size = 2048;", "PRAGMA synchronous = ON;",
                      "PRAGMA auto_vacuum = FULL;", "PRAGMA journal_mode = OFF;",
-                     "PRAGMA default_cache_size = 10000;", "PRAGMA cache_size = 10000;",
-                     "CREATE  TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY "
-                     "AUTOINCREMENT UNIQUE, username TEXT, limit_count INTEGER, timestamp "
-                     "INTEGER);"}));
+                     "PRAGMA default_cache_size = 10000;", "PRAGMA cache_size = 10000;", create}));
     EXPECT_EQ(sql_trace::value_in_file("SELECT Count(*) FROM sqlite_master WHERE type = 'index' "
                                        "AND sql IS NOT NULL"),
               "0");
