@@ -32,7 +32,7 @@ endif()
 
 if(RAVO_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
-                        -fno-omit-frame-pointer -g -O1)
+                        -fno-omit-frame-pointer -g1)
     add_link_options(-fsanitize=address,undefined)
 else()
     add_compile_options(-fstack-protector-strong)

@@ -211,8 +211,12 @@ int main(int argc, char** argv) {
     const std::span<char*> words(argv, static_cast<size_t>(argc));
     const auto first_argument = static_cast<size_t>(optind) + 1;
     note.text = expand(argv[optind], words.subspan(first_argument));
+    const bool is_kept = append_to_file(note);
+    if (!is_kept) (void)fprintf(stderr, "notify: cannot write %s\n", notifications_file);
+    // Last, and not for ever: a system log that nobody reads blocks its writers. The alarm then
+    // ends the program.
+    (void)signal(SIGALRM, SIG_DFL);
+    alarm(lock_seconds);
     tell_system_log(note);
-    if (append_to_file(note)) return 0;
-    (void)fprintf(stderr, "notify: cannot write %s\n", notifications_file);
-    return 1;
+    return is_kept ? 0 : 1;
 }

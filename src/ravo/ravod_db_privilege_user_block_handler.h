@@ -4,8 +4,9 @@
 // 1. User names are NUL-terminated texts, compared byte for byte. Of a longer name the first 1024
 //    bytes count, in every operation alike.
 // 2. The limit, the block time and the switch are read afresh by every operation, from
-//    "/etc/config/vpn_block.conf" through the settings service "vpncaas". That service keeps an
-//    operation waiting for at most 5 seconds.
+//    "/etc/config/vpn_block.conf" through the settings service "vpncaas". Each
+//    reading waits for that service at most 5 seconds without progress; a check that finds the
+//    limiter off reads twice.
 // 3. SQL failures are told to the log only.
 #ifndef RAVOD_DB_PRIVILEGE_USER_BLOCK_HANDLER_H
 #define RAVOD_DB_PRIVILEGE_USER_BLOCK_HANDLER_H

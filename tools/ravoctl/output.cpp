@@ -105,10 +105,18 @@ json_owner row_to_json(const listing& list, uint64_t index) {
     return object;
 }
 
+// In ASCII, so that no control character, of whatever range, reaches a terminal as it is. Jansson
+// leaves only DEL to do.
 void dump_to_stdout(const json_owner& json) {
-    const json_text text(json_dumps(json.get(), 0));
+    const json_text text(json_dumps(json.get(), JSON_ENSURE_ASCII));
     if (text == nullptr) throw std::bad_alloc();
-    fmt::print("{}", text.get());
+    for (const char* c = text.get(); *c != '\0'; ++c) {
+        if (*c == 0x7f) {
+            fmt::print("\\u007f");
+        } else {
+            (void)fputc(*c, stdout);
+        }
+    }
 }
 
 }  // namespace
