@@ -4,8 +4,8 @@
 
 #include "zbservice.h"
 
-// Fills uuid, at least 36 zero bytes, with a new identifier: 32 hexadecimal digits in lower case and
-// the suffix "%R?". Returns -1, with uuid untouched, when the kernel's source cannot be opened.
+// Fills uuid, at least 36 zero bytes, with a new identifier: 32 hexadecimal digits in lower case
+// and "%R?". Returns -1, with uuid untouched, when the kernel's source cannot be opened.
 int ravo_uuid_gen(char* uuid);
 
 // The handler of the method of that name: replies with a fresh identifier, or with 36 zero bytes
