@@ -7,7 +7,13 @@
 #include <cstdint>
 #include <type_traits>
 
-enum class value_kind { text, int32, int64, uint64 };
+enum class value_kind {
+    text,  // an array of characters
+    int32,
+    int64,
+    uint64,
+    text_pointer,  // in rows that stay inside the store only
+};
 
 template <class Member>
 constexpr value_kind kind_of() {
@@ -15,6 +21,7 @@ constexpr value_kind kind_of() {
     if constexpr (std::is_same_v<Member, int32_t>) return value_kind::int32;
     if constexpr (std::is_same_v<Member, int64_t>) return value_kind::int64;
     if constexpr (std::is_same_v<Member, uint64_t>) return value_kind::uint64;
+    if constexpr (std::is_same_v<Member, const char*>) return value_kind::text_pointer;
 }
 
 // Initialises three members in a row: offset, size and kind (size_t, size_t, value_kind). A macro

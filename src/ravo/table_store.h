@@ -54,14 +54,6 @@ inline constexpr int filter_pattern_size = 1100;  // bytes of a LIKE pattern, ab
 
 // --- Columns ------------------------------------------------------------------------------------
 
-// One column after id, and the field of the row record that fills it (see FIELD).
-struct column {
-    const char* name;
-    size_t offset;
-    size_t size;
-    value_kind kind;
-};
-
 // How a kind is written in CREATE and, as a conversion, in INSERT and UPDATE.
 struct value_format {
     const char* sql_type;
@@ -78,9 +70,20 @@ constexpr value_format format_of(value_kind kind) {
             return {"INTEGER", "%ld"};
         case value_kind::uint64:
             return {"INTEGER", "%lu"};
+        case value_kind::text_pointer:
+            return {"TEXT", "'%s'"};  // deliberate: not escaped
     }
     return {};
 }
+
+// One column after id, and the field of the row record that fills it (see FIELD).
+struct column {
+    const char* name;
+    size_t offset;
+    size_t size;
+    value_kind kind;
+    value_format format = format_of(kind);
+};
 
 static_assert(sizeof(long) == sizeof(int64_t), "\"%ld\" and \"%lu\" stand for 64 bits");
 
@@ -138,9 +141,9 @@ bool append(char (&buffer)[size], std::initializer_list<std::string_view> pieces
     return true;
 }
 
-// Copies a template ("%q", "%d", "%ld", "%lu" and literal text) and calls append_value(out, n) in
-// place of the n-th conversion. There is a value for each conversion, however often a template has
-// grown by repeated creates and deletes.
+// Copies a template ("%q", "%s", "%d", "%ld", "%lu" and literal text) and calls
+// append_value(out, n) in place of the n-th conversion. There is a value for each conversion,
+// however often a template has grown by repeated creates and deletes.
 template <class AppendValue>
 sql_text expand(const char* form, AppendValue append_value) {
     if (*form == '\0') return sql("");  // a finished module's INSERT: not the same as no memory
@@ -179,6 +182,9 @@ inline void append_field(sqlite3_str* out, const column& c, const void* record) 
             break;
         case value_kind::uint64:
             sqlite3_str_appendf(out, "%lu", read_value<uint64_t>(record, c.offset));
+            break;
+        case value_kind::text_pointer:
+            sqlite3_str_appendf(out, "%s", read_value<const char*>(record, c.offset));
             break;
     }
 }
@@ -281,14 +287,13 @@ inline bool add_heads(table_state& t) {
 }
 
 inline bool add_column(table_state& t, const column& c) {
-    const value_format format = format_of(c.kind);
     const std::string_view separator = t.__is_first_field == 1 ? "" : ", ";
     t.__is_first_field = 0;
     return add_field_name(t, c.name) &&
-           append(t.__db_create_str, {", ", c.name, " ", format.sql_type}) &&
+           append(t.__db_create_str, {", ", c.name, " ", c.format.sql_type}) &&
            append(t.__db_insert_field, {separator, c.name}) &&
-           append(t.__db_insert_arg, {separator, format.conversion}) &&
-           append(t.__db_update_str, {separator, c.name, " = ", format.conversion});
+           append(t.__db_insert_arg, {separator, c.format.conversion}) &&
+           append(t.__db_update_str, {separator, c.name, " = ", c.format.conversion});
 }
 
 // Builds the statement texts. Deliberate: only the heads know that they stand already, so each
@@ -508,6 +513,8 @@ inline void read_field(const column& c, const char* text, char* record) {
         case value_kind::uint64:
             write_value<int64_t>(place, text != nullptr ? strtol(text, nullptr, 10) : -1);
             break;
+        case value_kind::text_pointer:
+            break;  // such rows are only written
     }
 }
 
