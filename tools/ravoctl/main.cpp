@@ -1,5 +1,5 @@
 // ravoctl: lists and adds the records of a running ravod, looks after its login-attempt limiter,
-// and calls methods by hand.
+// sets the default gateway, and calls methods by hand.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
@@ -10,6 +10,7 @@
 #include "blocks.h"
 #include "call.h"
 #include "failure.h"
+#include "gateway.h"
 #include "list.h"
 #include "text.h"
 #include "uuid.h"
@@ -17,9 +18,10 @@
 namespace {
 
 constexpr char exit_status_help[] =
-    "Exit status: 0 done, 1 bad usage or value, 2 no memory or output failed, 3 the daemon is not\n"
-    "reachable, 4 the daemon did not do what was asked. Of \"blocks check\": 0 not blocked,\n"
-    "1 blocked; below \"blocks\", bad usage is 2.";
+    "Exit status: 0 done, 1 bad usage or value, 2 no memory, or a file or the output cannot be\n"
+    "used, 3 the daemon is not reachable, 4 the daemon did not do what was asked, 5 a gateway\n"
+    "setting was accepted, but is not in the file. Of \"blocks check\": 0 not blocked, 1 blocked;\n"
+    "below \"blocks\", bad usage is 2.";
 
 // --- Subcommands of a kind of record ------------------------------------------------------------
 
@@ -145,6 +147,59 @@ exit_status run_lift(const blocks_commands& commands) {
     return lift_users(commands.users->results());
 }
 
+// --- Subcommands of gateway ---------------------------------------------------------------------
+
+struct gateway_commands {
+    CLI::App* gateway = nullptr;
+    CLI::App* set = nullptr;
+    CLI::App* drop = nullptr;
+    bool as_json = false;
+    gateway_request request = {};
+    connection_words gone = {};
+};
+
+void declare_gateway_set(CLI::App& gateway, gateway_commands& commands) {
+    gateway_request& request = commands.request;
+    commands.set = gateway.add_subcommand("set", "Make a VPN connection the default gateway");
+    commands.set->add_option("gateway", request.gateway, "Type and index, or \"none\"")
+        ->expected(1, 2)
+        ->option_text("TYPE INDEX | none REQUIRED")
+        ->required();
+    commands.set->add_option("--backup", request.backup, "The connection that stands in for it")
+        ->expected(2)
+        ->type_name("TYPE INDEX");
+    commands.set
+        ->add_option("--delay", request.delay,
+                     "How long the backup goes on when the gateway is back: never, 0, 1, 5 or 10; "
+                     "0 if not given")
+        ->type_name("CODE");
+    commands.set->add_flag("--reset", request.reset, "Begin a damaged options file anew");
+}
+
+void declare_gateway(CLI::App& app, gateway_commands& commands) {
+    commands.gateway = app.add_subcommand("gateway", "Show or set the default gateway");
+    commands.gateway->require_subcommand(0, 1);
+    CLI::App* show = commands.gateway->add_subcommand("show", "Show it, as without a subcommand");
+    for (CLI::App* command : {commands.gateway, show}) {
+        command->add_flag("--json", commands.as_json, "Print a JSON object");
+    }
+    declare_gateway_set(*commands.gateway, commands);
+    commands.drop = commands.gateway->add_subcommand(
+        "drop", "Take a connection out; the backup takes a gateway's place");
+    commands.drop->add_option("connection", commands.gone, "Type and index")
+        ->expected(2)
+        ->option_text("TYPE INDEX REQUIRED")
+        ->required();
+    const std::string words = "Types, and their indexes: " + gateway_words_help() + "\n";
+    for (CLI::App* command : {commands.set, commands.drop}) command->footer(words);
+}
+
+exit_status run(const gateway_commands& commands) {
+    if (commands.set->parsed()) return set_gateway(commands.request);
+    if (commands.drop->parsed()) return drop_gateway(commands.gone);
+    return show_gateway(commands.as_json);
+}
+
 // --- The call subcommand ------------------------------------------------------------------------
 
 void declare_payload_options(CLI::App& app, call_request& request) {
@@ -179,6 +234,7 @@ CLI::App* declare_call(CLI::App& app, call_request& request) {
 struct all_commands {
     std::deque<record_command> records;
     blocks_commands blocks;
+    gateway_commands gateway;
     call_request request;
     CLI::App* call = nullptr;
     CLI::App* uuid = nullptr;
@@ -199,6 +255,7 @@ void declare_all(CLI::App& app, all_commands& commands) {
         declare_record_command(app, commands.records.emplace_back(record_command{kind}));
     }
     declare_blocks(*app.get_subcommand(blocks_command), commands.blocks);
+    declare_gateway(app, commands.gateway);
     commands.uuid =
         app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record");
     commands.call = declare_call(app, commands.request);
@@ -209,6 +266,7 @@ exit_status run(const CLI::App& app, const all_commands& commands) {
     if (blocks.check->parsed()) return check_user(blocks.user);
     if (blocks.fail->parsed()) return count_failure(blocks.user);
     if (blocks.lift->parsed()) return run_lift(blocks);
+    if (commands.gateway.gateway->parsed()) return run(commands.gateway);
     if (commands.uuid->parsed()) return print_fresh_uuid();
     if (commands.call->parsed()) return call_method(commands.request);
     for (const record_command& command : commands.records) {
@@ -231,7 +289,9 @@ exit_status fail(const char* what, exit_status status) {
 
 exit_status dispatch(int argc, char** argv) {
     if (!use_utf8()) return fail("the system has no locale C.UTF-8", local_error);
-    CLI::App app{"Lists and adds the records of a running ravod, and calls its methods."};
+    CLI::App app{
+        "Lists and adds the records of a running ravod, calls its methods, and sets the default "
+        "gateway."};
     all_commands commands;
     declare_all(app, commands);
     const auto usage_status = [&commands] {
@@ -244,6 +304,8 @@ exit_status dispatch(int argc, char** argv) {
         return app.exit(error) == 0 ? done : usage_status();
     } catch (const usage_error& error) {
         return fail(error.what(), usage_status());
+    } catch (const not_kept_error& error) {
+        return fail(error.what(), not_kept);
     }
 }
 

@@ -105,20 +105,6 @@ json_owner row_to_json(const listing& list, uint64_t index) {
     return object;
 }
 
-// In ASCII, so that no control character, of whatever range, reaches a terminal as it is. Jansson
-// leaves only DEL to do.
-void dump_to_stdout(const json_owner& json) {
-    const json_text text(json_dumps(json.get(), JSON_ENSURE_ASCII));
-    if (text == nullptr) throw std::bad_alloc();
-    for (const char* c = text.get(); *c != '\0'; ++c) {
-        if (*c == 0x7f) {
-            fmt::print("\\u007f");
-        } else {
-            (void)fputc(*c, stdout);
-        }
-    }
-}
-
 }  // namespace
 
 void print_table(const listing& list, bool wide) {
@@ -136,9 +122,22 @@ void print_json(const listing& list) {
     fmt::print("{{\"start\": {}, \"rows\": [", list.start);
     for (uint64_t i = 0; i < list.rows.count; ++i) {
         fmt::print("{}\n", i == 0 ? "" : ",");
-        dump_to_stdout(row_to_json(list, i));
+        dump_to_stdout(row_to_json(list, i).get());
     }
     const bool is_counted = list.rows.total != count_failed;
     fmt::print("], \"count\": {}, \"total\": {}}}\n", list.rows.count,
                is_counted ? fmt::format("{}", list.rows.total) : "null");
+}
+
+// Jansson leaves only DEL to do.
+void dump_to_stdout(const json_t* json) {
+    const json_text text(json_dumps(json, JSON_ENSURE_ASCII));
+    if (text == nullptr) throw std::bad_alloc();
+    for (const char* c = text.get(); *c != '\0'; ++c) {
+        if (*c == 0x7f) {
+            fmt::print("\\u007f");
+        } else {
+            (void)fputc(*c, stdout);
+        }
+    }
 }

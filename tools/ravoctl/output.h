@@ -1,6 +1,7 @@
 // A page of records on standard output, as a table or as JSON.
 #pragma once
 
+#include "json.h"
 #include "records.h"
 
 struct listing {
@@ -19,3 +20,7 @@ void print_table(const listing& list, bool wide);
 // seconds; a computed one that there is not is null. A text that is not UTF-8 has U+FFFD in place
 // of its bad bytes, and a member FIELD_hex beside it with all bytes.
 void print_json(const listing& list);
+
+// Prints a value in ASCII, so that no control character, of whatever range, reaches a terminal as
+// it is. Throws std::bad_alloc.
+void dump_to_stdout(const json_t* json);

@@ -1,0 +1,215 @@
+// The options file as an operator sees it: read with its faults told, and changed through the store
+// without losing what it holds.
+#include "options_file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <new>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "failure.h"
+#include "global_options.h"
+#include "ostra_config.h"
+#include "text.h"
+
+using ravo::options_path;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Its lock keeps other ravoctl out. The copy has the same name, beside the file.
+constexpr char copy_suffix[] = ".ravoctl";
+constexpr char change_path[] = "/etc/config/vpn_options.conf.ravoctl";
+
+[[noreturn]] void fail(const std::string& path, std::string_view what, int reason) {
+    throw std::runtime_error(fmt::format("{} {}: {}", escaped(path), what, strerror(reason)));
+}
+
+class descriptor {
+  public:
+    explicit descriptor(int opened) : fd(opened) {}
+    ~descriptor() {
+        if (fd >= 0) (void)close(fd);
+    }
+    descriptor(const descriptor&) = delete;
+    descriptor& operator=(const descriptor&) = delete;
+    int get() const { return fd; }
+    // What was written may be refused as late as here. Returns 0 or -1 with errno.
+    int sync_and_close() {
+        const int synced = fsync(fd);
+        const int reason = errno;
+        const int closed = close(std::exchange(fd, -1));
+        if (synced == 0) return closed;
+        errno = reason;
+        return -1;
+    }
+
+  private:
+    int fd;
+};
+
+int take_lock(int (*take)(const char*), const char* path) {
+    const int handle = take(path);
+    if (handle >= 0) return handle;
+    if (handle == ostra_lock_cannot_open) fail(path, "cannot be locked", errno);
+    throw std::runtime_error(fmt::format(
+        "{} cannot be locked{}", path,
+        handle == ostra_lock_timed_out ? ": somebody else has held its lock for seconds" : ""));
+}
+
+// --- Reading ------------------------------------------------------------------------------------
+
+// Never waits, whatever stands in the file's place.
+int open_for_reading() { return open(options_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }
+
+// The store judges a file the same way. To be called with the file's lock.
+options_document parse_options() {
+    const descriptor file(open_for_reading());
+    if (file.get() < 0 && errno == ENOENT) return {options_state::missing};
+    if (file.get() < 0) fail(options_path, "cannot be read", errno);
+    struct stat status = {};
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw std::runtime_error(fmt::format("{} is no regular file", options_path));
+    }
+    json_error_t error = {};
+    json_owner root(json_loadfd(file.get(), 0, &error));
+    if (json_is_object(root.get())) return {options_state::present, std::move(root)};
+    if (root != nullptr) return {options_state::damaged, nullptr, "it holds no JSON object"};
+    if (status.st_size == 0) return {options_state::damaged, nullptr, "it is empty"};
+    return {options_state::damaged, nullptr,
+            fmt::format("line {}: {}", error.line, escaped(error.text))};
+}
+
+// --- Writing ------------------------------------------------------------------------------------
+
+// Where the file lies, or would lie, once links are followed: the store writes through them.
+fs::path options_location() {
+    constexpr int most_links = 40;  // as many as the kernel follows
+    fs::path path = options_path;
+    std::error_code none;
+    for (int links = 0; links < most_links && fs::is_symlink(path, none); ++links) {
+        path = path.parent_path() / fs::read_symlink(path);
+    }
+    return path;
+}
+
+fs::path copy_location() { return options_location().concat(copy_suffix); }
+
+// Returns 0 or -1 with errno.
+int write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return -1;
+        bytes.remove_prefix(static_cast<size_t>(written));
+    }
+    return 0;
+}
+
+// A replacement has owner and rights of what it replaces, as far as that is allowed.
+void take_rights_of_options(int fd) {
+    struct stat status = {};
+    if (stat(options_path, &status) != 0) return;
+    if (fchown(fd, status.st_uid, status.st_gid) == 0) (void)fchmod(fd, status.st_mode & ALLPERMS);
+}
+
+// A whole document in a file beside the options file, gone at its end unless it took the place.
+class options_copy {
+  public:
+    explicit options_copy(const json_t* document) : path(copy_location()) {
+        const json_text text(json_dumps(document, 0));
+        if (text == nullptr) throw std::bad_alloc();
+        (void)unlink(path.c_str());
+        constexpr mode_t everyone = 0666;
+        descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, everyone));
+        if (file.get() < 0) fail(path, "cannot be written, so nothing was changed", errno);
+        take_rights_of_options(file.get());
+        if (write_all(file.get(), text.get()) == 0 && file.sync_and_close() == 0) return;
+        const int reason = errno;
+        (void)unlink(path.c_str());
+        fail(path, "cannot be written, so nothing was changed", reason);
+    }
+    ~options_copy() {
+        if (!path.empty()) (void)unlink(path.c_str());
+    }
+    options_copy(const options_copy&) = delete;
+    options_copy& operator=(const options_copy&) = delete;
+
+    // To be called with the options file's exclusive lock.
+    void take_place() {
+        if (rename(path.c_str(), options_location().c_str()) != 0) {
+            fail(options_path, "cannot be replaced", errno);
+        }
+        path.clear();
+    }
+
+  private:
+    fs::path path;
+};
+
+// Puts the copy back, unless somebody has written a document in the meantime.
+options_document look_again(options_copy& copy) {
+    const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
+    options_document options = parse_options();
+    if (options.state != options_state::present) copy.take_place();
+    return options;
+}
+
+}  // namespace
+
+file_lock::file_lock(int (*take)(const char*), const char* path) : handle(take_lock(take, path)) {}
+
+file_lock::~file_lock() { (void)Ini_Conf_Unlock_File(handle); }
+
+file_lock lock_out_other_tools() { return {Ini_Conf_Write_Lock_File, change_path}; }
+
+options_document read_options() {
+    // Without a file there is nothing to lock, and perhaps no right to make its lock.
+    const bool is_missing = access(options_path, F_OK) != 0 && errno == ENOENT;
+    if (is_missing) return {options_state::missing};
+    const file_lock lock(Ini_Conf_Read_Lock_File, options_path);
+    return parse_options();
+}
+
+std::string damage_message(const options_document& options) {
+    std::string message = fmt::format("{} is damaged: {}", options_path, options.damage);
+    const fs::path copy = copy_location();
+    std::error_code none;
+    if (fs::exists(copy, none)) {
+        message += "; an interrupted change has left a copy in " + escaped(copy.string());
+    }
+    return message;
+}
+
+json_owner complete_options(bool reset) {
+    const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
+    options_document options = parse_options();
+    if (options.state == options_state::damaged && !reset) {
+        throw std::runtime_error(damage_message(options) + "; --reset begins a new one");
+    }
+    json_owner root = options.root != nullptr ? std::move(options.root) : json_owner(json_object());
+    const json_owner sections(ravo::GlobalConfig().get_tmpl());
+    const size_t present = json_object_size(root.get());
+    if (json_object_update_missing(root.get(), sections.get()) != 0) throw std::bad_alloc();
+    if (json_object_size(root.get()) != present) options_copy(root.get()).take_place();
+    return root;
+}
+
+json_owner change_options(const json_t* before, const std::function<void()>& change) {
+    options_copy copy(before);
+    change();
+    options_document after = read_options();
+    if (after.state != options_state::present) after = look_again(copy);
+    if (after.state == options_state::present) return std::move(after.root);
+    throw not_kept_error(fmt::format(
+        "{} could not be written; what it held before stands there again", options_path));
+}

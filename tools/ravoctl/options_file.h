@@ -1,0 +1,52 @@
+// The options file as an operator sees it: read with its faults told, and changed through the store
+// without losing what it holds.
+//
+// A fault that stops a function is thrown as std::runtime_error, whose text names the file.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "json.h"
+
+// The exclusive or shared lock of a file, for as long as it lives.
+class file_lock {
+  public:
+    // take is one of the lock library's two functions. Waits 5 seconds at most; throws as above.
+    file_lock(int (*take)(const char*), const char* path);
+    ~file_lock();
+    file_lock(const file_lock&) = delete;
+    file_lock& operator=(const file_lock&) = delete;
+
+  private:
+    const int handle;
+};
+
+// Keeps every other ravoctl from changing the file, from before it is read until the change has
+// been looked at. Other programs do not know this lock.
+file_lock lock_out_other_tools();
+
+enum class options_state { present, missing, damaged };
+
+struct options_document {
+    options_state state;
+    json_owner root = nullptr;  // an object when present, otherwise null
+    std::string damage = {};    // what is wrong, in one printable line
+};
+
+// Reads the file under its shared lock. One that holds no JSON object is damaged. Throws for a file
+// that cannot be read, and for one that is no regular file.
+options_document read_options();
+
+// "FILE is damaged: ...", and where a copy of it is, if a change was interrupted.
+std::string damage_message(const options_document& options);
+
+// Makes sure that the file has every section that the store would replace, and returns what it
+// holds then. Sections that are there stay as they are. A damaged file is begun anew when
+// reset, otherwise this throws. The file is replaced in one step, or not at all.
+json_owner complete_options(bool reset);
+
+// Has the store change the file, and returns what it holds afterwards. A copy of before, which is
+// what the file holds now, lies beside it meanwhile. When the store leaves no JSON object behind,
+// as on a full disk, the copy takes the file's place, and this throws not_kept_error.
+json_owner change_options(const json_t* before, const std::function<void()>& change);
