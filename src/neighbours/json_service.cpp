@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
 
 #include "zbservice.h"
 
@@ -30,11 +29,16 @@ zb_service* endpoint = nullptr;
 
 // --- Files ---------------------------------------------------------------------------------------
 
+// The name under which the kernel lets this very file be looked at and opened again.
+std::string link_to(const descriptor& file) {
+    return "/proc/self/fd/" + std::to_string(file.get());
+}
+
 // Opens a file that was found for reading; none unless it is a regular one.
 descriptor open_regular(const descriptor& found) {
     struct stat status = {};
     if (fstat(found.get(), &status) != 0 || !S_ISREG(status.st_mode)) return descriptor();
-    return descriptor(open(found.link().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    return descriptor(open(link_to(found).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
 // The file's bytes. False when it cannot be read or is too large.
@@ -73,22 +77,11 @@ void stop(int /*sig*/) { (void)zb_stop(endpoint); }
 
 }  // namespace
 
-descriptor::descriptor(descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-descriptor& descriptor::operator=(descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
-descriptor::~descriptor() {
-    if (fd_ >= 0) close(fd_);
-}
-
 descriptor find_file(const char* path) { return descriptor(open(path, O_PATH | O_CLOEXEC)); }
 
 std::string location(const descriptor& found) {
     char path[PATH_MAX];
-    const ssize_t length = readlink(found.link().c_str(), path, sizeof path);
+    const ssize_t length = readlink(link_to(found).c_str(), path, sizeof path);
     return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
 

@@ -11,6 +11,8 @@
 #include <span>
 #include <string>
 
+#include "descriptor.h"
+
 struct json_deleter {
     void operator()(json_t* value) const { json_decref(value); }
 };
@@ -20,22 +22,6 @@ using json_ptr = std::unique_ptr<json_t, json_deleter>;
 //
 // Nothing but a regular file is ever opened for reading, since a pipe or a device could keep a
 // service waiting. So a file is found first, looked at, and then read.
-
-// Owns a descriptor, or none (-1).
-class descriptor {
-  public:
-    explicit descriptor(int fd = -1) : fd_(fd) {}
-    descriptor(descriptor&& other) noexcept;
-    descriptor& operator=(descriptor&& other) noexcept;
-    ~descriptor();
-    int get() const { return fd_; }
-    bool is_open() const { return fd_ >= 0; }
-    // The name under which the kernel lets this very file be looked at and opened again.
-    std::string link() const { return "/proc/self/fd/" + std::to_string(fd_); }
-
-  private:
-    int fd_;
-};
 
 // Finds a file without opening what it holds, so that nothing waits and no device notices. None
 // when there is no such file; errno says why.
