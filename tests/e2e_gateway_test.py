@@ -1,6 +1,7 @@
 """ravoctl gateway: the gateway setting of the options file."""
 import json
 import os
+import shutil
 import stat
 import subprocess
 import unittest
@@ -9,6 +10,10 @@ from support.ravod import RavodTest
 
 OPTIONS = "/etc/config/vpn_options.conf"
 COPY = OPTIONS + ".ravoctl"
+PROFILES = "/etc/config/vpn_profiles.conf"
+NOTIFICATIONS = "/var/log/network/notifications.jsonl"
+NOTIFIER = "/usr/local/sbin/notify"
+AWAIT = os.path.join(os.path.dirname(__file__), "..", "tools", "await")
 NOT_TOLD = "ravoctl: the network service does not answer, so it has not been told of this\n"
 NO_SERVICE = "default route: not known: the network service does not answer"
 NO_GATEWAY = "gateway:       no VPN connection"
@@ -115,6 +120,15 @@ class gateway(RavodTest):
         self.assertEqual(self.content() if os.path.isfile(OPTIONS) else None, before)
         self.assertFalse(os.path.exists(COPY))
 
+    def start_network(self, **profiles):
+        """The network service, which knows these profiles by short names."""
+        with open(PROFILES, "w", encoding="utf-8") as file:
+            json.dump({sname: {"profile": profile} for sname, profile in profiles.items()}, file)
+        return self.start(os.environ["NETWORK_SERVICE"])
+
+    def ip(self, *words):
+        self.assertEqual(self.succeed(self.run_program("/usr/sbin/ip", *words)), "")
+
     # --- Showing ---
 
     def test_without_a_file_no_vpn_connection_is_the_gateway(self):
@@ -192,6 +206,59 @@ class gateway(RavodTest):
                 with self.subTest(words=words, arguments=arguments):
                     self.fails(self.gateway(*arguments), 2, OPTIONS, words)
             (os.rmdir if os.path.isdir(OPTIONS) else os.unlink)(OPTIONS)
+
+    # --- The network service and the notifier ---
+
+    def test_profiles_are_named_as_the_network_service_knows_them(self):
+        self.start_network(OPENVPN_CLIENT1="Office \x1b[31m\u009b\u202e\n\\", L2TP_CLIENT2="zoë's")
+        self.put_setting(BACKED_UP)
+        self.assertEqual(self.lines(), [
+            r'gateway:       OpenVPN 1, profile "Office \x1B[31m\xC2\x9B\xE2\x80\xAE\n\\"',
+            'backup:        L2TP/IPSec 2, profile "zoë\'s"', "delay:         5",
+            "default route: no VPN connection"])
+        shown = self.json()
+        self.assertEqual((shown["gateway"]["profile"], shown["backup"]["profile"]),
+                         ("Office \x1b[31m\u009b\u202e\n\\", "zoë's"))
+        self.put_setting(BACKED_UP | {"gw1": one(1024, 1, None), "gw2": one(1024, 1, "PPTP_CLIENT5")})
+        self.assertEqual(self.lines()[:2], ["gateway:       OpenVPN 1", "backup:        OpenVPN 1"])
+
+    def test_default_route_is_the_kernels(self):
+        self.start_network()
+        for interface, shown, as_json in (
+            ("tun2001", "OpenVPN 1", {"type": "OpenVPN", "type_code": 1024, "index": 1}),
+            ("ppp1252", "L2TP/IPSec 2", {"type": "L2TP/IPSec", "type_code": 512, "index": 2}),
+            ("mirec2500", "Tessel 0", {"type": "Tessel", "type_code": 4096, "index": 0}),
+            ("tun0", "no VPN connection", None), ("eth7", "no VPN connection", None),
+        ):
+            with self.subTest(interface=interface):
+                self.ip("link", "add", interface, "type", "veth", "peer", "name", "peer")
+                self.ip("link", "set", interface, "up")
+                self.ip("link", "set", "peer", "up")
+                self.ip("route", "add", "default", "dev", interface)
+                self.assertEqual(self.lines(), [NO_GATEWAY, "default route: " + shown])
+                route = self.json()
+                self.assertEqual((route["default_route_is_known"], route["default_route"]),
+                                 (True, as_json))
+                self.ip("link", "delete", interface)
+
+    def test_changes_reach_the_network_service_and_the_administrator(self):
+        os.makedirs(os.path.dirname(NOTIFIER), exist_ok=True)
+        shutil.copy(os.environ["NOTIFY"], NOTIFIER)
+        self.start_network(OPENVPN_CLIENT1="Office", L2TP_CLIENT2="Home")
+        texts = ('NAS default gateway to the OpenVPN profile: \\"Office\\"',
+                 'backup NAS default gateway to the L2TP/IPSec profile: \\"Home\\"',
+                 'NAS default gateway reversion to \\"Not\\"')
+        awaits = [word for text in texts for word in (AWAIT, "text", NOTIFICATIONS, text)]
+        tool = [os.environ["RAVOCTL"], "gateway"]
+        told = self.succeed(self.run_program(*awaits, *tool, "set", "openvpn", "1", "--backup", "l2tp",
+                                             "2", "--delay", "never"))
+        self.assertEqual(told.splitlines(), [
+            'gateway:       OpenVPN 1, profile "Office"', 'backup:        L2TP/IPSec 2, profile "Home"',
+            "delay:         never"])
+        text = 'NAS default gateway to the L2TP/IPSec profile: \\"Home\\"'
+        told = self.succeed(self.run_program(AWAIT, "text", NOTIFICATIONS, text, *tool, "drop",
+                                             "openvpn", "1"))
+        self.assertEqual(told, "OpenVPN 1 was the gateway: its backup L2TP/IPSec 2 takes over\n")
 
     # --- Setting ---
 
