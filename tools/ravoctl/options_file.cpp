@@ -156,6 +156,16 @@ class options_copy {
     fs::path path;
 };
 
+// A fault is no reason to say that nothing was changed any more.
+options_document look_after_change() {
+    try {
+        return read_options();
+    } catch (const std::runtime_error& error) {
+        throw not_kept_error(
+            fmt::format("whether the change was kept is not known: {}", error.what()));
+    }
+}
+
 // Puts the copy back, unless somebody has written a document in the meantime.
 options_document look_again(options_copy& copy) {
     const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
@@ -207,7 +217,7 @@ json_owner complete_options(bool reset) {
 json_owner change_options(const json_t* before, const std::function<void()>& change) {
     options_copy copy(before);
     change();
-    options_document after = read_options();
+    options_document after = look_after_change();
     if (after.state != options_state::present) after = look_again(copy);
     if (after.state == options_state::present) return std::move(after.root);
     throw not_kept_error(fmt::format(
