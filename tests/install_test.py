@@ -11,8 +11,8 @@ LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/notify", "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
-MANUAL_PAGES = ["man1/ravoctl.1", "man3/ravo_api.3", "man8/notify.8", "man8/ravod.8",
-                "man8/vpncaas.8"]
+MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3", "man8/notify.8",
+                "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
