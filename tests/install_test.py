@@ -9,9 +9,11 @@ from support.ravod import RavodTest
 PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
-PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/notify", "sbin/ravod", "sbin/vpncaas"]
+PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravod",
+            "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
-MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3", "man8/notify.8",
+MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
+                "man8/NetworkService.8", "man8/notify.8",
                 "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS

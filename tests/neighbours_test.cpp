@@ -10,17 +10,16 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "support/daemon.h"
 #include "support/files.h"
+#include "support/service.h"
 #include "zbservice.h"
 
 namespace {
@@ -32,28 +31,10 @@ using texts = std::vector<std::string>;
 
 class vpncaas : public testing::Test {
   protected:
-    void SetUp() override {
-        ready_socket ready;
-        pid = start_process({VPNCAAS}, {.environment = {ready.environment()}});
-        ready.wait();
+    std::string call(const std::string& request, const char* method = "read_json", int fd = -1) {
+        return service.call(method, request, fd);
     }
-    void TearDown() override {
-        kill(pid, SIGTERM);
-        EXPECT_EQ(wait_for_exit(pid), 0);
-    }
-
-    // The reply to a request, or zb_call's name for its failure.
-    static std::string call(const std::string& request, const char* method = "read_json",
-                            int fd = -1) {
-        zb_io* io = zb_io_create();
-        EXPECT_EQ(zb_io_write(io, request.data(), request.size()), 0);
-        const int result = zb_call("vpncaas", method, io, 20, fd);
-        std::string answer =
-            result == 0 ? static_cast<const char*>(zb_io_read(io, nullptr)) : zb_strerror(result);
-        zb_io_free(io);
-        return answer;
-    }
-    static std::string read_json(const std::string& path) {
+    std::string read_json(const std::string& path) {
         json_t* request = json_pack("{s:s}", "path", path.c_str());
         char* text = json_dumps(request, 0);
         std::string answer = call(text);
@@ -61,19 +42,8 @@ class vpncaas : public testing::Test {
         json_decref(request);
         return answer;
     }
-    // What the service has open but its sockets, of which those of callers close when it has time.
-    texts open_files() const {
-        texts files;
-        for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-            std::error_code gone;
-            const std::string file = fs::read_symlink(entry.path(), gone);
-            if (!gone && !file.starts_with("socket:")) files.push_back(file);
-        }
-        std::sort(files.begin(), files.end());
-        return files;
-    }
 
-    pid_t pid = -1;
+    service_process service{VPNCAAS, "vpncaas"};
 };
 
 constexpr char settings_path[] = "/etc/config/vpn_block.conf";
@@ -241,7 +211,7 @@ TEST_F(vpncaas, file_that_may_not_be_read_is_unreadable) {
 TEST_F(vpncaas, keeps_no_descriptor) {
     write_file(settings_path, "{}");
     (void)read_json(settings_path);
-    const texts before = open_files();
+    const texts before = service.open_files();
     int pipe_ends[2];
     ASSERT_EQ(pipe2(pipe_ends, O_CLOEXEC), 0);
     for (int n = 0; n < 5; ++n) {
@@ -251,7 +221,7 @@ TEST_F(vpncaas, keeps_no_descriptor) {
         (void)call("{}", "read_json", pipe_ends[1]);
         (void)call("{}", "unknown", pipe_ends[1]);
     }
-    EXPECT_EQ(open_files(), before);
+    EXPECT_EQ(service.open_files(), before);
     close(pipe_ends[1]);
     pollfd event = {pipe_ends[0], 0, 0};
     EXPECT_EQ(poll(&event, 1, 10000), 1);

@@ -23,6 +23,8 @@
 #include <string>
 #include <string_view>
 
+#include "plain_text.h"
+
 namespace {
 
 constexpr char notifications_file[] = "/var/log/network/notifications.jsonl";
@@ -75,34 +77,6 @@ bool is_utf8(const std::string& text) {
     json_t* value = json_string(text.c_str());
     json_decref(value);
     return value != nullptr;
-}
-
-// Whether the byte at this place belongs to a control character: of ASCII, or, in UTF-8, of the
-// block behind it (U+0080 to U+009F), in which some terminals and viewers know line ends as well.
-bool is_control(std::string_view text, size_t at) {
-    const auto byte = [&](size_t n) { return static_cast<unsigned char>(text[n]); };
-    const auto is_second = [](unsigned char value) { return value >= 0x80 && value <= 0x9f; };
-    if (byte(at) < 0x20 || byte(at) == 0x7f) return true;
-    if (byte(at) == 0xc2) return at + 1 < text.size() && is_second(byte(at + 1));
-    return at > 0 && byte(at - 1) == 0xc2 && is_second(byte(at));
-}
-bool is_not_ascii(std::string_view text, size_t at) {
-    return static_cast<unsigned char>(text[at]) >= 0x80;
-}
-
-// The text with certain bytes as \xNN.
-std::string escape(const std::string& text, bool (*is_escaped)(std::string_view, size_t)) {
-    std::string line;
-    for (size_t at = 0; at < text.size(); ++at) {
-        if (!is_escaped(text, at)) {
-            line += text[at];
-            continue;
-        }
-        char hex[5];
-        (void)snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(text[at]));
-        line += hex;
-    }
-    return line;
 }
 
 // The text itself when it is UTF-8; otherwise with its bytes beyond ASCII escaped.
