@@ -3,6 +3,7 @@
 their links lead somewhere, their manual pages are clean, their example compiles.
 
 Needs mandoc and gcc; without them it fails. Reads the tree, writes nothing into it."""
+import json
 import re
 import struct
 import subprocess
@@ -15,6 +16,10 @@ wire_format = (top / "docs/wire-format.md").read_text()
 records_header = (top / "src/ravo/ravo_records.h").read_text()
 client_page = top / "packaging/man/ravo_api.3"
 daemon_page = top / "packaging/man/ravod.8"
+front_end_page = top / "packaging/man/vpn_global_opt.1"
+options_page = (top / "docs/options-file.md").read_text()
+options_header = (top / "src/ravo/global_options.h").read_text()
+options_source = (top / "src/ravo/global_options.cpp").read_text()
 
 type_words = {"int32_t": "i32", "int64_t": "i64", "uint64_t": "u64"}
 
@@ -100,6 +105,46 @@ def decode(name, data):
         elif kind in formats:
             values[field] = struct.unpack_from(formats[kind], data, offset)[0]
     return values
+
+
+def section(page, heading):
+    """What stands below a heading of the second level."""
+    return re.search(rf"^## {heading}$(.*?)(?:^## |\Z)", page, re.M | re.S)[1]
+
+
+def cells(text):
+    """The rows of the tables in a text, without their heads, as lists of texts without backquotes."""
+    tables = re.findall(r"^\|[-|]+\|\n((?:\|.*\n)+)", text, re.M)
+    return [[cell.strip().replace("`", "") for cell in line.strip("|").split("|")]
+            for table in tables for line in table.splitlines()]
+
+
+def option_keys():
+    """The rows of the options page's table of keys."""
+    return [row for row in cells(section(options_page, "Keys")) if len(row) == 4]
+
+
+def client_type_rows():
+    """(name, number of the first interface, stem of the short name, name shown), from the code."""
+    return re.findall(r'{(\w+), (\d+), "(\w+)", "([^"]+)"},', options_source)
+
+
+def function_body(source, name):
+    return re.search(rf"^[\w:*& ]*\b{name}\([^;{{}}]*\) {{$(.*?)^}}", source, re.M | re.S)[1]
+
+
+def json_examples(page):
+    return [json.loads(text) for text in re.findall(r"^```json\n(.*?)^```", page, re.M | re.S)]
+
+
+def key_paths(value, prefix=""):
+    """{path: value} of all members, those of objects in objects with a dot between."""
+    found = {}
+    for key, member in value.items():
+        found[prefix + key] = member
+        if isinstance(member, dict):
+            found |= key_paths(member, prefix + key + ".")
+    return found
 
 
 class docs(unittest.TestCase):
@@ -254,6 +299,112 @@ class docs(unittest.TestCase):
         self.assertRegex(decode("ravo_mobile_gen_uuid_data_get", uuid)["ravo_uuid"],
                          r"^[0-9a-f]{32}%R\?$")
         self.assertEqual((failure, check), (b"alice", b"1"))
+
+    def test_options_page_has_every_key(self):
+        keys = {row[0].split(".")[-1] for row in option_keys()}
+        used = set()
+        for name in ("get_tmpl", "connection_of", "promote_backup", "remove_backup",
+                     "remove_gateway", "remove_connection", "notify_gateway", "ravo_gw_nclog"):
+            used |= set(re.findall(r'"([a-z]\w*)"', function_body(options_source, name)))
+        self.assertIn("failover_interval", used)
+        self.assertEqual(keys, used)
+
+    def test_options_page_examples_are_documents(self):
+        kinds = {"object": dict, "text": str, "0 or 1": int, "whole number": int}
+        keys = {row[0]: kinds[row[1]] for row in option_keys()}
+        documents = json_examples(options_page)
+        self.assertEqual(len(documents), 6)
+        for document in documents:
+            for path, value in key_paths(document).items():
+                with self.subTest(document=document, path=path):
+                    self.assertIs(type(value), keys[path])
+        self.assertEqual(set(key_paths(documents[2])), set(keys))
+
+    def test_options_page_shows_what_the_front_end_prints(self):
+        documents = json_examples(options_page)
+        shown = [json.loads(line) for line in
+                 re.findall(r"^    ({.*})$", section(options_page, "The front end"), re.M)]
+        whole = documents[2]
+        self.assertEqual(shown, [{"data": {}, "error": 0}, {"data": whole, "error": 0},
+                                 {"data": whole["gw_setting"], "error": 0},
+                                 {"data": whole["global"], "error": 0},
+                                 {"data": {}, "error": 0}, {"error": -1}])
+
+    def test_options_pages_name_the_file(self):
+        path = re.search(r'options_path\[\] = "(.*)";', options_header)[1]
+        self.assertIn(f"`{path}`", options_page)
+        self.assertIn(f"flock -w 5 {path}.lck truncate -s 0 {path}\n", options_page)
+        listed = re.findall(r"^\.It Pa (.*)$", front_end_page.read_text(), re.M)
+        self.assertEqual(listed[:2], [path, path + ".lck"])
+
+    def test_options_page_has_every_connection_type(self):
+        body = re.search(r"^enum TYPE : uint16_t {$(.*?)^};", options_header, re.M | re.S)[1]
+        declared = dict(re.findall(r"^ +(\w+) = (\d+)", body, re.M))
+        rows = [row for row in cells(section(options_page, "Connection types"))
+                if row[0].endswith("_TYPE")]
+        self.assertEqual({row[0]: row[1] for row in rows}, declared)
+        listed = [(name, re.match(r"\d+", numbers)[0], stem.removesuffix(" + index"), shown)
+                  for name, _, stem, shown, numbers, _ in (row for row in rows if len(row) == 6)]
+        self.assertEqual(listed, client_type_rows()[::-1])
+
+    def test_options_page_interface_numbers_leave_no_gap(self):
+        rows = [row for row in cells(section(options_page, "Connection types")) if len(row) == 6]
+        ranges = [re.findall(r"\d+", row[4]) for row in rows]
+        self.assertEqual([int(last) + 1 for _, last in ranges[:-1]],
+                         [int(first) for first, *_ in ranges[1:]])
+
+    def test_options_page_has_every_interval_code(self):
+        body = function_body(options_source, "interval_to_string")
+        coded = []
+        waiting = []
+        for label, result in re.findall(r"case (-?\d+):|return ([^;]+);", body):
+            if label:
+                waiting.append(label)
+                continue
+            coded += [(code, code if result.startswith("std::to_string") else result.strip('"'))
+                      for code in waiting]
+            waiting = []
+        self.assertTrue(coded)
+        rows = cells(section(options_page, "Interval codes"))
+        self.assertEqual([tuple(row) for row in rows[:-1]], coded)
+        self.assertEqual(rows[-1][0], "any other")
+
+    def test_options_page_has_every_notification(self):
+        header = (top / "src/ravo/nc_msg_db.h").read_text()
+        catalogue = (top / "src/ravo/nc_msg_db.cpp").read_text()
+        body = re.search(r"__NC_MSG_DB__\[nc_msg_count\] = {$(.*?)^};", catalogue, re.M | re.S)[1]
+        entries = re.findall(r'{"(C\d+)", "(\d+)", "(\w+)",\s+(\w+|"(?:[^"\\]|\\.|"\s+")*")}',
+                             body)
+        positions = dict(re.findall(r"int (nc_\w+_set) = (\d+);", header))
+        self.assertEqual(len(positions), 3)
+        coded = [entries[int(position)] for position in positions.values()]
+        listed = cells(section(options_page, "Notifications"))
+        self.assertEqual([row[1] for row in listed], [entry[1] for entry in coded])
+        self.assertEqual({(entry[0], entry[2]) for entry in coded}, {("C002", "info")})
+        for row, entry in zip(listed, coded):
+            template = entry[3].strip('"').replace('\\"', '"').replace("{0}", "RAVO Service")
+            pattern = re.sub(r"\\{\d\\}", "[A-Z]+", re.escape(template))
+            self.assertRegex(row[2], f"^{pattern}$")
+
+    def test_options_page_has_every_call(self):
+        called = re.findall(r'easy_zb_call\("NetworkService", "([\w.]+)"', options_source)
+        listed = [row[0] for row in cells(section(options_page, "Services called"))]
+        self.assertEqual(sorted(listed), sorted(called))
+
+    def test_front_end_page_has_every_member_and_client_type(self):
+        page = front_end_page.read_text()
+        setting = re.search(r"^\.Ss Gateway setting$(.*?)^\.Sh ", page, re.M | re.S)[1]
+        members = [row[0].removeprefix("gw_setting.") for row in option_keys()
+                   if re.fullmatch(r"gw_setting\.\w+", row[0])]
+        self.assertEqual(re.findall(r"^\.It Va (\w+)$", setting, re.M), members)
+        numbers = re.findall(r"_CLIENT_TYPE = (\d+)", options_header)
+        shown = [row[3] for row in client_type_rows()[::-1]]
+        self.assertEqual(re.findall(r"(\d+)\s+for\s+([\w/]+)", setting),
+                         list(zip(numbers, shown, strict=True)))
+
+    def test_limiter_page_example_is_a_document(self):
+        self.assertEqual(json_examples((top / "docs/limiter.md").read_text()),
+                         [{"global": {"enable": True, "limit": 3, "time": 5}}])
 
 
 if __name__ == "__main__":

@@ -12,7 +12,8 @@ VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravod",
             "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
-MANUAL_PAGES = ["man1/ravoctl.1", "man3/ravo_api.3", "man8/NetworkService.8", "man8/notify.8",
+MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
+                "man8/NetworkService.8", "man8/notify.8",
                 "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS

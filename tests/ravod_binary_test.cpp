@@ -37,14 +37,15 @@ TEST(ravod_binary, is_position_independent) {
     EXPECT_EQ(count_of(readelf("--file-header"), "DYN (Position-Independent Executable file)"), 1U);
 }
 
-TEST(ravod_binary, needs_the_bus_sqlite_jansson_and_the_language_only) {
+TEST(ravod_binary, needs_the_platform_sqlite_jansson_and_the_language_only) {
     const std::set<std::string> allowed = {
-        "libzbservice.so.1", "libsqlite3.so.0", "libstdc++.so.6",       "libm.so.6",
-        "libgcc_s.so.1",     "libc.so.6",       "ld-linux-x86-64.so.2", "libresolv.so.2",
-        "libjansson.so.4"};
+        "libzbservice.so.1", "libsqlite3.so.0",     "libstdc++.so.6",       "libm.so.6",
+        "libgcc_s.so.1",     "libc.so.6",           "ld-linux-x86-64.so.2", "libresolv.so.2",
+        "libjansson.so.4",   "libOstra_config.so.1"};
     const std::set<std::string> needed = dynamic_values("NEEDED");
     EXPECT_EQ(needed.count("libzbservice.so.1"), 1U);
     EXPECT_EQ(needed.count("libsqlite3.so.0"), 1U);
+    EXPECT_EQ(needed.count("libOstra_config.so.1"), 1U);
     for (const std::string& library : needed) EXPECT_EQ(allowed.count(library), 1U) << library;
 }
 

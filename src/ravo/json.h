@@ -97,10 +97,9 @@ class JsonValue {
     void append(JsonValue* val);
 
     // Appends a value of any of the nine kinds.
-    template <class Value>
-    requires std::is_constructible_v<JsonValue, const Value&> JsonValue& operator<<(
-        const Value& v) {
-        append(new JsonValue(v));
+    template <class Value, class = std::enable_if_t<std::is_constructible_v<JsonValue, Value>>>
+    JsonValue& operator<<(Value v) {
+        append(new JsonValue(std::move(v)));
         return *this;
     }
 
