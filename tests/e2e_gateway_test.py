@@ -425,7 +425,7 @@ class gateway(RavodTest):
         room = page - len(json.dumps(document | {"x": ""}))
         self.fill_small(1, json.dumps(document | {"x": "y" * room}).encode())
         self.assertEqual(len(self.content()), page)
-        self.fails_and_keeps(5, ["set", "openvpn", "1"], "could not be written", "stands there again")
+        self.fails_and_keeps(5, ["set", "openvpn", "1"], "could not be changed", "stands there again")
         self.assertTrue(os.path.islink(OPTIONS))
         self.change("set", "none")
 
@@ -446,7 +446,8 @@ class gateway(RavodTest):
 
     def test_file_that_is_gone_after_a_change_comes_back_as_it_was(self):
         self.start_network()
-        for interference in (lambda: os.unlink(OPTIONS), lambda: self.put(b"[]")):
+        for interference in (lambda: os.unlink(OPTIONS), lambda: self.put(b"[]"),
+                             lambda: self.put(b"{}")):
             self.put({"x": 1, "global": GLOBAL, "gw_setting": ALONE})
             result = self.interfere(interference, "set", "none")
             self.fails(result, 5, OPTIONS, "stands there again")

@@ -166,11 +166,15 @@ options_document look_after_change() {
     }
 }
 
+// The store leaves no document when the disk is full, and an empty one when it could not have the
+// lock to read.
+bool is_lost(const options_document& options) { return json_object_size(options.root.get()) == 0; }
+
 // Puts the copy back, unless somebody has written a document in the meantime.
 options_document look_again(options_copy& copy) {
     const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
     options_document options = parse_options();
-    if (options.state != options_state::present) copy.take_place();
+    if (is_lost(options)) copy.take_place();
     return options;
 }
 
@@ -218,8 +222,8 @@ json_owner change_options(const json_t* before, const std::function<void()>& cha
     options_copy copy(before);
     change();
     options_document after = look_after_change();
-    if (after.state != options_state::present) after = look_again(copy);
-    if (after.state == options_state::present) return std::move(after.root);
+    if (is_lost(after)) after = look_again(copy);
+    if (!is_lost(after)) return std::move(after.root);
     throw not_kept_error(fmt::format(
-        "{} could not be written; what it held before stands there again", options_path));
+        "{} could not be changed; what it held before stands there again", options_path));
 }

@@ -47,7 +47,7 @@ std::string damage_message(const options_document& options);
 json_owner complete_options(bool reset);
 
 // Has the store change the file, and returns what it holds afterwards. A copy of before, which is
-// what the file holds now, lies beside it meanwhile. When the store leaves no JSON object behind,
-// as on a full disk, the copy takes the file's place, and this throws not_kept_error. It throws the
-// same when the file cannot be read afterwards.
+// what the file holds now, some section at least, lies beside it meanwhile. When the store leaves
+// nothing of it behind, as on a full disk, the copy takes the file's place, and this throws
+// not_kept_error. It throws the same when the file cannot be read afterwards.
 json_owner change_options(const json_t* before, const std::function<void()>& change);
