@@ -2,13 +2,16 @@
 // on the real bus and a recording notifier.
 #include "global_options.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -782,6 +785,21 @@ TEST_F(gateway, lost_one_after_the_other_until_none_is_left) {
     EXPECT_EQ(events(), all);
 }
 
+TEST_F(gateway, another_s_update_during_a_loss_is_overwritten) {
+    const std::string before = with_setting(members({R"("as_gw_en": 1)", gw1}));
+    ASSERT_EQ(mkfifo(path, 0600), 0);
+    std::thread loser(
+        [] { EXPECT_EQ(GlobalConfig().disable_gateway(ravo::OVPN_CLIENT_TYPE, 3), 0); });
+    bus_test::file pipe(open(path, O_WRONLY | O_CLOEXEC));  // it loads from now on
+    write_file("/etc/config/new", R"({"global": {"version": "2"}, "gw_setting": {}, "new": 1})");
+    std::filesystem::rename("/etc/config/new", path);
+    EXPECT_EQ(write(pipe.get(), before.data(), before.size()), static_cast<ssize_t>(before.size()));
+    pipe.shut();
+    loser.join();
+    EXPECT_EQ(stored(), R"({"global": {"version": "1"}, "gw_setting": {"as_gw_en": 0}, "new": 1})");
+    expect_log({changed(with_setting(R"("as_gw_en": 0)"))});
+}
+
 TEST_F(gateway, change_is_logged_after_saving) {
     stop_network_service();
     start_case(with_setting(members({R"("as_gw_en": 1)", gw1, R"("failover_en": 1)", gw2})));
@@ -973,6 +991,15 @@ TEST_F(gateway, profile_name_of_any_text_is_passed_on_as_it_is) {
         expect_sent({setting({R"("as_gw_en": 1)", gw1}),
                      {profile_call("OPENVPN_CLIENT3"), gateway_set("OpenVPN", c.text)}});
     }
+}
+
+TEST_F(gateway, connection_whose_name_is_no_utf_8_has_no_profile) {
+    json_t* raw = json_pack("{s:{s:i, s:{s:i, s:o}}}", "gw_setting", "as_gw_en", 1, "gw1", "type",
+                            1024, "sname", json_string_nocheck("\xff"));
+    ravo::ravo_gw_nclog(raw);
+    json_decref(raw);
+    EXPECT_EQ(events(), (texts{"external_dev.list {}", gateway_set("OpenVPN", "")}));
+    expect_log({unlisted("\xff")});
 }
 
 TEST_F(gateway, is_notified_without_a_profile_while_the_network_service_is_down) {
