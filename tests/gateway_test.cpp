@@ -494,10 +494,9 @@ struct loss {
     std::vector<expected_line> log{};  // before the last line
 };
 
-// A line feed that a document which is written anew does not have.
 void expect_loss(const loss& c) {
     SCOPED_TRACE(c.name + ": " + c.before);
-    const std::string before = with_setting(c.before) + "\n";
+    const std::string before = with_setting(c.before) + "\n";  // no line feed when written anew
     start_case(before);
     EXPECT_EQ(GlobalConfig().disable_gateway(c.gone.type, c.gone.index), 0);
     EXPECT_EQ(events(), c.events);
