@@ -2,22 +2,15 @@
 #include "support/limiter.h"
 
 #include <dlfcn.h>
-#include <poll.h>
 #include <sqlite3.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstddef>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <optional>
 #include <regex>
 
 #include "support/files.h"
+#include "support/recording_notifier.h"
 #include "support/sql_trace.h"
 #include "zbservice.h"
 
@@ -32,46 +25,16 @@ int forks = 0;
 
 namespace {
 
-constexpr int patience_ms = 20000;
-
-[[noreturn]] void give_up(const std::string& what) {
-    fprintf(stderr, "limiter world: %s: %s\n", what.c_str(), strerror(errno));
-    abort();
-}
-
 // --- Notifications -------------------------------------------------------------------------------
 
-int notifications_socket = -1;
+std::optional<recording_notifier> notifier;
 std::vector<std::string> received;
 
-int open_notifications_socket() {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    constexpr char name[] = "test/notifications";
-    memcpy(address.sun_path + 1, name, sizeof name - 1);
-    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sizeof name);
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) give_up("bind");
-    return fd;
-}
-
-void receive_one() {
-    pollfd event = {notifications_socket, POLLIN, 0};
-    int ready = 0;
-    while ((ready = poll(&event, 1, patience_ms)) < 0 && errno == EINTR) {
-    }
-    if (ready != 1) give_up("waited in vain for a notification");
-    std::string words(size_t{64} * 1024, '\0');
-    const ssize_t length = recv(notifications_socket, words.data(), words.size(), 0);
-    if (length < 0) give_up("recv");
-    words.resize(static_cast<size_t>(length));
-    std::replace(words.begin(), words.end(), '\0', '\n');
-    received.push_back(words);
-}
-
 void receive_all() {
-    if (notifications_socket < 0) return;
-    while (received.size() < static_cast<size_t>(limiter_world::forks)) receive_one();
+    if (!notifier) return;
+    while (received.size() < static_cast<size_t>(limiter_world::forks)) {
+        received.push_back(notifier->receive());
+    }
 }
 
 const pid_t test_process = getpid();
@@ -121,31 +84,22 @@ std::string settings_on(const std::string& limit, const std::string& time) {
 
 // --- Notifier ------------------------------------------------------------------------------------
 
-void install_notifier() {
-    notifications_socket = open_notifications_socket();
-    std::filesystem::create_directories("/usr/local/sbin");
-    std::filesystem::create_symlink(RECORD_NOTIFY, "/usr/local/sbin/notify");
-}
+void install_notifier() { notifier.emplace(); }
 
 std::vector<std::string> notifications() {
     receive_all();
     return received;
 }
 
-static std::string words(const std::string& id, const std::string& level, const std::string& form,
-                         const std::string& user) {
-    return "/usr/local/sbin/notify\nsend\n-A\nA238\n-C\nC001\n-M\n" + id + "\n-l\n" + level +
-           "\n-t\n3\n" + form + "\nRAVO Service\n" + user + "\n";
-}
-
 std::string blocked(const std::string& user) {
-    return words("0020", "warn",
-                 "[{0}] Username: {1} has been blocked because reach the login attempt limit.",
-                 user);
+    return recording_notifier::words(
+        "C001", "0020", "warn",
+        "[{0}] Username: {1} has been blocked because reach the login attempt limit.", {user});
 }
 
 std::string unblocked(const std::string& user) {
-    return words("0021", "info", "[{0}] Unblock the user: Username: {1}.", user);
+    return recording_notifier::words("C001", "0021", "info",
+                                     "[{0}] Unblock the user: Username: {1}.", {user});
 }
 
 // --- Limiter -------------------------------------------------------------------------------------
