@@ -80,7 +80,7 @@ DAMAGED = (
 )
 
 
-class gateway(RavodTest):
+class ravoctl_gateway(RavodTest):
     def gateway(self, *arguments, **options):
         return self.ravoctl("gateway", *arguments, **options)
 
