@@ -331,7 +331,8 @@ class docs(unittest.TestCase):
                                  {"data": {}, "error": 0}, {"error": -1}])
 
     def test_options_pages_name_the_file(self):
-        path = re.search(r'options_path\[\] = "(.*)";', options_header)[1]
+        header = (top / "src/ravo/vpn_options.h").read_text()
+        path = re.search(r'options_path\[\] = "(.*)";', header)[1]
         self.assertIn(f"`{path}`", options_page)
         self.assertIn(f"flock -w 5 {path}.lck truncate -s 0 {path}\n", options_page)
         listed = re.findall(r"^\.It Pa (.*)$", front_end_page.read_text(), re.M)

@@ -18,9 +18,7 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -31,13 +29,12 @@
 
 #include "default_routes.h"
 #include "json_service.h"
-#include "ostra_config.h"
 #include "plain_text.h"
+#include "vpn_options.h"
 
 namespace {
 
 constexpr char profiles_file[] = "/etc/config/vpn_profiles.conf";
-constexpr char options_file[] = "/etc/config/vpn_options.conf";
 constexpr size_t max_shown_name = 64;  // bytes of a connection's name in the line about it
 
 enum network_error {
@@ -84,27 +81,6 @@ json_ptr list_profiles(const char* request_text) {
 
 // --- Gateway setting -----------------------------------------------------------------------------
 
-// The shared lock of the options, for as long as it lives.
-class options_lock {
-  public:
-    options_lock() : handle(Ini_Conf_Read_Lock_File(options_file)) {}
-    ~options_lock() {
-        if (is_held()) (void)Ini_Conf_Unlock_File(handle);
-    }
-    options_lock(const options_lock&) = delete;
-    options_lock& operator=(const options_lock&) = delete;
-    bool is_held() const { return handle >= 0; }
-
-  private:
-    int handle;
-};
-
-// A number without its fraction, within the bounds of int; 0 for what is no number.
-int whole_number(const json_t* value) {
-    const double number = json_number_value(value);
-    return static_cast<int>(std::clamp(number, double{INT_MIN}, double{INT_MAX}));
-}
-
 // The name of a connection, cut where a character begins, without control characters.
 std::string shown_name(const json_t* connection) {
     const char* text = json_string_value(json_object_get(connection, "sname"));
@@ -122,25 +98,24 @@ std::string shown_name(const json_t* connection) {
 }
 
 // Some numbers of the interval mean no time.
-std::string shown_interval(const json_t* interval) {
-    if (!json_is_number(interval)) return "";
-    switch (const int number = whole_number(interval)) {
+std::string shown_interval(const json_t* section) {
+    if (!json_is_number(json_object_get(section, "failover_interval"))) return "";
+    switch (const int interval = ravo::number<int>(section, "failover_interval")) {
         case -1:
             return ", does not revert";
         case 0:
             return ", reverts at once";
         default:
-            return ", reverts after " + std::to_string(number);
+            return ", reverts after " + std::to_string(interval);
     }
 }
 
 std::string describe_gateway(const json_t* section) {
-    const auto member = [&](const char* name) { return json_object_get(section, name); };
-    if (whole_number(member("as_gw_en")) == 0) return "no VPN gateway";
-    std::string gateway = "gateway " + shown_name(member("gw1"));
-    if (whole_number(member("failover_en")) == 0) return gateway;
-    return gateway + ", backup " + shown_name(member("gw2")) +
-           shown_interval(member("failover_interval"));
+    if (ravo::number<int>(section, "as_gw_en") == 0) return "no VPN gateway";
+    std::string gateway = "gateway " + shown_name(json_object_get(section, "gw1"));
+    if (ravo::number<int>(section, "failover_en") == 0) return gateway;
+    return gateway + ", backup " + shown_name(json_object_get(section, "gw2")) +
+           shown_interval(section);
 }
 
 // Writes a line, unless nobody takes it: the service waits for no reader.
@@ -152,9 +127,9 @@ void say(FILE* stream, const std::string& text) {
 
 // Reads the gateway setting. On failure the one known before stays.
 network_error read_gateway_setting() {
-    const options_lock lock;
+    const ravo::options_lock lock(Ini_Conf_Read_Lock_File);
     if (!lock.is_held()) return file_locked;
-    const json_ptr options = read_object(options_file);
+    const json_ptr options = read_object(ravo::options_path);
     if (!options) return file_unreadable;
     gateway_setting = describe_gateway(json_object_get(options.get(), "gw_setting"));
     return network_ok;
@@ -167,7 +142,7 @@ network_error update_gateway_setting() {
         say(stdout, gateway_setting);
     } else {
         const char* what = error == file_locked ? "lock" : "read";
-        say(stderr, std::string("NetworkService: cannot ") + what + " " + options_file +
+        say(stderr, std::string("NetworkService: cannot ") + what + " " + ravo::options_path +
                         "; what was known stays: " + gateway_setting);
     }
     return error;

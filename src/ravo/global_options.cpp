@@ -6,12 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <utility>
 
 #include "nc_msg_db.h"
-#include "ostra_config.h"
 #include "ravo_log.h"
 #include "zbservice.h"
 
@@ -35,14 +33,6 @@ struct text_deleter {
 using text_ptr = std::unique_ptr<char, text_deleter>;
 
 text_ptr dump(const json_t* value) { return text_ptr(json_dumps(value, 0)); }
-
-// A member as an integer: truncated toward zero, the nearest that fits; 0 when it is no number.
-template <class Integer>
-Integer number(const json_t* object, const char* key) {
-    using range = std::numeric_limits<Integer>;
-    const double value = json_number_value(json_object_get(object, key));
-    return static_cast<Integer>(std::clamp<double>(value, range::min(), range::max()));
-}
 
 // A member as a text; empty when it is none.
 const char* text(const json_t* object, const char* key) {
@@ -182,20 +172,6 @@ std::string interval_to_string(int time) {
 
 namespace {
 
-class options_lock {
-  public:
-    explicit options_lock(int lock_handle) : handle(lock_handle) {}
-    ~options_lock() {
-        if (is_held()) (void)Ini_Conf_Unlock_File(handle);
-    }
-    options_lock(const options_lock&) = delete;
-    options_lock& operator=(const options_lock&) = delete;
-    bool is_held() const { return handle >= 0; }
-
-  private:
-    const int handle;
-};
-
 struct file_closer {
     void operator()(FILE* file) const { (void)fclose(file); }
 };
@@ -204,7 +180,7 @@ using file_ptr = std::unique_ptr<FILE, file_closer>;
 // The document, updated by raw, into the file. The lock is held until the notifications are sent
 // and the file is closed. Deliberate: opening it empties it, whatever comes of the rest.
 bool write_options(json_t* root, const char* raw, const call_site& at) {
-    const options_lock lock(Ini_Conf_Write_Lock_File(options_path));
+    const options_lock lock(Ini_Conf_Write_Lock_File);
     if (!lock.is_held()) return false;
     file_ptr file(fopen(options_path, "wbe"));
     if (!file) return false;
@@ -230,7 +206,7 @@ json_t* GlobalConfig::get_tmpl() {
 }
 
 json_t* GlobalConfig::load() {
-    const options_lock lock(Ini_Conf_Read_Lock_File(options_path));
+    const options_lock lock(Ini_Conf_Read_Lock_File);
     if (!lock.is_held()) {
         log_line(HERE, "ERROR", "Ini_Conf_Read_Lock_File failed.");
         return json_object();

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "json.h"
+#include "vpn_options.h"
 
 namespace ravo {
 
@@ -124,8 +125,6 @@ std::string type_to_string(TYPE type);
 std::string interval_to_string(int time);
 
 // --- The options file ---------------------------------------------------------------------------
-
-inline constexpr char options_path[] = "/etc/config/vpn_options.conf";
 
 // The options file, which docs/options-file.md describes. There is no state but the file. Each
 // operation takes the file's lock for itself, so another program's update between two of them, and

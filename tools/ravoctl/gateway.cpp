@@ -4,10 +4,8 @@
 #include <fmt/format.h>
 #include <strings.h>
 
-#include <algorithm>
 #include <charconv>
 #include <cstdint>
-#include <limits>
 #include <new>
 
 #include "global_options.h"
@@ -120,29 +118,21 @@ struct gateway_setting {
     }
 };
 
-// A member as the store reads it: toward zero, the nearest that fits, 0 when it is no number.
-template <class Integer>
-Integer number(const json_t* object, const char* key) {
-    using range = std::numeric_limits<Integer>;
-    const double value = json_number_value(json_object_get(object, key));
-    return static_cast<Integer>(std::clamp<double>(value, range::min(), range::max()));
-}
-
 connection read_connection(const json_t* setting, const char* key) {
     const json_t* entry = json_object_get(setting, key);
     const char* sname = json_string_value(json_object_get(entry, "sname"));
-    return {static_cast<ravo::TYPE>(number<uint16_t>(entry, "type")), number<int>(entry, "index"),
-            sname != nullptr ? sname : ""};
+    return {static_cast<ravo::TYPE>(ravo::number<uint16_t>(entry, "type")),
+            ravo::number<int>(entry, "index"), sname != nullptr ? sname : ""};
 }
 
 gateway_setting read_setting(const json_t* root) {
     const json_t* section = json_object_get(root, "gw_setting");
     gateway_setting setting;
-    if (number<int>(section, "as_gw_en") == 0) return setting;
+    if (ravo::number<int>(section, "as_gw_en") == 0) return setting;
     setting.gateway = read_connection(section, "gw1");
-    if (number<int>(section, "failover_en") == 0) return setting;
+    if (ravo::number<int>(section, "failover_en") == 0) return setting;
     setting.backup = read_connection(section, "gw2");
-    setting.delay = number<int>(section, "failover_interval");
+    setting.delay = ravo::number<int>(section, "failover_interval");
     return setting;
 }
 
@@ -199,8 +189,8 @@ default_route ask_default_route() {
     std::string text;
     answer.toString(text);
     const json_owner route(json_loads(text.c_str(), 0, nullptr));
-    const connection c = {static_cast<ravo::TYPE>(number<uint16_t>(route.get(), "type")),
-                          number<int>(route.get(), "index")};
+    const connection c = {static_cast<ravo::TYPE>(ravo::number<uint16_t>(route.get(), "type")),
+                          ravo::number<int>(route.get(), "index")};
     if (c.type == ravo::NONE_TYPE) return {true, std::nullopt};
     return {true, c};
 }
