@@ -435,10 +435,16 @@ TEST(route_bytes, hops_are_taken) {
 TEST(route_bytes, no_more_than_256_are_taken) {
     bytes hops;
     for (uint32_t n = 1; n <= 300; ++n) hops += hop(n);
+    const bytes many = route(attribute(RTA_PRIORITY, 5) + attribute(RTA_MULTIPATH, hops));
     const indexes interfaces =
-        interfaces_of(route(attribute(RTA_MULTIPATH, hops)) + route(attribute(RTA_OIF, 1000)));
+        interfaces_of(many + route(attribute(RTA_PRIORITY, 5) + attribute(RTA_OIF, 1000)));
     EXPECT_EQ(interfaces.size(), 256U);
     EXPECT_EQ(interfaces.back(), 256U);
+    const indexes with_better =
+        interfaces_of(many + route(attribute(RTA_PRIORITY, 4) + attribute(RTA_OIF, 1000)));
+    EXPECT_EQ(with_better.size(), 256U);
+    EXPECT_EQ(with_better[254], 255U);
+    EXPECT_EQ(with_better[255], 1000U);
 }
 
 struct ending {

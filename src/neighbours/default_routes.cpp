@@ -146,11 +146,21 @@ bool read_route_attributes(byte_span bytes, route_attributes& found) {
     });
 }
 
+bool is_preferred(const default_route& one, const default_route& other) {
+    if (one.family != other.family) return one.family == AF_INET;
+    if (one.prefix_length != other.prefix_length) return one.prefix_length > other.prefix_length;
+    return one.metric < other.metric;
+}
+
+// When there is no room, the least preferred route goes, the last of equal ones.
 void add_route(default_route route, uint32_t interface, unsigned flags,
                std::vector<default_route>& routes) {
     route.interface = interface;
-    const bool is_usable = interface != 0 && (flags & RTNH_F_DEAD) == 0;
-    if (is_usable && routes.size() < max_routes) routes.push_back(route);
+    if (interface == 0 || (flags & RTNH_F_DEAD) != 0) return;
+    routes.push_back(route);
+    if (routes.size() <= max_routes) return;
+    const auto worst = std::max_element(routes.rbegin(), routes.rend(), is_preferred);
+    routes.erase(std::next(worst).base());
 }
 
 // The hops of a multipath route. Their attributes tell gateways, which do not matter here.
@@ -185,12 +195,6 @@ bool add_routes_of(byte_span body, uint8_t family, std::vector<default_route>& r
 bool is_other_half(const default_route& one, const default_route& other) {
     return one.family == other.family && other.prefix_length == 1 &&
            one.interface == other.interface && one.is_upper_half != other.is_upper_half;
-}
-
-bool is_preferred(const default_route& one, const default_route& other) {
-    if (one.family != other.family) return one.family == AF_INET;
-    if (one.prefix_length != other.prefix_length) return one.prefix_length > other.prefix_length;
-    return one.metric < other.metric;
 }
 
 // --- Links ---------------------------------------------------------------------------------------

@@ -27,7 +27,7 @@ struct gateway_interface {
 
 // Reads the interfaces of the default routes: IPv4 first; per family the pairs of halves before the
 // whole ones, as the kernel prefers them, then by metric, the best first. An interface is named
-// once, at its best place. At most max_routes hops per family are looked at.
+// once, at its best place. Of more than max_routes hops per family the best are looked at.
 //
 // Blocks for at most 3 seconds. Returns 0 or an errno, and then the list is empty: EINTR when the
 // routes changed again and again meanwhile, ETIMEDOUT, EBADMSG when the kernel's answer makes no
@@ -57,7 +57,8 @@ struct interface_link {
 
 using byte_span = std::span<const unsigned char>;
 
-// Adds the routes in one datagram of the answer to RTM_GETROUTE, halves included, up to max_routes.
+// Adds the routes in one datagram of the answer to RTM_GETROUTE, halves included; beyond
+// max_routes the best of them stay.
 // Other families and messages are passed over.
 //
 // Returns 0 when the answer ends with this datagram, reply_goes_on when more are to come, EINTR
