@@ -13,10 +13,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -47,6 +49,27 @@ constexpr char locked[] = R"({"error": 3})";
 constexpr char unavailable[] = R"({"error": 4})";
 constexpr char no_profiles[] = R"({"error": 0, "data": {}})";
 
+// What happens to a file from now on, by anybody: IN_OPEN, IN_MODIFY, ...
+class file_events {
+  public:
+    file_events(const char* path, uint32_t kinds) : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+        EXPECT_GE(inotify_add_watch(fd, path, kinds), 0);
+    }
+    ~file_events() { close(fd); }
+    file_events(const file_events&) = delete;
+    file_events& operator=(const file_events&) = delete;
+
+    // Whether one has happened since the last time, or does within this time.
+    bool happen(int patience_ms) {
+        pollfd event = {fd, POLLIN, 0};
+        char events[4096];
+        return poll(&event, 1, patience_ms) == 1 && read(fd, events, sizeof events) > 0;
+    }
+
+  private:
+    int fd;
+};
+
 class network_service : public testing::Test {
   protected:
     std::string list(const std::string& request = "") {
@@ -58,10 +81,24 @@ class network_service : public testing::Test {
     std::string gateways(const std::string& request = "") {
         return service.call("api.get_currentGWinfo", request);
     }
-    // What it has said since the last time, without the line of the start.
+    // What it has said since the last time, without the line of the start; a line at least.
     std::string said() {
+        file_events writing(output_path, IN_MODIFY);
+        while (read_file(output_path).size() == seen) {
+            if (!writing.happen(10000)) {
+                ADD_FAILURE() << "it says nothing";
+                break;
+            }
+        }
         const std::string all = read_file(output_path);
         return all.substr(std::exchange(seen, all.size()));
+    }
+
+    // The same, up to this end at least.
+    std::string said_with_end(const std::string& end) {
+        std::string all = said();
+        while (!all.ends_with(end) && !HasFailure()) all += said();
+        return all;
     }
 
     service_process service{NETWORK_SERVICE, "NetworkService", output_path};
@@ -217,13 +254,33 @@ TEST_F(network_service, missing_file_or_section_is_no_gateway) {
 
 constexpr char options_with_gateway[] = R"({"gw_setting": {"as_gw_en": 1, "gw1": {"sname": "A"}}})";
 
+// As for the store, an empty file stands for the template.
+TEST_F(network_service, bytes_that_are_no_object_are_no_gateway) {
+    for (const char* text : {"", "{", "[]", "5", R"({"gw_setting": {"as_gw_en": 1}} x)"}) {
+        SCOPED_TRACE(text);
+        write_file(options_path, options_with_gateway);
+        EXPECT_EQ(update(), success);
+        EXPECT_EQ(said(), "gateway A\n");
+        write_file(options_path, text);
+        EXPECT_EQ(update(), success);
+        const std::string reason =
+            std::string("NetworkService: ") + options_path + " holds no JSON object\n";
+        const std::string lines = *text == '\0' ? "" : reason;
+        EXPECT_EQ(said_with_end("no VPN gateway\n"), lines + "no VPN gateway\n");
+    }
+}
+
+void put_folder() { fs::create_directory(options_path); }
+void put_pipe() { EXPECT_EQ(mkfifo(options_path, 0644), 0); }
+void put_large_file() { write_file(options_path, std::string(4 * 1024 * 1024 + 1, ' ')); }
+
 TEST_F(network_service, setting_stays_when_it_cannot_be_read) {
     write_file(options_path, options_with_gateway);
     EXPECT_EQ(update(), success);
     EXPECT_EQ(said(), "gateway A\n");
-    for (const char* text : {"", "{", "[]", "5"}) {
-        SCOPED_TRACE(text);
-        write_file(options_path, text);
+    for (void (*put)() : {put_folder, put_pipe, put_large_file}) {
+        fs::remove(options_path);
+        put();
         EXPECT_EQ(update(), unreadable);
         EXPECT_EQ(said(), std::string("NetworkService: cannot read ") + options_path +
                               "; what was known stays: gateway A\n");
@@ -243,39 +300,55 @@ TEST_F(network_service, setting_stays_when_it_cannot_be_locked) {
     EXPECT_EQ(update(), success);
 }
 
-// The opening of a file by anybody, from now on.
-class file_openings {
+// The exclusive lock of the options, as a program that saves them has it.
+class writer {
   public:
-    explicit file_openings(const char* path) : fd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-        EXPECT_GE(inotify_add_watch(fd, path, IN_OPEN), 0);
-    }
-    ~file_openings() { close(fd); }
-    file_openings(const file_openings&) = delete;
-    file_openings& operator=(const file_openings&) = delete;
-
-    // Whether there was one, or comes within this time.
-    bool seen(int patience_ms) {
-        pollfd event = {fd, POLLIN, 0};
-        return poll(&event, 1, patience_ms) == 1;
-    }
+    writer() : handle(Ini_Conf_Write_Lock_File(options_path)) { EXPECT_GE(handle, 0); }
+    ~writer() { EXPECT_EQ(Ini_Conf_Unlock_File(handle), 0); }
+    writer(const writer&) = delete;
+    writer& operator=(const writer&) = delete;
 
   private:
-    int fd;
+    const int handle;
 };
 
-TEST_F(network_service, reads_the_setting_when_its_writer_is_done) {
-    const int lock = Ini_Conf_Write_Lock_File(options_path);
-    ASSERT_GE(lock, 0);
-    write_file(options_path, "{");
-    file_openings lock_openings(lock_path);
-    std::string answer;
-    std::thread caller([&] { answer = update(); });
-    EXPECT_TRUE(lock_openings.seen(10000));
-    write_file(options_path, options_with_gateway);
-    EXPECT_EQ(Ini_Conf_Unlock_File(lock), 0);
-    caller.join();
-    EXPECT_EQ(answer, success);
+// The library waits for a lock for 5 seconds. Well below that: nobody has waited.
+constexpr std::chrono::seconds no_waiting{3};
+std::chrono::nanoseconds duration_of(const std::function<void()>& action) {
+    const auto begin = std::chrono::steady_clock::now();
+    action();
+    return std::chrono::steady_clock::now() - begin;
+}
+
+TEST_F(network_service, writer_is_answered_while_its_lock_is_waited_for) {
+    const auto spent = duration_of([&] {
+        const writer saving;
+        write_file(options_path, "{");
+        EXPECT_EQ(update(), success);
+        EXPECT_EQ(list(R"({"key": "OPENVPN_CLIENT3"})"), no_profiles);
+        EXPECT_EQ(gateways(), R"({"error": 0, "data": []})");
+        EXPECT_EQ(read_file(output_path), "no VPN gateway\n");  // of the start
+        write_file(options_path, options_with_gateway);
+    });
+    EXPECT_LT(spent, no_waiting);
     EXPECT_EQ(said(), "gateway A\n");
+}
+
+TEST_F(network_service, reads_again_what_is_written_while_it_reads) {
+    for (int n = 0; n < 50; ++n) {
+        const std::string name = std::to_string(n);
+        write_file(options_path,
+                   R"({"gw_setting": {"as_gw_en": 1, "gw1": {"sname": ")" + name + "\"}}}");
+        EXPECT_EQ(update(), success);
+    }
+    EXPECT_TRUE(said_with_end("gateway 49\n").ends_with("gateway 49\n"));
+}
+
+TEST(network_service_stop, lock_is_not_waited_for) {
+    service_process service(NETWORK_SERVICE, "NetworkService");
+    const writer saving;
+    EXPECT_EQ(service.call("external_dev.update_vpn_gw", ""), success);
+    EXPECT_LT(duration_of([&] { EXPECT_EQ(service.stop(SIGTERM), 0); }), no_waiting);
 }
 
 TEST_F(network_service, reads_the_setting_beside_other_readers) {
@@ -287,21 +360,17 @@ TEST_F(network_service, reads_the_setting_beside_other_readers) {
 
 TEST_F(network_service, gives_the_lock_back) {
     EXPECT_EQ(update(), success);
-    write_file(options_path, "{");
+    put_folder();
     EXPECT_EQ(update(), unreadable);
-    const int lock = Ini_Conf_Write_Lock_File(options_path);
-    EXPECT_GE(lock, 0);
-    (void)Ini_Conf_Unlock_File(lock);
+    const writer saving;
 }
 
 TEST_F(network_service, other_methods_leave_the_lock_alone) {
-    const int lock = Ini_Conf_Write_Lock_File(options_path);
-    ASSERT_GE(lock, 0);
-    file_openings lock_openings(lock_path);
+    const writer saving;
+    file_events lock_openings(lock_path, IN_OPEN);
     EXPECT_EQ(list(R"({"key": "OPENVPN_CLIENT3"})"), no_profiles);
     EXPECT_EQ(gateways(), R"({"error": 0, "data": []})");
-    EXPECT_FALSE(lock_openings.seen(0));
-    EXPECT_EQ(Ini_Conf_Unlock_File(lock), 0);
+    EXPECT_FALSE(lock_openings.happen(0));
 }
 
 TEST(network_service_start, reads_the_setting) {
@@ -311,7 +380,7 @@ TEST(network_service_start, reads_the_setting) {
 }
 
 TEST(network_service_start, serves_also_when_the_setting_cannot_be_read) {
-    write_file(options_path, "{");
+    put_folder();
     const service_process service(NETWORK_SERVICE, "NetworkService", output_path);
     EXPECT_EQ(read_file(output_path), std::string("NetworkService: cannot read ") + options_path +
                                           "; what was known stays: no VPN gateway\n");
@@ -432,10 +501,23 @@ TEST_F(network_service, keeps_no_descriptor) {
     const texts before = service.open_files();
     for (int n = 0; n < 5; ++n) {
         EXPECT_EQ(service.call("external_dev.list", "", 0), no_profiles);
-        EXPECT_EQ(service.call("external_dev.update_vpn_gw", "", 0), unreadable);
+        EXPECT_EQ(service.call("external_dev.update_vpn_gw", "", 0), success);
         EXPECT_EQ(service.call("api.get_currentGWinfo", "", 0), R"({"error": 0, "data": []})");
     }
     EXPECT_EQ(service.open_files(), before);
+}
+
+TEST(network_service_start, closed_standard_streams_lead_nowhere) {
+    ready_socket ready;
+    const pid_t child = start_process({"/bin/sh", "-c", "exec " NETWORK_SERVICE " <&- >&- 2>&-"},
+                                      {.environment = {ready.environment()}});
+    ready.wait();
+    for (const char* stream : {"0", "1", "2"}) {
+        EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(child) + "/fd/" + stream),
+                  "/dev/null");
+    }
+    kill(child, SIGTERM);
+    EXPECT_EQ(wait_for_exit(child), 0);
 }
 
 TEST(network_service_stop, signal_stops_it) {

@@ -75,6 +75,15 @@ void handle_request(const char* name, zb_io* io, int fd) {
 
 void stop(int /*sig*/) { (void)zb_stop(endpoint); }
 
+// A standard stream that is closed would become any other descriptor, into which lines then go.
+void fill_standard_streams() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (0 <= fd && fd <= STDERR_FILENO);
+    if (fd >= 0) close(fd);
+}
+
 }  // namespace
 
 descriptor find_file(const char* path) { return descriptor(open(path, O_PATH | O_CLOEXEC)); }
@@ -85,10 +94,14 @@ std::string location(const descriptor& found) {
     return length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string();
 }
 
-json_ptr read_document(const descriptor& found) {
+bool read_bytes(const descriptor& found, std::string& bytes) {
     const descriptor file = open_regular(found);
+    return file.is_open() && read_all(file, bytes);
+}
+
+json_ptr read_document(const descriptor& found) {
     std::string bytes;
-    if (!file.is_open() || !read_all(file, bytes)) return nullptr;
+    if (!read_bytes(found, bytes)) return nullptr;
     return json_ptr(json_loadb(bytes.data(), bytes.size(), JSON_DECODE_ANY, nullptr));
 }
 
@@ -103,6 +116,7 @@ int run_json_service(const json_service& service, int argc, char** argv) {
         (void)fprintf(stderr, "usage: %s\n", argv[0]);
         return 2;
     }
+    fill_standard_streams();
     served = &service;
     (void)zb_signal(SIGINT, stop);
     (void)zb_signal(SIGTERM, stop);

@@ -31,6 +31,10 @@ descriptor find_file(const char* path);
 // say.
 std::string location(const descriptor& found);
 
+// Appends the bytes of a file that was found. False when it is no regular file, may not be read, or
+// has more than 4 MiB.
+bool read_bytes(const descriptor& found, std::string& bytes);
+
 // The JSON document, of any type, in a file that was found. Null when that is no regular file, may
 // not be read, has more than 4 MiB, or is not one JSON document in UTF-8.
 json_ptr read_document(const descriptor& found);

@@ -24,6 +24,7 @@ class options_lock {
     options_lock(const options_lock&) = delete;
     options_lock& operator=(const options_lock&) = delete;
     bool is_held() const { return handle >= 0; }
+    int error() const { return handle; }  // why it is not held: an ostra_lock_error
 
   private:
     const int handle;
