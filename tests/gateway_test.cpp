@@ -2,16 +2,13 @@
 // on the real bus and a recording notifier.
 #include "global_options.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -785,16 +782,12 @@ TEST_F(gateway, lost_one_after_the_other_until_none_is_left) {
 }
 
 TEST_F(gateway, another_s_update_during_a_loss_is_overwritten) {
-    const std::string before = with_setting(members({R"("as_gw_en": 1)", gw1}));
-    ASSERT_EQ(mkfifo(path, 0600), 0);
-    std::thread loser(
-        [] { EXPECT_EQ(GlobalConfig().disable_gateway(ravo::OVPN_CLIENT_TYPE, 3), 0); });
-    bus_test::file pipe(open(path, O_WRONLY | O_CLOEXEC));  // it loads from now on
-    write_file("/etc/config/new", R"({"global": {"version": "2"}, "gw_setting": {}, "new": 1})");
-    std::filesystem::rename("/etc/config/new", path);
-    EXPECT_EQ(write(pipe.get(), before.data(), before.size()), static_cast<ssize_t>(before.size()));
-    pipe.shut();
-    loser.join();
+    start_case(with_setting(members({R"("as_gw_en": 1)", gw1})));
+    on_reading = [] {
+        replace_file(R"({"global": {"version": "2"}, "gw_setting": {}, "new": 1})");
+        on_reading = nullptr;
+    };
+    EXPECT_EQ(GlobalConfig().disable_gateway(ravo::OVPN_CLIENT_TYPE, 3), 0);
     EXPECT_EQ(stored(), R"({"global": {"version": "1"}, "gw_setting": {"as_gw_en": 0}, "new": 1})");
     expect_log({changed(with_setting(R"("as_gw_en": 0)"))});
 }

@@ -172,6 +172,15 @@ TEST_F(options_file, folder_in_its_place_gives_the_template) {
     expect_log({no_object()});
 }
 
+TEST_F(options_file, pipe_in_its_place_is_not_waited_for) {
+    ASSERT_EQ(mkfifo(path, 0644), 0);
+    EXPECT_EQ(load(), template_text);
+    EXPECT_EQ(save(with_gateway), 0);
+    expect_log({no_object(), no_object()});
+    EXPECT_EQ(events(), texts());
+    EXPECT_TRUE(fs::is_fifo(path));
+}
+
 TEST_F(options_file, that_may_not_be_read_gives_an_empty_object) {
     start_case(template_text);
     ASSERT_EQ(chmod(path, 0200), 0);
@@ -600,20 +609,16 @@ TEST_F(options_file, disk_with_room_again_takes_the_next_update) {
 // --- Locks --------------------------------------------------------------------------------------
 
 TEST_F(options_file, is_read_under_a_shared_lock_with_descriptors_that_an_exec_closes) {
-    ASSERT_EQ(mkfifo(path, 0600), 0);
-    std::string document;
-    std::thread reader([&] { document = load(); });
-    bus_test::file pipe(open(path, O_WRONLY | O_CLOEXEC));  // waits for the reader
-    const std::string blanks(size_t{256} * 1024, ' ');  // more than a pipe holds: it is reading now
-    EXPECT_EQ(write(pipe.get(), blanks.data(), blanks.size()), static_cast<ssize_t>(blanks.size()));
-    EXPECT_TRUE(is_free(LOCK_SH)) << "others may read";
-    EXPECT_FALSE(is_free(LOCK_EX)) << "nobody may write";
-    EXPECT_EQ(descriptors(), (texts{path, path, lock_path})) << "one is the test's";
-    EXPECT_EQ(write(pipe.get(), template_text, strlen(template_text)),
-              static_cast<ssize_t>(strlen(template_text)));
-    pipe.shut();
-    reader.join();
-    EXPECT_EQ(document, template_text);
+    start_case(template_text);
+    int readings = 0;
+    on_reading = [&] {
+        ++readings;
+        EXPECT_TRUE(is_free(LOCK_SH)) << "others may read";
+        EXPECT_FALSE(is_free(LOCK_EX)) << "nobody may write";
+        EXPECT_EQ(descriptors(), (texts{path, lock_path}));
+    };
+    EXPECT_EQ(load(), template_text);
+    EXPECT_EQ(readings, 1);
     EXPECT_TRUE(is_free(LOCK_EX));
     EXPECT_EQ(descriptors(), texts{});
 }
@@ -649,15 +654,9 @@ TEST_F(options_file, lock_is_free_after_each_end_of_saving) {
 }
 
 TEST_F(options_file, another_s_update_between_loading_and_writing_is_overwritten) {
-    ASSERT_EQ(mkfifo(path, 0600), 0);
-    std::thread saver([] { EXPECT_EQ(save(R"({"gw_setting": {"as_gw_en": 0}})"), 0); });
-    bus_test::file pipe(open(path, O_WRONLY | O_CLOEXEC));  // the saver loads from now on
-    write_file("/etc/config/new", R"({"global": {"version": "2"}, "gw_setting": {}})");
-    fs::rename("/etc/config/new", path);
-    EXPECT_EQ(write(pipe.get(), template_text, strlen(template_text)),
-              static_cast<ssize_t>(strlen(template_text)));
-    pipe.shut();
-    saver.join();
+    start_case(template_text);
+    on_reading = [] { replace_file(R"({"global": {"version": "2"}, "gw_setting": {}})"); };
+    EXPECT_EQ(save(R"({"gw_setting": {"as_gw_en": 0}})"), 0);
     EXPECT_EQ(stored(), template_text);
 }
 

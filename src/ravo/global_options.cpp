@@ -2,6 +2,9 @@
 // other services' JSON methods.
 #include "global_options.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -177,12 +180,22 @@ struct file_closer {
 };
 using file_ptr = std::unique_ptr<FILE, file_closer>;
 
+// Opens the options file. Never waits: a pipe in its place would keep the lock for ever.
+file_ptr open_options(int flags, const char* mode) {
+    constexpr mode_t everyone = 0666;
+    const int fd = open(options_path, flags | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, everyone);
+    if (fd < 0) return nullptr;
+    file_ptr file(fdopen(fd, mode));
+    if (!file) close(fd);
+    return file;
+}
+
 // The document, updated by raw, into the file. The lock is held until the notifications are sent
 // and the file is closed. Deliberate: opening it empties it, whatever comes of the rest.
 bool write_options(json_t* root, const char* raw, const call_site& at) {
     const options_lock lock(Ini_Conf_Write_Lock_File);
     if (!lock.is_held()) return false;
-    file_ptr file(fopen(options_path, "wbe"));
+    file_ptr file = open_options(O_WRONLY | O_CREAT | O_TRUNC, "wb");
     if (!file) return false;
     const json_ptr raw_t(raw != nullptr ? json_loads(raw, 0, nullptr) : nullptr);
     if (json_object_update_existing(root, raw_t.get()) != 0) {
@@ -211,7 +224,7 @@ json_t* GlobalConfig::load() {
         log_line(HERE, "ERROR", "Ini_Conf_Read_Lock_File failed.");
         return json_object();
     }
-    const file_ptr file(fopen(options_path, "re"));
+    const file_ptr file = open_options(O_RDONLY, "r");
     if (!file) {
         log_line(HERE, "ERROR", "Open %s failed.", options_path);
         return json_object();

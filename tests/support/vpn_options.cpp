@@ -34,7 +34,7 @@ void add_event(const std::string& event) {
 
 }  // namespace
 
-// --- In front of the sender's own call -----------------------------------------------------------
+// --- In front of the system's own calls ----------------------------------------------------------
 
 extern "C" pid_t __real_waitpid(pid_t pid, int* status, int options);
 extern "C" pid_t __wrap_waitpid(pid_t pid, int* status, int options);
@@ -42,6 +42,13 @@ extern "C" pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
     const pid_t ended = __real_waitpid(pid, status, options);
     if (ended > 0 && notifier && getpid() == test_process) add_event(notifier->receive());
     return ended;
+}
+
+extern "C" json_t* __real_json_loadf(FILE* input, size_t flags, json_error_t* error);
+extern "C" json_t* __wrap_json_loadf(FILE* input, size_t flags, json_error_t* error);
+extern "C" json_t* __wrap_json_loadf(FILE* input, size_t flags, json_error_t* error) {
+    if (vpn_options::on_reading) vpn_options::on_reading();
+    return __real_json_loadf(input, flags, error);
 }
 
 namespace vpn_options {
@@ -55,6 +62,13 @@ std::string with_setting(const std::string& members) {
 std::string stored() {
     return std::filesystem::exists(std::filesystem::symlink_status(path)) ? read_file(path)
                                                                           : "(none)";
+}
+
+std::function<void()> on_reading;
+
+void replace_file(const std::string& bytes) {
+    write_file("/etc/config/new", bytes);
+    std::filesystem::rename("/etc/config/new", path);
 }
 
 std::string take_text(json_t* value) {
@@ -90,7 +104,6 @@ std::vector<std::string> descriptors() {
 // --- What happens --------------------------------------------------------------------------------
 
 std::function<void()> on_event;
-
 std::map<std::string, std::string> replies = {{"external_dev.list", R"({"error": 0, "data": {
         "OPENVPN_CLIENT3": {"profile": "office"}, "PPTP_CLIENT1": {"profile": "home"},
         "L2TP_CLIENT2": {"profile": "ship"}, "TESSEL_CLIENT0": {"profile": "lab"}}})"},

@@ -1,8 +1,9 @@
 // The world of the global VPN options, for tests that link them: the options file, a network
 // service on the real bus, and a recording notifier.
 //
-// Linking vpn_options.cpp into a test puts it in front of waitpid(), with the linker's wrap: a
-// notification is received before its sender goes on, so the order of all that happens is certain.
+// Linking vpn_options.cpp into a test puts it in front of waitpid() and json_loadf(), with the
+// linker's wrap. So a notification is received before its sender goes on, the order of all that
+// happens is certain, and a test can do something between opening and reading the file.
 #ifndef TESTS_SUPPORT_VPN_OPTIONS_H
 #define TESTS_SUPPORT_VPN_OPTIONS_H
 
@@ -40,6 +41,11 @@ std::string stored();
 std::string take_text(json_t* value);
 
 std::string text_of(const JsonValue& node);
+
+// Puts a new file with these bytes in the place of the options file.
+void replace_file(const std::string& bytes);
+
+extern std::function<void()> on_reading;  // runs when the options file is open and not yet read
 
 // Whether another holder could have the options file's lock now: LOCK_SH or LOCK_EX.
 bool is_free(int operation);
