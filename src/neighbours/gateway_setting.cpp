@@ -17,7 +17,9 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds patience{300};  // of a request for the reading
+// What a request waits for. While the lock is not free, its holder waits as well.
+constexpr std::chrono::milliseconds lock_patience{10};
+constexpr std::chrono::milliseconds reading_patience{1000};
 constexpr size_t max_shown_name = 64;  // bytes of a connection's name in the line about it
 
 // --- In words ------------------------------------------------------------------------------------
@@ -87,33 +89,46 @@ options_reading gateway_setting::read_again() {
     std::unique_lock hold(access);
     const uint64_t mine = ++wanted;
     changed.notify_all();
-    const bool is_read = changed.wait_for(hold, patience, [&] { return finished >= mine; });
-    return is_read ? result : options_reading::done;
+    const auto is_read = [&] { return finished >= mine; };
+    changed.wait_for(hold, lock_patience, [&] { return is_read() || is_locked; });
+    if (!is_read() && is_locked) changed.wait_for(hold, reading_patience, is_read);
+    return is_read() ? result : options_reading::done;
 }
 
 void gateway_setting::serve() {
-    std::unique_lock hold(access);
     while (true) {
-        changed.wait(hold, [&] { return finished < wanted; });
-        const uint64_t current = wanted;
-        hold.unlock();
-        const options_reading outcome = read();
-        hold.lock();
-        finished = current;
-        result = outcome;
-        changed.notify_all();
+        {
+            std::unique_lock hold(access);
+            changed.wait(hold, [&] { return finished < wanted; });
+        }
+        read();
     }
 }
 
 // Waits for the lock as long as somebody holds it.
-options_reading gateway_setting::read() {
-    while (true) {
-        const ravo::options_lock lock(Ini_Conf_Read_Lock_File);
-        if (lock.is_held()) return read_file();
-        if (lock.error() == ostra_lock_timed_out) continue;
-        say_failure("lock", description);
-        return options_reading::unlockable;
-    }
+void gateway_setting::read() {
+    const ravo::options_lock lock(Ini_Conf_Read_Lock_File);
+    if (lock.error() == ostra_lock_timed_out) return;
+    const uint64_t current = begin();
+    if (lock.is_held()) return end(current, read_file());
+    say_failure("lock", description);
+    end(current, options_reading::unlockable);
+}
+
+// The reading that begins now is for everybody who has asked so far.
+uint64_t gateway_setting::begin() {
+    const std::lock_guard hold(access);
+    is_locked = true;
+    changed.notify_all();
+    return wanted;
+}
+
+void gateway_setting::end(uint64_t current, options_reading outcome) {
+    const std::lock_guard hold(access);
+    is_locked = false;
+    finished = current;
+    result = outcome;
+    changed.notify_all();
 }
 
 options_reading gateway_setting::read_file() {

@@ -33,19 +33,22 @@ class gateway_setting {
     // setting known before stays, and a line on standard error tells so. Like the store, it takes
     // bytes that are no JSON object for the template, which has no gateway.
     //
-    // Blocks until it is read, a third of a second at most. If somebody holds the lock for longer
-    // the result is done, and the reading follows by itself.
+    // Blocks until it is read, a second at most. If somebody holds the lock for longer than 10
+    // milliseconds, it returns then; the result is done, and the reading follows by itself.
     options_reading read_again();
 
   private:
     [[noreturn]] void serve();
-    options_reading read();
+    void read();
+    uint64_t begin();
+    void end(uint64_t current, options_reading outcome);
     options_reading read_file();
 
-    std::mutex access;  // of the four below
+    std::mutex access;  // of the five below
     std::condition_variable changed;
-    uint64_t wanted = 0;    // readings asked for
-    uint64_t finished = 0;  // the last of them that is done
+    uint64_t wanted = 0;     // readings asked for
+    uint64_t finished = 0;   // the last of them that is done
+    bool is_locked = false;  // a reading has the lock, or knows that there will be none
     options_reading result = options_reading::done;
 
     std::string description = "no VPN gateway";  // in words; the thread's own
