@@ -497,6 +497,12 @@ class ravoctl_gateway(RavodTest):
             self.assertIn("has left a copy in " + COPY, result.stderr.decode())
         self.change("set", "none", "--reset")
 
+    def test_json_is_for_showing_only(self):
+        for arguments in (["set", "none"], ["drop", "pptp", "1"]):
+            self.fails_and_keeps(1, ["--json", *arguments], "--json")
+        self.assertFalse(os.path.exists(OPTIONS))
+        self.assertEqual(self.json("show")["options_file"], "missing")
+
     def test_changes_at_the_same_time_come_one_after_another(self):
         self.start_network()  # while it answers, another one could write
         self.put({"x": 1})
