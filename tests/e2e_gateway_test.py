@@ -14,11 +14,14 @@ OPTIONS = "/etc/config/vpn_options.conf"
 COPY = OPTIONS + ".ravoctl"
 PROFILES = "/etc/config/vpn_profiles.conf"
 NOTIFICATIONS = "/var/log/network/notifications.jsonl"
-IN_CLOSE_WRITE = 8  # of inotify
+IN_MODIFY = 2  # of inotify; emptying counts
+IN_CLOSE_WRITE = 8
 NOTIFIER = "/usr/local/sbin/notify"
 AWAIT = os.path.join(os.path.dirname(__file__), "..", "tools", "await")
-NOT_TOLD = "ravoctl: the network service does not answer, so it has not been told of this\n"
-NO_SERVICE = "default route: not known: the network service does not answer"
+NOT_READ = ("ravoctl: the network service has not read the setting: it does not answer or refuses; "
+            "see its messages\n")
+TAKEN_BACK = "ravoctl: an interrupted change was taken back\n"
+NO_SERVICE = "default route: not known: the network service does not tell"
 NO_GATEWAY = "gateway:       no VPN connection"
 GLOBAL = {"version": "1"}
 NONE = {"as_gw_en": 0}
@@ -73,11 +76,15 @@ REFUSED = (
 
 # Contents that are no JSON object, and words of what is said of them.
 DAMAGED = (
-    (b"", "it is empty"), (b"[]", "it holds no JSON object"), (b"5", "line 1"), (b"{", "line 1"),
+    (b" ", "line 1"), (b"[]", "it holds no JSON object"), (b"5", "line 1"), (b"{", "line 1"),
     (b"{}\n\n x", "line 3"), (b'{"gw_setting": {"as_gw_en": 1,', "line 1"), (b"\0" * 20, "line 1"),
     (b'{"\x1b[31m": \x1b[31m', "line 1"), (b'{"a": "\xff"}', "line 1"), (b"\xc2\x9b31m", "line 1"),
     (b"[" * 100000, "line 1"),
 )
+
+# Options in which nothing stands: none, or contents.
+NOTHING = (None, b"", b"{}", b'{"gw_setting": {"as_gw_en": 1,', b"[1]")
+DAMAGED_NOTHING = NOTHING[3:]
 
 
 class ravoctl_gateway(RavodTest):
@@ -102,9 +109,12 @@ class ravoctl_gateway(RavodTest):
         return json.loads(self.content())
 
     def change(self, *arguments):
-        """The lines of a change that was made, though there is no network service to tell."""
+        """The lines of a change that was made, though there is no network service to read it."""
+        return self.change_saying(NOT_READ, *arguments)
+
+    def change_saying(self, errors, *arguments):
         result = self.gateway(*arguments)
-        self.assertEqual((result.returncode, result.stderr.decode()), (0, NOT_TOLD))
+        self.assertEqual((result.returncode, result.stderr.decode()), (0, errors))
         self.assertFalse(os.path.exists(COPY))
         return result.stdout.decode().splitlines()
 
@@ -129,24 +139,35 @@ class ravoctl_gateway(RavodTest):
             json.dump({sname: {"profile": profile} for sname, profile in profiles.items()}, file)
         self.network = self.start(os.environ["NETWORK_SERVICE"]).process
 
-    def interfere(self, interference, *arguments):
-        """Runs a change; after the store has written it, and before it is looked at, interferes.
+    def interfere(self, event, interference, *arguments):
+        """Runs a change, and interferes when this has happened to the file.
 
-        The store tells the network service in between, which is made to wait. The change must be
-        one that leaves no gateway, so that the store asks for no profile before it has written.
+        The network service is made to wait: the store asks it for the gateway's profile while the
+        file stands empty, and tells it of the change when the file is written.
         """
         libc = ctypes.CDLL(None)
         watch = libc.inotify_init1(os.O_CLOEXEC)
         self.addCleanup(os.close, watch)
-        self.assertGreater(libc.inotify_add_watch(watch, OPTIONS.encode(), IN_CLOSE_WRITE), 0)
+        self.assertGreater(libc.inotify_add_watch(watch, OPTIONS.encode(), event), 0)
         self.network.send_signal(signal.SIGSTOP)
         with subprocess.Popen([os.environ["RAVOCTL"], "gateway", *arguments],
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
             os.read(watch, 4096)
-            interference()
+            interference(tool)
             self.network.send_signal(signal.SIGCONT)
             output, errors = tool.communicate()
         return subprocess.CompletedProcess(arguments, tool.returncode, output, errors)
+
+    def interfere_when_written(self, interference, *arguments):
+        """The change must leave no gateway, so that nothing waits before the file is written."""
+        return self.interfere(IN_CLOSE_WRITE, lambda tool: interference(), *arguments)
+
+    def interrupt(self, sig, *arguments):
+        """Sends a signal while the file stands empty, and returns how the tool ended."""
+        def send(tool):
+            self.assertEqual(self.content(), b"")
+            tool.send_signal(sig)
+        return self.interfere(IN_MODIFY, send, *arguments)
 
     def ip(self, *words):
         self.assertEqual(self.succeed(self.run_program("/usr/sbin/ip", *words)), "")
@@ -263,6 +284,15 @@ class ravoctl_gateway(RavodTest):
                                  (True, as_json))
                 self.ip("link", "delete", interface)
 
+    def test_service_that_does_not_read_the_setting_is_told(self):
+        self.start(os.environ["ECHO_ENDPOINT"], "NetworkService")  # answers, but never with "error": 0
+        self.put_setting(NONE)
+        self.assertEqual(self.lines()[-1], NO_SERVICE)
+        self.assertEqual(self.change("set", "openvpn", "1"),
+                         ["gateway:       OpenVPN 1", "backup:        none"])
+        self.assertEqual(self.document()["gw_setting"], ALONE)
+        self.change("drop", "openvpn", "1")
+
     def test_changes_reach_the_network_service_and_the_administrator(self):
         os.makedirs(os.path.dirname(NOTIFIER), exist_ok=True)
         shutil.copy(os.environ["NOTIFY"], NOTIFIER)
@@ -337,6 +367,17 @@ class ravoctl_gateway(RavodTest):
                 self.put(document)
                 self.change("set", "openvpn", "1")
                 self.assertEqual(self.document(), expected | {"gw_setting": ALONE})
+
+    def test_empty_file_stands_for_the_template(self):
+        self.put(b"")
+        self.assertEqual(self.lines(), [NO_GATEWAY, NO_SERVICE])
+        shown = self.json()
+        self.assertEqual((shown["options_file"], shown["gateway"]), ("present", None))
+        self.assertEqual(self.succeed(self.gateway("drop", "pptp", "1")),
+                         "PPTP 1 is neither the gateway nor its backup: nothing changed\n")
+        self.assertEqual(self.content(), b"")
+        self.change("set", "openvpn", "1")
+        self.assertEqual(self.document(), {"global": GLOBAL, "gw_setting": ALONE})
 
     def test_damaged_file_is_changed_only_when_it_may_be_begun_anew(self):
         for content, words in DAMAGED:
@@ -425,7 +466,8 @@ class ravoctl_gateway(RavodTest):
         room = page - len(json.dumps(document | {"x": ""}))
         self.fill_small(1, json.dumps(document | {"x": "y" * room}).encode())
         self.assertEqual(len(self.content()), page)
-        self.fails_and_keeps(5, ["set", "openvpn", "1"], "could not be changed", "stands there again")
+        self.fails_and_keeps(5, ["set", "openvpn", "1"], "could not be changed", "stands there again",
+                             NOT_READ)
         self.assertTrue(os.path.islink(OPTIONS))
         self.change("set", "none")
 
@@ -440,24 +482,29 @@ class ravoctl_gateway(RavodTest):
         theirs = {"global": GLOBAL, "gw_setting": BACKED_UP | {"gw1": L2TP_2}}
         for arguments in (["set", "none"], ["drop", "openvpn", "1"]):
             self.put_setting(ALONE)
-            result = self.interfere(lambda: self.put(theirs), *arguments)
+            result = self.interfere_when_written(lambda: self.put(theirs), *arguments)
             self.fails(result, 5, OPTIONS, "does not hold what was asked", "another program")
             self.assertEqual(self.document(), theirs)
 
     def test_file_that_is_gone_after_a_change_comes_back_as_it_was(self):
         self.start_network()
         for interference in (lambda: os.unlink(OPTIONS), lambda: self.put(b"[]"),
-                             lambda: self.put(b"{}")):
+                             lambda: self.put(b"{}"), lambda: self.put(b"")):
             self.put({"x": 1, "global": GLOBAL, "gw_setting": ALONE})
-            result = self.interfere(interference, "set", "none")
+            result = self.interfere_when_written(interference, "set", "none")
             self.fails(result, 5, OPTIONS, "stands there again")
             self.assertEqual(self.document(), {"x": 1, "global": GLOBAL, "gw_setting": ALONE})
 
     def test_file_that_cannot_be_read_after_a_change_is_told(self):
         self.start_network()
         self.put_setting(ALONE)
-        result = self.interfere(lambda: os.chmod(OPTIONS, 0), "set", "none")
-        self.fails(result, 5, OPTIONS, "whether the change was kept is not known", "Permission denied")
+        result = self.interfere_when_written(lambda: os.chmod(OPTIONS, 0), "set", "none")
+        self.fails(result, 5, OPTIONS, "whether the change was kept is not known", "Permission denied", COPY)
+        with open(COPY, encoding="utf-8") as copy:
+            self.assertEqual(json.load(copy), {"global": GLOBAL, "gw_setting": ALONE})
+        os.chmod(OPTIONS, 0o644)
+        self.assertEqual(self.document()["gw_setting"], NONE)
+        self.succeed(self.gateway("set", "pptp", "1"))
         self.assertFalse(os.path.exists(COPY))
 
     def test_user_without_rights_sees_the_setting_and_changes_nothing(self):
@@ -479,7 +526,7 @@ class ravoctl_gateway(RavodTest):
         os.symlink("two", "/etc/config/ravo/one")
         self.change("set", "openvpn", "1")
         self.assertFalse(os.path.islink("/etc/config/ravo/two"))
-        for content, reset in ((b"{}", []), (b"", ["--reset"])):
+        for content, reset in ((b"{}", []), (b"", []), (b"[", ["--reset"])):
             self.put(content)
             os.chmod(OPTIONS, 0o640)
             self.change("set", "openvpn", "1", *reset)
@@ -487,15 +534,97 @@ class ravoctl_gateway(RavodTest):
             self.assertEqual(stat.S_IMODE(os.stat(OPTIONS).st_mode), 0o640)
             self.assertEqual(self.document()["gw_setting"], ALONE)
 
-    def test_copy_of_an_interrupted_change_is_pointed_to(self):
-        self.put(b"")
+    # --- Interrupted changes ---
+
+    def put_copy(self, content):
         with open(COPY, "wb") as copy:
-            copy.write(b"{}")
-        for arguments in ([], ["set", "none"], ["drop", "pptp", "1"]):
-            result = self.gateway(*arguments)
-            self.assertEqual(result.returncode, 2)
-            self.assertIn("has left a copy in " + COPY, result.stderr.decode())
-        self.change("set", "none", "--reset")
+            copy.write(content)
+
+    def test_signals_act_when_the_change_is_over(self):
+        self.start_network()
+        for sig in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+            for arguments in (["set", "openvpn", "1"], ["drop", "l2tp", "2"]):
+                with self.subTest(sig=sig, arguments=arguments):
+                    self.put({"x": 1, "global": GLOBAL, "gw_setting": BACKED_UP})
+                    result = self.interrupt(sig, *arguments)
+                    self.assertEqual((result.returncode, result.stdout, result.stderr), (-sig, b"", b""))
+                    self.assertEqual(self.document(), {"x": 1, "global": GLOBAL, "gw_setting": ALONE})
+                    self.assertFalse(os.path.exists(COPY))
+
+    def test_change_that_was_killed_is_taken_back_by_the_next_one(self):
+        self.start_network()
+        for reset in ([], ["--reset"]):
+            self.put({"x": 1, "global": GLOBAL, "gw_setting": BACKED_UP})
+            self.assertEqual(self.interrupt(signal.SIGKILL, "set", "openvpn", "3").returncode,
+                             -signal.SIGKILL)
+            result = self.gateway()
+            self.assertEqual((result.returncode, result.stdout.decode().splitlines()[0]), (0, NO_GATEWAY))
+            self.assertIn(COPY, result.stderr.decode())
+            self.change_saying(TAKEN_BACK, "set", "pptp", "1", *reset)
+            self.assertEqual(self.document(), {"x": 1, "global": GLOBAL, "gw_setting": {
+                "as_gw_en": 1, "gw1": one(256, 1, "PPTP_CLIENT1"), "failover_en": 0}})
+
+    def test_copy_that_is_all_there_is_comes_back_before_every_change(self):
+        before = {"x": 1, "global": GLOBAL, "gw_setting": BACKED_UP}
+        for nothing in NOTHING:
+            for arguments, errors, after in (
+                (["set", "openvpn", "1"], TAKEN_BACK + NOT_READ, before | {"gw_setting": ALONE}),
+                (["set", "openvpn", "1", "--reset"], TAKEN_BACK + NOT_READ, before | {"gw_setting": ALONE}),
+                (["drop", "l2tp", "2"], TAKEN_BACK + NOT_READ, before | {"gw_setting": ALONE}),
+                (["drop", "pptp", "0"], TAKEN_BACK + NOT_READ, before),
+            ):
+                with self.subTest(nothing=nothing, arguments=arguments):
+                    self.put(nothing or b"")
+                    if nothing is None:
+                        os.unlink(OPTIONS)
+                    self.put_copy(json.dumps(before).encode())
+                    result = self.gateway("show")
+                    self.assertEqual(result.returncode, 2 if nothing in DAMAGED_NOTHING else 0)
+                    self.assertIn("a change was interrupted", result.stderr.decode())
+                    self.assertIn(COPY, result.stderr.decode())
+                    self.change_saying(errors, *arguments)
+                    self.assertEqual(self.document(), after)
+
+    def test_copy_comes_back_behind_links(self):
+        os.symlink("ravo/options", OPTIONS)
+        copy = "/etc/config/ravo/options.ravoctl"
+        with open(copy, "w", encoding="utf-8") as file:
+            json.dump({"gw_setting": ALONE}, file)
+        self.assertIn(copy, self.gateway().stderr.decode())
+        self.change_saying(TAKEN_BACK + NOT_READ, "drop", "pptp", "0")
+        self.assertTrue(os.path.islink(OPTIONS))
+        self.assertEqual(self.document(), {"gw_setting": ALONE})
+
+    def test_copy_that_nobody_needs_is_no_matter(self):
+        for content, copy in ((b'{"x": 1}', b'{"y": 2}'), (b"", b""), (b"", b"{}"), (b"", b'{"y"')):
+            with self.subTest(content=content, copy=copy):
+                self.put(content)
+                self.put_copy(copy)
+                self.assertEqual(self.lines(), [NO_GATEWAY, NO_SERVICE])
+                self.change("set", "openvpn", "1")
+                self.assertEqual(self.document(), json.loads(content or "{}") |
+                                 {"global": GLOBAL, "gw_setting": ALONE})
+
+    def test_copy_that_cannot_be_read_or_put_back_stops_a_change(self):
+        self.put(b"")
+        self.put_copy(b'{"x": 1}')
+        os.chmod(COPY, 0)
+        for arguments in (["set", "none"], ["set", "none", "--reset"], ["drop", "pptp", "1"]):
+            self.fails(self.gateway(*arguments), 2, COPY, "Permission denied")
+        os.chmod(COPY, 0o644)
+        self.gateway()  # makes the lock file
+        self.addCleanup(os.chmod, "/etc/config", os.stat("/etc/config").st_mode)
+        os.chmod("/etc/config", 0o555)
+        self.fails(self.gateway("set", "none", "--reset"), 2, OPTIONS, "cannot be replaced")
+        os.chmod("/etc/config", 0o755)
+        self.change_saying(TAKEN_BACK + NOT_READ, "drop", "pptp", "1")
+        self.assertEqual(self.document(), {"x": 1})
+
+    def test_json_is_for_showing_only(self):
+        for arguments in (["set", "none"], ["drop", "pptp", "1"]):
+            self.fails_and_keeps(1, ["--json", *arguments], "--json")
+        self.assertFalse(os.path.exists(OPTIONS))
+        self.assertEqual(self.json("show")["options_file"], "missing")
 
     def test_changes_at_the_same_time_come_one_after_another(self):
         self.start_network()  # while it answers, another one could write

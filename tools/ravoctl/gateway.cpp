@@ -6,6 +6,7 @@
 
 #include <charconv>
 #include <cstdint>
+#include <functional>
 #include <new>
 
 #include "global_options.h"
@@ -196,14 +197,19 @@ default_route ask_default_route() {
 }
 
 // Not asked of a service that has just left another question unanswered.
-std::string profile_of(const connection& c, const default_route& route) {
-    return route.is_known && !c.sname.empty() ? ravo::get_profile_name(c.sname) : "";
+std::string profile_of(const connection& c, bool service_answers) {
+    return service_answers && !c.sname.empty() ? ravo::get_profile_name(c.sname) : "";
 }
 
-void warn_if_not_told(const default_route& route) {
-    if (route.is_known) return;
+// The store has asked for this already, but does not tell what came of it.
+bool have_setting_read() {
+    const json_owner reply(
+        ravo::easy_zb_call("NetworkService", "external_dev.update_vpn_gw", nullptr));
+    if (reply != nullptr) return true;
     fmt::print(stderr,
-               "ravoctl: the network service does not answer, so it has not been told of this\n");
+               "ravoctl: the network service has not read the setting: it does not answer or "
+               "refuses; see its messages\n");
+    return false;
 }
 
 // --- Output -------------------------------------------------------------------------------------
@@ -214,36 +220,37 @@ void print_line(const char* label, const std::string& text) {
     fmt::print("{:<15}{}\n", label, text);
 }
 
-std::string describe(const connection& c, const default_route& route) {
-    const std::string profile = profile_of(c, route);
+std::string describe(const connection& c, bool service_answers) {
+    const std::string profile = profile_of(c, service_answers);
     return name_of(c) + (profile.empty() ? "" : fmt::format(", profile \"{}\"", escaped(profile)));
 }
 
-void print_setting(const gateway_setting& setting, const default_route& route) {
-    print_line("gateway:", setting.gateway ? describe(*setting.gateway, route) : no_connection);
+void print_setting(const gateway_setting& setting, bool service_answers) {
+    print_line("gateway:",
+               setting.gateway ? describe(*setting.gateway, service_answers) : no_connection);
     if (!setting.gateway) return;
-    print_line("backup:", setting.backup ? describe(*setting.backup, route) : "none");
+    print_line("backup:", setting.backup ? describe(*setting.backup, service_answers) : "none");
     if (setting.backup) print_line("delay:", name_of_delay(setting.delay));
 }
 
 void print_route(const default_route& route) {
     const std::string known = route.vpn ? name_of(*route.vpn) : no_connection;
     print_line("default route:",
-               route.is_known ? known : "not known: the network service does not answer");
+               route.is_known ? known : "not known: the network service does not tell");
 }
 
 void print_all(const options_document& options, const default_route& route) {
     if (options.state == options_state::damaged) {
         print_line("gateway:", "not known: the options file is damaged");
     } else {
-        print_setting(read_setting(options.root.get()), route);
+        print_setting(read_setting(options.root.get()), route.is_known);
     }
     print_route(route);
 }
 
 json_t* to_json(const std::optional<connection>& c, const default_route& route) {
     if (!c) return json_null();
-    const std::string profile = profile_of(*c, route);
+    const std::string profile = profile_of(*c, route.is_known);
     return json_pack("{s:s, s:i, s:i, s:s, s:s?}", "type", ravo::type_to_string(c->type).c_str(),
                      "type_code", static_cast<int>(c->type), "index", c->index, "sname",
                      c->sname.c_str(), "profile", profile.empty() ? nullptr : profile.c_str());
@@ -279,6 +286,32 @@ void print_all_as_json(const options_document& options, const default_route& rou
 }
 
 // --- Changes ------------------------------------------------------------------------------------
+
+void tell_left_copy(const options_document& options) {
+    const std::optional<std::string> copy = left_copy(options);
+    if (!copy) return;
+    fmt::print(stderr,
+               "ravoctl: a change was interrupted: what the options held before is in {}, and the "
+               "next change puts it back\n",
+               *copy);
+}
+
+bool make_good_interrupted_change() {
+    if (!take_back_interrupted_change()) return false;
+    fmt::print(stderr, "ravoctl: an interrupted change was taken back\n");
+    return true;
+}
+
+// The network service may have read what the copy has replaced since.
+json_owner change_or_have_old_setting_read(const json_t* before,
+                                           const std::function<void()>& change) {
+    try {
+        return change_options(before, change);
+    } catch (const not_kept_error&) {
+        (void)have_setting_read();
+        throw;
+    }
+}
 
 void check_kept(bool is_kept) {
     if (is_kept) return;
@@ -324,6 +357,7 @@ exit_status show_gateway(bool as_json) {
     const options_document options = read_options();
     const default_route route = ask_default_route();
     (as_json ? print_all_as_json : print_all)(options, route);
+    tell_left_copy(options);
     if (options.state != options_state::damaged) return done;
     fmt::print(stderr, "ravoctl: {}\n", damage_message(options));
     return local_error;
@@ -335,31 +369,31 @@ exit_status set_gateway(const gateway_request& request) {
     const json_text raw(json_dumps(update.get(), 0));
     if (raw == nullptr) throw std::bad_alloc();  // the store would empty the file
     const file_lock lock = lock_out_other_tools();
+    (void)make_good_interrupted_change();
     const json_owner before = complete_options(request.reset);
-    const json_owner after =
-        change_options(before.get(), [&raw] { (void)GlobalConfig().save(raw.get()); });
+    const json_owner after = change_or_have_old_setting_read(
+        before.get(), [&raw] { (void)GlobalConfig().save(raw.get()); });
     check_kept(json_equal(json_object_get(after.get(), "gw_setting"),
                           json_object_get(update.get(), "gw_setting")) != 0);
-    const default_route route = ask_default_route();
-    print_setting(setting, route);
-    warn_if_not_told(route);
+    print_setting(setting, have_setting_read());
     return done;
 }
 
 exit_status drop_gateway(const connection_words& words) {
     const connection gone = parse_connection(words);
     const file_lock lock = lock_out_other_tools();
+    const bool is_taken_back = make_good_interrupted_change();
     const options_document options = read_options();
     if (options.state == options_state::damaged) throw std::runtime_error(damage_message(options));
     const gateway_setting before = read_setting(options.root.get());
     const gateway_setting expected = without(before, gone);
     if (expected != before) {
-        const json_owner after = change_options(options.root.get(), [&gone] {
+        const json_owner after = change_or_have_old_setting_read(options.root.get(), [&gone] {
             (void)GlobalConfig().disable_gateway(gone.type, gone.index);
         });
         check_kept(read_setting(after.get()) == expected);
-        warn_if_not_told(ask_default_route());
     }
+    if (expected != before || is_taken_back) (void)have_setting_read();
     print_drop(before, expected, gone);
     return done;
 }

@@ -20,14 +20,14 @@ struct gateway_request {
 // The words that types are given by, and the range of indexes of each, for help texts.
 std::string gateway_words_help();
 
-// Prints the setting, and the VPN connection that carries the default route now. A damaged file is
-// told on standard error, and then the result is local_error.
+// Prints the setting, and the VPN connection that carries the default route now. An interrupted
+// change is told on standard error, and so is a damaged file; then the result is local_error.
 exit_status show_gateway(bool as_json);
 
-// Has the store save the setting, and prints it. Throws usage_error for what the store would take
-// and could not use, not_kept_error when the file does not hold the setting afterwards, and
-// std::runtime_error when nothing could be done.
+// Takes an interrupted change back, has the store save the setting, and prints it. Throws
+// usage_error for what the store would take and could not use, not_kept_error when the file does
+// not hold the setting afterwards, and std::runtime_error when nothing could be done.
 exit_status set_gateway(const gateway_request& request);
 
-// Has the store take a connection out of the setting, and tells what came of it. Throws the same.
+// The same for taking a connection out of the setting; tells what came of it. Throws the same.
 exit_status drop_gateway(const connection_words& words);

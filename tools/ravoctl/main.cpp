@@ -180,9 +180,9 @@ void declare_gateway(CLI::App& app, gateway_commands& commands) {
     commands.gateway = app.add_subcommand("gateway", "Show or set the default gateway");
     commands.gateway->require_subcommand(0, 1);
     CLI::App* show = commands.gateway->add_subcommand("show", "Show it, as without a subcommand");
-    for (CLI::App* command : {commands.gateway, show}) {
-        command->add_flag("--json", commands.as_json, "Print a JSON object");
-    }
+    constexpr char json_help[] = "Print a JSON object";
+    auto* json = commands.gateway->add_flag("--json", commands.as_json, json_help);
+    show->add_flag("--json", commands.as_json, json_help);
     declare_gateway_set(*commands.gateway, commands);
     commands.drop = commands.gateway->add_subcommand(
         "drop", "Take a connection out; the backup takes a gateway's place");
@@ -191,7 +191,10 @@ void declare_gateway(CLI::App& app, gateway_commands& commands) {
         ->option_text("TYPE INDEX REQUIRED")
         ->required();
     const std::string words = "Types, and their indexes: " + gateway_words_help() + "\n";
-    for (CLI::App* command : {commands.set, commands.drop}) command->footer(words);
+    for (CLI::App* command : {commands.set, commands.drop}) {
+        command->footer(words);
+        command->excludes(json);
+    }
 }
 
 exit_status run(const gateway_commands& commands) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -69,24 +70,35 @@ int take_lock(int (*take)(const char*), const char* path) {
 // --- Reading ------------------------------------------------------------------------------------
 
 // Never waits, whatever stands in the file's place.
-int open_for_reading() { return open(options_path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }
+int open_for_reading(const char* path) {
+    return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+}
 
-// The store judges a file the same way. To be called with the file's lock.
-options_document parse_options() {
-    const descriptor file(open_for_reading());
+// The store judges a file the same way; an empty and a damaged one both mean the template to it.
+options_document parse(const std::string& path) {
+    const descriptor file(open_for_reading(path.c_str()));
     if (file.get() < 0 && errno == ENOENT) return {options_state::missing};
-    if (file.get() < 0) fail(options_path, "cannot be read", errno);
+    if (file.get() < 0) fail(path, "cannot be read", errno);
     struct stat status = {};
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        throw std::runtime_error(fmt::format("{} is no regular file", options_path));
+        throw std::runtime_error(fmt::format("{} is no regular file", escaped(path)));
     }
+    if (status.st_size == 0) return {options_state::present, json_owner(json_object())};
     json_error_t error = {};
     json_owner root(json_loadfd(file.get(), 0, &error));
     if (json_is_object(root.get())) return {options_state::present, std::move(root)};
     if (root != nullptr) return {options_state::damaged, nullptr, "it holds no JSON object"};
-    if (status.st_size == 0) return {options_state::damaged, nullptr, "it is empty"};
     return {options_state::damaged, nullptr,
             fmt::format("line {}: {}", error.line, escaped(error.text))};
+}
+
+// To be called with the file's lock.
+options_document parse_options() { return parse(options_path); }
+
+// The store leaves no document when the disk is full, and an empty one when it could not have the
+// lock to read.
+bool holds_nothing(const options_document& options) {
+    return json_object_size(options.root.get()) == 0;
 }
 
 // --- Writing ------------------------------------------------------------------------------------
@@ -122,7 +134,33 @@ void take_rights_of_options(int fd) {
     if (fchown(fd, status.st_uid, status.st_gid) == 0) (void)fchmod(fd, status.st_mode & ALLPERMS);
 }
 
-// A whole document in a file beside the options file, gone at its end unless it took the place.
+// To be called with the options file's exclusive lock.
+void replace_options(const fs::path& replacement) {
+    if (rename(replacement.c_str(), options_location().c_str()) != 0) {
+        fail(options_path, "cannot be replaced", errno);
+    }
+}
+
+// Holds back the signals that people end programs with. They act when it is gone. Whoever is
+// started meanwhile has to let them through again, as the notifier does.
+class held_signals {
+  public:
+    held_signals() {
+        sigset_t held;
+        (void)sigemptyset(&held);
+        for (const int sig : {SIGHUP, SIGINT, SIGTERM}) (void)sigaddset(&held, sig);
+        (void)pthread_sigmask(SIG_BLOCK, &held, &before);
+    }
+    ~held_signals() { (void)pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    held_signals(const held_signals&) = delete;
+    held_signals& operator=(const held_signals&) = delete;
+
+  private:
+    sigset_t before = {};
+};
+
+// A whole document in a file beside the options file, gone at its end unless it took the place or
+// is to stay. Signals are held back for as long.
 class options_copy {
   public:
     explicit options_copy(const json_t* document) : path(copy_location()) {
@@ -146,36 +184,38 @@ class options_copy {
 
     // To be called with the options file's exclusive lock.
     void take_place() {
-        if (rename(path.c_str(), options_location().c_str()) != 0) {
-            fail(options_path, "cannot be replaced", errno);
-        }
+        replace_options(path);
         path.clear();
     }
+    // Returns where it stays.
+    fs::path stay() { return std::exchange(path, {}); }
 
   private:
+    const held_signals signals = {};  // until the copy is gone
     fs::path path;
 };
-
-// A fault is no reason to say that nothing was changed any more.
-options_document look_after_change() {
-    try {
-        return read_options();
-    } catch (const std::runtime_error& error) {
-        throw not_kept_error(
-            fmt::format("whether the change was kept is not known: {}", error.what()));
-    }
-}
-
-// The store leaves no document when the disk is full, and an empty one when it could not have the
-// lock to read.
-bool is_lost(const options_document& options) { return json_object_size(options.root.get()) == 0; }
 
 // Puts the copy back, unless somebody has written a document in the meantime.
 options_document look_again(options_copy& copy) {
     const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
     options_document options = parse_options();
-    if (is_lost(options)) copy.take_place();
+    if (holds_nothing(options)) copy.take_place();
     return options;
+}
+
+// What the file holds after the change. A fault is no reason to say that nothing was changed any
+// more, nor to give the copy up.
+options_document run_and_look(const std::function<void()>& change, options_copy& copy) {
+    try {
+        change();
+        options_document options = read_options();
+        return holds_nothing(options) ? look_again(copy) : std::move(options);
+    } catch (const std::exception& error) {
+        throw not_kept_error(
+            fmt::format("whether the change was kept is not known: {}; what the file held before "
+                        "is in {}",
+                        error.what(), escaped(copy.stay().string())));
+    }
 }
 
 }  // namespace
@@ -195,13 +235,22 @@ options_document read_options() {
 }
 
 std::string damage_message(const options_document& options) {
-    std::string message = fmt::format("{} is damaged: {}", options_path, options.damage);
+    return fmt::format("{} is damaged: {}", options_path, options.damage);
+}
+
+std::optional<std::string> left_copy(const options_document& options) {
     const fs::path copy = copy_location();
-    std::error_code none;
-    if (fs::exists(copy, none)) {
-        message += "; an interrupted change has left a copy in " + escaped(copy.string());
-    }
-    return message;
+    if (!holds_nothing(options) || holds_nothing(parse(copy))) return std::nullopt;
+    return escaped(copy.string());
+}
+
+bool take_back_interrupted_change() {
+    const fs::path copy = copy_location();
+    if (holds_nothing(parse(copy))) return false;
+    const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
+    if (!holds_nothing(parse_options())) return false;
+    replace_options(copy);
+    return true;
 }
 
 json_owner complete_options(bool reset) {
@@ -220,10 +269,8 @@ json_owner complete_options(bool reset) {
 
 json_owner change_options(const json_t* before, const std::function<void()>& change) {
     options_copy copy(before);
-    change();
-    options_document after = look_after_change();
-    if (is_lost(after)) after = look_again(copy);
-    if (!is_lost(after)) return std::move(after.root);
+    options_document after = run_and_look(change, copy);
+    if (!holds_nothing(after)) return std::move(after.root);
     throw not_kept_error(fmt::format(
         "{} could not be changed; what it held before stands there again", options_path));
 }

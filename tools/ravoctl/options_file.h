@@ -5,6 +5,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "json.h"
@@ -30,16 +31,24 @@ enum class options_state { present, missing, damaged };
 
 struct options_document {
     options_state state;
-    json_owner root = nullptr;  // an object when present, otherwise null
+    json_owner root = nullptr;  // an object when present, an empty one for an empty file
     std::string damage = {};    // what is wrong, in one printable line
 };
 
-// Reads the file under its shared lock. One that holds no JSON object is damaged. Throws for a file
-// that cannot be read, and for one that is no regular file.
+// Reads the file under its shared lock. One that is not empty and holds no JSON object is damaged.
+// Throws for a file that cannot be read, and for one that is no regular file.
 options_document read_options();
 
-// "FILE is damaged: ...", and where a copy of it is, if a change was interrupted.
+// "FILE is damaged: ..."
 std::string damage_message(const options_document& options);
+
+// The copy that an interrupted change has left, in printable characters, when there is nothing in
+// the options themselves.
+std::optional<std::string> left_copy(const options_document& options);
+
+// Puts that copy in the file's place, and returns whether there was one. Every change begins with
+// this, after other tools are locked out, since it replaces a copy that was left.
+bool take_back_interrupted_change();
 
 // Makes sure that the file has every section that the store would replace, and returns what it
 // holds then. Sections that are there stay as they are. A damaged file is begun anew when
@@ -49,5 +58,6 @@ json_owner complete_options(bool reset);
 // Has the store change the file, and returns what it holds afterwards. A copy of before, which is
 // what the file holds now, some section at least, lies beside it meanwhile. When the store leaves
 // nothing of it behind, as on a full disk, the copy takes the file's place, and this throws
-// not_kept_error. It throws the same when the file cannot be read afterwards.
+// not_kept_error. It throws the same when the file cannot be read afterwards; then the copy stays.
+// SIGHUP, SIGINT and SIGTERM act when all this is over.
 json_owner change_options(const json_t* before, const std::function<void()>& change);
