@@ -10,6 +10,8 @@
 #include <cstring>
 #include <new>
 
+#include "run_writer.h"
+
 namespace commit_vfs {
 
 // What apply() writes. The pages come by their place in the table, in any order.
@@ -101,6 +103,10 @@ commit_file::commit_file(sqlite3_vfs* base_vfs, sqlite3_file* base_file, const c
 int commit_file::read(void* to, int count, int64_t offset) {
     if (is_unreadable) return SQLITE_IOERR_READ;
     const int rc = file->pMethods->xRead(file, to, count, offset);
+    if (rc == SQLITE_OK && offset == version_offset && count == sizeof version) {
+        memcpy(version, to, sizeof version);
+        knows_version = true;
+    }
     if (now != phase::holding || (rc != SQLITE_OK && rc != SQLITE_IOERR_SHORT_READ)) return rc;
     auto* bytes = static_cast<char*>(to);
     held.lay_over(bytes, count, offset);
@@ -111,7 +117,10 @@ int commit_file::read(void* to, int count, int64_t offset) {
 }
 
 int commit_file::write(const void* bytes, int count, int64_t offset) {
-    if (!holds_writes()) return file->pMethods->xWrite(file, bytes, count, offset);
+    if (!holds_writes()) {
+        known_size = -1;
+        return file->pMethods->xWrite(file, bytes, count, offset);
+    }
     int rc = start_holding();
     if (rc == SQLITE_OK) rc = held.put(bytes, count, offset);
     if (rc == SQLITE_OK) held_size = std::max(held_size, offset + count);
@@ -122,6 +131,7 @@ int commit_file::write(const void* bytes, int count, int64_t offset) {
 // database any more.
 int commit_file::truncate(int64_t bytes) {
     if (!holds_writes() || now == phase::committed) {
+        known_size = -1;
         return file->pMethods->xTruncate(file, bytes);
     }
     const int rc = start_holding();
@@ -137,9 +147,13 @@ int commit_file::sync(int flags) {
 }
 
 int commit_file::size(sqlite3_int64* bytes) {
-    if (now != phase::holding) return file->pMethods->xFileSize(file, bytes);
-    *bytes = held_size;
-    return SQLITE_OK;
+    if (now == phase::holding) {
+        *bytes = held_size;
+        return SQLITE_OK;
+    }
+    const int rc = file->pMethods->xFileSize(file, bytes);
+    known_size = rc == SQLITE_OK && level != SQLITE_LOCK_NONE ? *bytes : -1;
+    return rc;
 }
 
 bool commit_file::holds_writes() const {
@@ -148,8 +162,8 @@ bool commit_file::holds_writes() const {
 
 int commit_file::start_holding() {
     if (now == phase::holding) return SQLITE_OK;
-    sqlite3_int64 bytes = 0;
-    const int rc = file->pMethods->xFileSize(file, &bytes);
+    sqlite3_int64 bytes = known_size;
+    const int rc = bytes < 0 ? file->pMethods->xFileSize(file, &bytes) : SQLITE_OK;
     if (rc != SQLITE_OK) return rc;
     held_size = old_size = bytes;
     now = phase::holding;
@@ -181,7 +195,11 @@ int commit_file::unlock(int wanted) {
     const int rc = file->pMethods->xUnlock(file, wanted);
     if (rc != SQLITE_OK) return rc;
     level = std::min(level, wanted);
-    if (level == SQLITE_LOCK_NONE) is_unreadable = false;
+    if (level == SQLITE_LOCK_NONE) {
+        is_unreadable = false;
+        knows_version = false;
+        known_size = -1;
+    }
     return may_roll_back ? note_ignored_journal() : SQLITE_OK;
 }
 
@@ -213,6 +231,7 @@ int commit_file::control(int op, void* arg) {
 int commit_file::commit() {
     if (read_only) return SQLITE_READONLY;
     const bool is_durable = strength == commit_strength::power_safe;
+    known_size = -1;
     leave_out_what_was_cut_off();
     if (held.is_empty()) return held_size < old_size ? SQLITE_IOERR_TRUNCATE : SQLITE_OK;
     record_header header = {};
@@ -263,8 +282,14 @@ int commit_file::fill_header(record_header& header) {
     header.old_size = old_size;
     header.new_size = held_size;
     if (strength != commit_strength::power_safe) header.flags = record_in_order;
-    const int rc = inode(header.inode);
-    return rc == SQLITE_OK ? read_first_sector(header.first_sector) : rc;
+    if (old_size == 0) return inode(header.inode);
+    const std::array<char, sector_size>& last = side->last_sector;
+    if (knows_version && last[0] != 0 &&
+        memcmp(last.data() + version_offset, version, sizeof version) == 0) {
+        memcpy(header.first_sector, last.data(), last.size());
+        return SQLITE_OK;
+    }
+    return read_first_sector(header.first_sector);
 }
 
 int commit_file::write_record(const record_header& header, bool is_durable) {
@@ -303,41 +328,41 @@ int commit_file::apply(const record_header& header, page_source& pages, bool& is
 
 // Every page from the old end on. Those between, which nobody wrote, get zeros: a hole would want
 // room on the disk later.
+// Every page from the old end on. Those between, which nobody wrote, get zeros: a hole would want
+// room on the disk later.
 int commit_file::extend(const record_header& header, page_source& pages) {
     const int64_t page_size = header.page_size;
+    run_writer out(file, side->buffer);
     int64_t next = std::max<int64_t>(1, (header.old_size + page_size - 1) / page_size);
     for (size_t n = 0; n < pages.count(); ++n) {
-        if (pages.number(n) < next) continue;
         for (; next <= pages.number(n); ++next) {
             const char* bytes = zeros;
             int rc = next == pages.number(n) ? pages.bytes(n, bytes) : SQLITE_OK;
-            if (rc == SQLITE_OK) {
-                rc = file->pMethods->xWrite(file, bytes, static_cast<int>(page_size),
-                                            next * page_size);
-            }
+            if (rc == SQLITE_OK) rc = out.add(bytes, header.page_size, next * page_size);
             if (rc != SQLITE_OK) return rc;
         }
     }
-    return SQLITE_OK;
+    return out.flush();
 }
 
 int commit_file::overwrite(const record_header& header, page_source& pages, bool& is_touched) {
     const int64_t page_size = header.page_size;
+    run_writer out(file, side->buffer);
     const auto write_page = [&](size_t n) {
         const char* bytes = nullptr;
         const int rc = pages.bytes(n, bytes);
-        if (rc != SQLITE_OK) return rc;
-        const int64_t offset = pages.number(n) * page_size;
-        is_touched = is_touched || offset < header.old_size;
-        return file->pMethods->xWrite(file, bytes, static_cast<int>(page_size), offset);
+        return rc == SQLITE_OK ? out.add(bytes, header.page_size, pages.number(n) * page_size) : rc;
     };
+    is_touched = header.old_size > 0;
     const size_t first = pages.number(0) == 0 ? 1 : 0;
-    for (size_t n = first; n < pages.count() && pages.number(n) * page_size < header.old_size;
-         ++n) {
-        const int rc = write_page(n);
-        if (rc != SQLITE_OK) return rc;
+    int rc = SQLITE_OK;
+    for (size_t n = first; n < pages.count() && rc == SQLITE_OK; ++n) {
+        if (pages.number(n) * page_size >= header.old_size) break;
+        rc = write_page(n);
     }
-    return first == 1 ? write_page(0) : SQLITE_OK;
+    if (rc == SQLITE_OK) rc = out.flush();
+    if (rc == SQLITE_OK && first == 1) rc = write_page(0);
+    return rc == SQLITE_OK ? out.flush() : rc;
 }
 
 int commit_file::read_first_sector(char* sector) {
@@ -368,26 +393,35 @@ int commit_file::finish_waiting_record() {
 }
 
 int commit_file::finish_record() {
-    record waiting;
+    record waiting = {};
     bool is_whole = false;
     bool belongs = false;
     int rc = read_record(*side, waiting, is_whole);
     if (rc == SQLITE_OK && is_whole) rc = belongs_here(waiting, belongs);
     if (rc != SQLITE_OK) return rc;
-    if (belongs) {
-        recorded_pages pages(*side, waiting);
-        bool is_touched = false;
-        rc = side->sync();
-        if (rc == SQLITE_OK) rc = apply(waiting.header, pages, is_touched);
-        if (rc == SQLITE_OK) rc = file->pMethods->xSync(file, SQLITE_SYNC_NORMAL);
-        // No room for the extension: the process ended in it, and nothing else was touched.
-        const bool is_undone =
-            rc == SQLITE_FULL && !is_touched && (waiting.header.flags & record_in_order) != 0;
-        if (is_undone) take_back(waiting.header, true);
-        if (rc != SQLITE_OK && !is_undone) return rc;
-    }
+    if (belongs) rc = apply_waiting(waiting);
+    if (rc != SQLITE_OK) return rc;
     (void)side->clear();
     return SQLITE_OK;
+}
+
+int commit_file::apply_waiting(const record& waiting) {
+    bool is_touched = false;
+    int rc = side->sync();
+    if (rc != SQLITE_OK) return rc;
+    try {
+        recorded_pages pages(*side, waiting);
+        rc = apply(waiting.header, pages, is_touched);
+    } catch (const std::bad_alloc&) {
+        rc = SQLITE_IOERR_NOMEM;
+    }
+    // No room for the extension: the process ended in it, and nothing else was touched.
+    const bool is_in_order = (waiting.header.flags & record_in_order) != 0;
+    if (rc == SQLITE_FULL && !is_touched && is_in_order) {
+        take_back(waiting.header, true);
+        return SQLITE_OK;
+    }
+    return rc == SQLITE_OK ? file->pMethods->xSync(file, SQLITE_SYNC_NORMAL) : rc;
 }
 
 // A sector does not tear, so the first one is the database's before the commit or after it. An

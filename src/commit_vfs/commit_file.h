@@ -57,6 +57,7 @@ class commit_file {
 
     int finish_waiting_record();
     int finish_record();
+    int apply_waiting(const record& waiting);
     int belongs_here(const record& waiting, bool& belongs);
 
     int apply(const record_header& header, page_source& pages, bool& is_touched);
@@ -81,6 +82,12 @@ class commit_file {
     page_set held;
     int64_t held_size = 0;  // of the database, as SQLite sees it
     int64_t old_size = 0;   // of the file itself
+
+    // What SQLite has asked for under this lock, so that a commit need not ask again; -1: nothing.
+    static constexpr int64_t version_offset = 24;
+    char version[16] = {};  // bytes of the first page by which SQLite tells that nobody has written
+    bool knows_version = false;
+    int64_t known_size = -1;
 };
 
 // The strength of commits from now on.

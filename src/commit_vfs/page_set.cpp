@@ -34,7 +34,7 @@ int page_set::put(const void* bytes, int size, int64_t offset) {
         }
         if (!place) {
             if (held_bytes + length > held_bytes_cap) return SQLITE_FULL;
-            place = std::make_unique<char[]>(length);
+            place = std::make_unique_for_overwrite<char[]>(length);
             held_bytes += length;
         }
         memcpy(place.get(), from, length);

@@ -3,6 +3,7 @@
 #ifndef COMMIT_VFS_RECORD_H
 #define COMMIT_VFS_RECORD_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -47,8 +48,11 @@ class record_checksum {
     uint64_t value() const;
 
   private:
-    uint64_t state = 0x9E3779B97F4A7C15;
-    uint64_t total = 0;
+    static constexpr size_t lane_count = 4;
+
+    std::array<uint64_t, lane_count> lanes{0x9E3779B97F4A7C15, 0xBF58476D1CE4E5B9,
+                                           0x94D049BB133111EB, 0xD6E8FEB86659FD93};
+    uint64_t words = 0;
 };
 
 // --- Reading ------------------------------------------------------------------------------------

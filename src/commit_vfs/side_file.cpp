@@ -8,46 +8,15 @@
 #include <cstring>
 #include <map>
 #include <new>
-#include <vector>
+
+#include "run_writer.h"
 
 namespace commit_vfs {
 namespace {
 
-constexpr size_t write_step = largest_page;  // SQLite's own VFS cannot write 128 KiB at once
-
 // As a journal, so that it gets the database's mode and owner, and its folder is synced with it.
 constexpr int open_flags =
     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_NOFOLLOW;
-
-// Gathers small pieces into large writes.
-class gathering_writer {
-  public:
-    explicit gathering_writer(sqlite3_file* to) : file(to) { gathered.reserve(write_step); }
-
-    int add(const void* bytes, size_t count) {
-        if (gathered.size() + count > write_step) {
-            const int rc = flush();
-            if (rc != SQLITE_OK) return rc;
-        }
-        const auto* from = static_cast<const char*>(bytes);
-        gathered.insert(gathered.end(), from, from + count);
-        return SQLITE_OK;
-    }
-    int flush() {
-        const auto count = static_cast<int>(gathered.size());
-        if (count == 0) return SQLITE_OK;
-        const int rc = file->pMethods->xWrite(file, gathered.data(), count, offset);
-        offset += count;
-        gathered.clear();
-        return rc;
-    }
-    int64_t end() const { return offset; }
-
-  private:
-    sqlite3_file* const file;
-    std::vector<char> gathered;
-    int64_t offset = 0;
-};
 
 page_kind kind_of(const page_set::page_map::value_type& page) {
     return page.second ? page_kind::data : page_kind::zeros;
@@ -65,6 +34,9 @@ uint64_t checksum_of(const record_header& header, const page_set& held) {
     }
     return sum.value();
 }
+
+// How long it may take until it is noticed that somebody has removed the side file.
+constexpr std::chrono::seconds moved_check_interval{1};
 
 // A regular file of someone who may write the database anyway.
 bool is_trusted(const struct stat& side, const struct stat& database) {
@@ -98,7 +70,11 @@ int side_file::look(bool& is_waiting) {
 
 int side_file::prepare() {
     const std::lock_guard guard(mutex);
-    if (file != nullptr && is_moved()) close();
+    const auto time = std::chrono::steady_clock::now();
+    if (file != nullptr && time - looked_at >= moved_check_interval) {
+        looked_at = time;
+        if (is_moved()) close();
+    }
     return file != nullptr ? SQLITE_OK : open();
 }
 
@@ -132,17 +108,23 @@ int side_file::write(record_header header, const page_set& pages) {
 }
 
 int side_file::write_pieces(const record_header& header, const page_set& held) {
-    gathering_writer out(file);
-    int rc = out.add(&header, sizeof header);
+    run_writer out(file, buffer);
+    int64_t end = 0;
+    int rc = SQLITE_OK;
+    const auto append = [&](const void* bytes, size_t count) {
+        if (rc == SQLITE_OK) rc = out.add(bytes, count, end);
+        end += static_cast<int64_t>(count);
+    };
+    append(&header, sizeof header);
     for (const auto& page : held.pages()) {
         const record_page row = {page.first, kind_of(page)};
-        if (rc == SQLITE_OK) rc = out.add(&row, sizeof row);
+        append(&row, sizeof row);
     }
     for (const auto& page : held.pages()) {
-        if (rc == SQLITE_OK && page.second) rc = out.add(page.second.get(), header.page_size);
+        if (page.second) append(page.second.get(), header.page_size);
     }
     if (rc == SQLITE_OK) rc = out.flush();
-    if (rc == SQLITE_OK) length = std::max(length, out.end());
+    if (rc == SQLITE_OK) length = std::max(length, end);
     return rc;
 }
 

@@ -8,10 +8,12 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "page_set.h"
 #include "record.h"
@@ -33,7 +35,7 @@ class side_file : public byte_source {
     int look(bool& is_waiting);
 
     // Readies the file for a record: opens or creates it, and opens it anew when its name leads to
-    // another file by now.
+    // another file by now, which is looked at once a second.
     int prepare();
     // Lets the next sync make the names of this folder durable as well.
     int renew();
@@ -53,6 +55,8 @@ class side_file : public byte_source {
 
     // The database's first sector as this process's last commit left it.
     std::array<char, sector_size> last_sector{};
+    // For whoever writes under the database's EXCLUSIVE lock.
+    std::vector<char> buffer;
 
   private:
     struct identity {
@@ -73,6 +77,7 @@ class side_file : public byte_source {
     std::unique_ptr<char[]> memory;
     sqlite3_file* file = nullptr;  // null: closed
     identity opened{};
+    std::chrono::steady_clock::time_point looked_at{};
     int64_t length = 0;  // of the file
 };
 
