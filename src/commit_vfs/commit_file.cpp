@@ -296,7 +296,7 @@ int commit_file::write_record(const record_header& header, bool is_durable) {
     int rc = header.old_size == 0 ? side->remove() : SQLITE_OK;
     if (rc == SQLITE_OK) rc = side->prepare();
     const bool is_known = memcmp(header.first_sector, side->last_sector.data(), sector_size) == 0;
-    if (rc == SQLITE_OK && is_durable && !is_known) rc = side->renew();
+    if (rc == SQLITE_OK && is_durable && !is_known) rc = side->sync_names();
     if (rc != SQLITE_OK) return rc;
     rc = side->write(header, held);
     if (rc == SQLITE_OK && is_durable) rc = side->sync();

@@ -78,10 +78,12 @@ int side_file::prepare() {
     return file != nullptr ? SQLITE_OK : open();
 }
 
-int side_file::renew() {
+// SQLite's own VFS does so at the first sync of a journal that it has opened.
+int side_file::sync_names() {
     const std::lock_guard guard(mutex);
     close();
-    return open();
+    const int rc = open();
+    return rc == SQLITE_OK ? file->pMethods->xSync(file, SQLITE_SYNC_NORMAL) : rc;
 }
 
 int side_file::remove() {

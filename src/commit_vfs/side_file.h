@@ -37,8 +37,8 @@ class side_file : public byte_source {
     // Readies the file for a record: opens or creates it, and opens it anew when its name leads to
     // another file by now, which is looked at once a second.
     int prepare();
-    // Lets the next sync make the names of this folder durable as well.
-    int renew();
+    // Makes the names of this folder durable.
+    int sync_names();
     // Removes whatever lies in the place of the side file.
     int remove();
 
