@@ -362,13 +362,20 @@ TEST_F(commit_files, foreign_reader_fails_the_commit_and_the_next_one_goes_throu
 // --- A full disk
 // ------------------------------------------------------------------------------------
 
-// Fills the file system up to a number of free blocks.
-void leave_blocks(size_t count) {
-    constexpr size_t block = 4096;
+// A file system of 1 MiB in memory, or the small one that COMMIT_SMALL names.
+std::string small_disk() {
+    const char* chosen = getenv("COMMIT_SMALL");
+    return chosen != nullptr ? chosen : "/small";
+}
+std::string ballast() { return small_disk() + "/ballast"; }
+
+// Fills the file system but for some KiB.
+void leave_room(size_t kib) {
     struct statvfs room = {};
-    ASSERT_EQ(statvfs("/small", &room), 0);
-    ASSERT_GE(room.f_bfree, count);
-    write_file("/small/ballast", std::string((room.f_bfree - count) * block, 'x'));
+    ASSERT_EQ(statvfs(small_disk().c_str(), &room), 0);
+    const size_t free_bytes = room.f_bavail * room.f_frsize;
+    ASSERT_GE(free_bytes, kib * 1024);
+    write_file(ballast(), std::string(free_bytes - kib * 1024, 'x'));
 }
 
 // Inserts rows until one is refused. Returns how many went in.
@@ -387,12 +394,12 @@ INSTANTIATE_TEST_SUITE_P(each, commit_on_a_full_disk,
                                                     : "power_safe");
                          });
 
-// On a file system of 1 MiB with each number of free blocks rows go in until no more do. The
+// With each amount of room rows go in until no more do. The
 // table's first commit meets the full disk as well.
 TEST_P(commit_on_a_full_disk, damages_nothing_and_takes_rows_again) {
     fault_vfs::install();
     ASSERT_EQ(register_commit_vfs(GetParam()), SQLITE_OK);
-    setenv("COMMIT_FOLDER", "/small", 1);
+    setenv("COMMIT_FOLDER", small_disk().c_str(), 1);
     const std::string create =
         "CREATE TABLE IF NOT EXISTS log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, text TEXT);";
     const std::string insert = "INSERT INTO log (text) VALUES ('" + std::string(2700, 'x') + "');";
@@ -402,14 +409,14 @@ TEST_P(commit_on_a_full_disk, damages_nothing_and_takes_rows_again) {
         remove_files();
         connection c;
         c.set_up();
-        leave_blocks(level);
+        leave_room(level * 4);
         const bool has_table = c.run(create) == SQLITE_OK;
         const int accepted = fill_up(c, insert);
         ASSERT_TRUE(has_table || accepted == 0);
         ASSERT_TRUE(level < 20 || accepted > 0) << level;
         ASSERT_EQ(connection("unix").values(check), "ok\n") << level;
 
-        std::filesystem::remove("/small/ballast");
+        std::filesystem::remove(ballast());
         ASSERT_EQ(c.run(create), SQLITE_OK) << level;
         ASSERT_EQ(c.values(count), std::to_string(accepted) + "\n") << level;
         ASSERT_EQ(c.run(insert), SQLITE_OK) << "with room again, level " << level;
@@ -421,7 +428,7 @@ TEST_P(commit_on_a_full_disk, damages_nothing_and_takes_rows_again) {
 // The process ended while it made the database longer, and the disk is full when the next one
 // starts.
 TEST_F(commit_files, extension_that_finds_no_room_any_more_is_taken_back) {
-    setenv("COMMIT_FOLDER", "/small", 1);
+    setenv("COMMIT_FOLDER", small_disk().c_str(), 1);
     restore(states[0].bytes);
     in_child(
         [&] {
@@ -432,10 +439,10 @@ TEST_F(commit_files, extension_that_finds_no_room_any_more_is_taken_back) {
         },
         9);
     ASSERT_TRUE(has_record());
-    leave_blocks(0);
+    leave_room(0);
     EXPECT_EQ(rows_through(nullptr), states[0].rows);
     EXPECT_FALSE(has_record());
-    std::filesystem::remove("/small/ballast");
+    std::filesystem::remove(ballast());
     connection c;
     c.set_up();
     EXPECT_EQ(c.run(statement), SQLITE_OK);

@@ -16,6 +16,13 @@ namespace {
 
 constexpr int read_step = largest_page;
 
+void mix(uint64_t& lane, const char* bytes) {
+    uint64_t word = 0;
+    memcpy(&word, bytes, sizeof word);
+    lane = (lane ^ word) * 0xFF51AFD7ED558CCD;
+    lane ^= lane >> 32;
+}
+
 bool is_plausible(const record_header& header) {
     return memcmp(header.magic, record_magic, sizeof record_magic) == 0 &&
            header.version == record_version && is_page_size(header.page_size) &&
@@ -95,22 +102,20 @@ int read_checked(byte_source& from, int64_t size, record& out, bool& is_whole) {
 // The words go to the lanes in turn, which the processor works on side by side. Each step is
 // reversible, so two records that differ in one word never have the same sum.
 void record_checksum::add(const void* bytes, size_t count) {
+    constexpr size_t word_size = sizeof(uint64_t);
+    constexpr size_t round_size = lane_count * word_size;
     const auto* at = static_cast<const char*>(bytes);
     const char* const end = at + count;
-    const auto take = [&at](uint64_t& lane) {
-        uint64_t word = 0;
-        memcpy(&word, at, sizeof word);
-        at += sizeof word;
-        lane = (lane ^ word) * 0xFF51AFD7ED558CCD;
-        lane ^= lane >> 32;
-    };
-    while (at < end && words % lane_count != 0) take(lanes[words++ % lane_count]);
+    for (; at < end && words % lane_count != 0; at += word_size) {
+        mix(lanes[words++ % lane_count], at);
+    }
     std::array<uint64_t, lane_count> fast = lanes;
-    for (; end - at >= 32; words += lane_count) {
-        for (uint64_t& lane : fast) take(lane);
+    for (; static_cast<size_t>(end - at) >= round_size; at += round_size) {
+        for (size_t n = 0; n < lane_count; ++n) mix(fast[n], at + n * word_size);
+        words += lane_count;
     }
     lanes = fast;
-    while (at < end) take(lanes[words++ % lane_count]);
+    for (; at < end; at += word_size) mix(lanes[words++ % lane_count], at);
 }
 
 uint64_t record_checksum::value() const {
