@@ -76,8 +76,7 @@ class commit_files : public testing::Test {
     std::string statement;
 };
 
-// --- Roll-back
-// ------------------------------------------------------------------------------------
+// --- Roll-back ----------------------------------------------------------------------------------
 
 TEST_F(commit_files, transaction_that_never_commits_leaves_no_byte) {
     connection c;
@@ -127,8 +126,30 @@ TEST_F(commit_files, every_journal_mode_commits_and_rolls_back) {
     }
 }
 
-// --- Journals
-// -------------------------------------------------------------------------------------
+// The file grows, shrinks and changes as it does without the layer, whoever journals.
+TEST_F(commit_files, database_has_the_bytes_that_it_has_without_the_layer) {
+    for (const std::string mode : {"OFF", "DELETE", "TRUNCATE", "PERSIST", "MEMORY", "WAL"}) {
+        for (const scenario& what : scenarios()) {
+            std::string bytes[2];
+            for (const bool has_layer : {false, true}) {
+                restore(states_of(what)[0].bytes);
+                {
+                    connection c(has_layer ? nullptr : "unix");
+                    c.set_up();
+                    ASSERT_EQ(c.run("PRAGMA journal_mode = " + mode), SQLITE_OK);
+                    for (const std::string& text : what.statements) {
+                        ASSERT_EQ(c.run(text), SQLITE_OK);
+                    }
+                }
+                bytes[has_layer ? 1 : 0] = read_file(database());
+            }
+            EXPECT_TRUE(bytes[0] == bytes[1]) << mode << ", " << what.name << ": "
+                                              << bytes[0].size() << " and " << bytes[1].size();
+        }
+    }
+}
+
+// --- Journals -----------------------------------------------------------------------------------
 
 // Leaves the journal of a connection that was reopened, and a database that needs it.
 void leave_hot_journal() {
@@ -162,8 +183,7 @@ TEST_F(commit_files, connection_without_a_journal_does_not_read_past_a_hot_one) 
     EXPECT_EQ(rows_through("unix"), states[1].rows);
 }
 
-// --- Waiting records
-// ------------------------------------------------------------------------------
+// --- Waiting records ----------------------------------------------------------------------------
 
 TEST_F(commit_files, open_connection_finishes_the_record_of_another_process) {
     connection c;
@@ -266,8 +286,7 @@ TEST_F(commit_files, record_with_any_byte_changed_is_never_applied) {
     EXPECT_EQ(rows_through(nullptr), states[1].rows) << "unchanged it is applied";
 }
 
-// --- Side files
-// -----------------------------------------------------------------------------------
+// --- Side files ---------------------------------------------------------------------------------
 
 TEST_F(commit_files, side_file_has_the_rights_of_the_database) {
     for (const mode_t mode : {0600U, 0640U, 0664U}) {
@@ -330,8 +349,7 @@ TEST_F(commit_files, linked_database_has_one_side_file) {
     EXPECT_FALSE(std::filesystem::exists(link + "-commit"));
 }
 
-// --- Programs without the layer
-// ---------------------------------------------------------------------
+// --- Programs without the layer -----------------------------------------------------------------
 
 TEST_F(commit_files, program_without_the_layer_reads_and_writes_beside_an_idle_connection) {
     connection daemon;
@@ -359,8 +377,7 @@ TEST_F(commit_files, foreign_reader_fails_the_commit_and_the_next_one_goes_throu
     EXPECT_EQ(rows_through("unix"), states[1].rows);
 }
 
-// --- A full disk
-// ------------------------------------------------------------------------------------
+// --- A full disk --------------------------------------------------------------------------------
 
 // A file system of 1 MiB in memory, or the small one that COMMIT_SMALL names.
 std::string small_disk() {
@@ -386,13 +403,12 @@ int fill_up(connection& c, const std::string& insert) {
 }
 
 class commit_on_a_full_disk : public testing::TestWithParam<commit_strength> {};
+std::string name_of(const testing::TestParamInfo<commit_strength>& info) {
+    return info.param == commit_strength::kill_safe ? "kill_safe" : "power_safe";
+}
 INSTANTIATE_TEST_SUITE_P(each, commit_on_a_full_disk,
                          testing::Values(commit_strength::kill_safe, commit_strength::power_safe),
-                         [](const auto& strength) {
-                             return std::string(strength.param == commit_strength::kill_safe
-                                                    ? "kill_safe"
-                                                    : "power_safe");
-                         });
+                         name_of);
 
 // With each amount of room rows go in until no more do. The
 // table's first commit meets the full disk as well.

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
+#include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -123,10 +125,11 @@ std::vector<kind> kinds() {
     return all;
 }
 
-std::string name_of(const testing::TestParamInfo<kind>& info) {
-    return info.param.scenario +
-           (info.param.strength == commit_strength::kill_safe ? "_kill_safe" : "_power_safe");
+std::string name_of_kind(const kind& k) {
+    return k.scenario + (k.strength == commit_strength::kill_safe ? "_kill_safe" : "_power_safe");
 }
+void PrintTo(const kind& k, std::ostream* out) { *out << name_of_kind(k); }
+std::string name_of(const testing::TestParamInfo<kind>& info) { return name_of_kind(info.param); }
 
 class commit_of : public testing::TestWithParam<kind> {
   protected:
@@ -154,11 +157,11 @@ TEST_P(commit_of, is_whole_wherever_the_process_ends) {
     }
 }
 
-// A process that ends while it finishes what another has left. The two kinds with the most pages
-// take their time: each point of each recovery is tried, so the tests in long/ do them.
+// A process that ends while it finishes what another has left. Each point of each recovery is
+// tried, which takes its time where there are many; those are left to the tests in long/.
 TEST_P(commit_of, is_whole_wherever_its_recovery_ends) {
-    const bool is_large = GetParam().scenario == "trim" || GetParam().scenario == "spill";
-    if (is_large && getenv("COMMIT_LONG") == nullptr) return;
+    const std::set<std::string> large = {"trim", "spill", "several"};
+    if (large.contains(GetParam().scenario) && getenv("COMMIT_LONG") == nullptr) return;
     bool is_complete = false;
     size_t recoveries = 0;
     for (size_t n = 1; !is_complete; ++n) {

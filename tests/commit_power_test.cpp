@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -25,8 +26,7 @@ using fault_vfs::step;
 
 constexpr size_t sector = 512;
 
-// --- Recording
-// ------------------------------------------------------------------------------------
+// --- Recording ----------------------------------------------------------------------------------
 
 struct recorded_step {
     step what;
@@ -35,6 +35,7 @@ struct recorded_step {
 
 struct recording {
     std::vector<state> states;
+    std::string refused;  // the rows if the refused statement had gone through; it may, unanswered
     std::string side_bytes;  // of the side file, if there was one before
     std::vector<recorded_step> steps;
 };
@@ -45,6 +46,7 @@ struct power_scenario {
     const char* name;
     const char* base;
     std::vector<bool> journals;
+    bool is_first_refused = false;  // the disk is full at its first write to the database
 };
 
 const power_scenario power_scenarios[] = {
@@ -59,14 +61,30 @@ const power_scenario power_scenarios[] = {
     {"journal_between", "several", {false, true, false}},
     {"journal_first", "several", {true, false, false}},
     {"journal_last", "several", {false, false, true}},
+    {"refused_then_journal", "several", {false, true, false}, true},
 };
+
+// Runs a statement while the disk has no room for the database to grow, and keeps the recording on.
+void refuse(connection& c, const std::string& statement) {
+    const auto keep = fault_vfs::before;
+    fault_vfs::before = [&](const step& s) {
+        if (s.what == call::write && s.path == database()) return SQLITE_FULL;
+        return keep(s);
+    };
+    EXPECT_EQ(c.run(statement), SQLITE_FULL);
+    fault_vfs::before = keep;
+}
 
 // The pragmas come before the recording: they are synced, as if the daemon ran for a while.
 recording record(const power_scenario& p, commit_strength strength) {
     fault_vfs::install();
     EXPECT_EQ(register_commit_vfs(strength), SQLITE_OK);
-    const scenario& what = scenario_named(p.base);
+    scenario what = scenario_named(p.base);
     recording made;
+    if (p.is_first_refused) {
+        made.refused = states_of(what)[1].rows;
+        what.statements.erase(what.statements.begin());
+    }
     made.states = states_of(what);
     restore(made.states[0].bytes);
     std::filesystem::remove(side_file());
@@ -83,8 +101,10 @@ recording record(const power_scenario& p, commit_strength strength) {
     made.states[0].bytes = is_first ? "" : read_file(database());
     made.side_bytes = is_first ? "" : read_file(side_file());
     fault_vfs::before = keep;
+    if (p.is_first_refused) refuse(daemon, scenario_named(p.base).statements[0]);
     for (size_t n = 0; n < what.statements.size(); ++n) {
-        connection& c = p.journals[n] ? reopened : daemon;
+        connection& c =
+            p.journals[p.journals.size() - what.statements.size() + n] ? reopened : daemon;
         EXPECT_EQ(c.run(what.statements[n]), SQLITE_OK) << what.statements[n];
         ++answered;
     }
@@ -92,8 +112,7 @@ recording record(const power_scenario& p, commit_strength strength) {
     return made;
 }
 
-// --- A disk
-// ---------------------------------------------------------------------------------------
+// --- A disk -------------------------------------------------------------------------------------
 
 struct inode {
     std::string synced;
@@ -198,8 +217,7 @@ class disk {
     std::vector<name_change> names;
 };
 
-// --- States of a disk
-// -----------------------------------------------------------------------------
+// --- States of a disk ---------------------------------------------------------------------------
 
 using parts = std::vector<step>;
 
@@ -276,7 +294,7 @@ class power_loss {
         const std::string found = rows_through(nullptr);
         // A deleted journal may come back with the power, and the commit that it was for goes.
         const size_t first = may_lose_last && answered > 0 ? answered - 1 : answered;
-        bool is_known = false;
+        bool is_known = answered == 0 && !made.refused.empty() && found == made.refused;
         for (size_t n = first; n < made.states.size(); ++n) {
             is_known = is_known || found == made.states[n].rows;
         }
@@ -300,6 +318,7 @@ size_t random_per_instant() {
 }
 
 class power_loss_at : public testing::TestWithParam<power_scenario> {};
+void PrintTo(const power_scenario& p, std::ostream* out) { *out << p.name; }
 std::string name_of(const testing::TestParamInfo<power_scenario>& info) { return info.param.name; }
 INSTANTIATE_TEST_SUITE_P(every, power_loss_at, testing::ValuesIn(power_scenarios), name_of);
 

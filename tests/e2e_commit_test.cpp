@@ -32,8 +32,7 @@ size_t kill_count() {
     return chosen != nullptr ? strtoul(chosen, nullptr, 10) : 40;
 }
 
-// --- The database, through the layer as the next daemon has it
-// -------------------------------------
+// --- The database, through the layer as the next daemon has it ----------------------------------
 
 int collect(void* set, int /*columns*/, char** values, char** /*names*/) {
     static_cast<std::multiset<std::string>*>(set)->insert(values[0] != nullptr ? values[0] : "");
@@ -49,8 +48,7 @@ std::multiset<std::string> values(const char* text) {
     return found;
 }
 
-// --- One life of the daemon
-// ------------------------------------------------------------------------
+// --- One life of the daemon ---------------------------------------------------------------------
 
 // A process that kills another some time after an insert has begun. It waits by looking at the
 // clock, which is finer than any sleep.
@@ -114,8 +112,7 @@ struct life {
     }
 };
 
-// --- Kills
-// ----------------------------------------------------------------------------------------
+// --- Kills --------------------------------------------------------------------------------------
 
 TEST(e2e_commit, killed_daemon_loses_no_answered_row_and_damages_nothing) {
     ASSERT_EQ(register_commit_vfs(commit_strength::kill_safe), SQLITE_OK);
@@ -142,8 +139,7 @@ TEST(e2e_commit, killed_daemon_loses_no_answered_row_and_damages_nothing) {
            unfinished, interrupted);
 }
 
-// --- The choice
-// -------------------------------------------------------------------------------------
+// --- The choice ---------------------------------------------------------------------------------
 
 struct choice {
     const char* value;  // null: not set

@@ -68,8 +68,7 @@ class recorded_pages : public page_source {
     std::array<char, largest_page> buffer;
 };
 
-// --- What SQLite's file format says
-// ---------------------------------------------------------------
+// --- What SQLite's file format says -------------------------------------------------------------
 
 uint32_t read_u32(const char* bytes) {
     const auto* at = reinterpret_cast<const unsigned char*>(bytes);
@@ -157,7 +156,7 @@ int commit_file::size(sqlite3_int64* bytes) {
 }
 
 bool commit_file::holds_writes() const {
-    return level == SQLITE_LOCK_EXCLUSIVE && open_journals == 0 && strength != commit_strength::off;
+    return level == SQLITE_LOCK_EXCLUSIVE && !keeps_own_journal && strength != commit_strength::off;
 }
 
 int commit_file::start_holding() {
@@ -195,6 +194,7 @@ int commit_file::unlock(int wanted) {
     const int rc = file->pMethods->xUnlock(file, wanted);
     if (rc != SQLITE_OK) return rc;
     level = std::min(level, wanted);
+    keeps_own_journal = open_journals > 0;
     if (level == SQLITE_LOCK_NONE) {
         is_unreadable = false;
         knows_version = false;
@@ -205,6 +205,7 @@ int commit_file::unlock(int wanted) {
 
 void commit_file::journal_opened() {
     ++open_journals;
+    keeps_own_journal = true;
     may_roll_back = false;
 }
 

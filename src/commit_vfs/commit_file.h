@@ -75,6 +75,7 @@ class commit_file {
 
     int level = SQLITE_LOCK_NONE;
     int open_journals = 0;
+    bool keeps_own_journal = false;  // under this lock: a journal goes before the file is cut
     phase now = phase::idle;
     bool is_synced = false;      // the commit has synced the database already
     bool may_roll_back = false;  // EXCLUSIVE straight from SHARED: for a hot journal

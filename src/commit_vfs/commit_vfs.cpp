@@ -78,8 +78,7 @@ int unmap_shared_below(sqlite3_file* file, int is_deleted) {
     return below(file)->pMethods->xShmUnmap(below(file), is_deleted);
 }
 
-// --- A database
-// -----------------------------------------------------------------------------------
+// --- A database ---------------------------------------------------------------------------------
 
 int close_database(sqlite3_file* file) {
     delete &database_of(file);
@@ -112,8 +111,7 @@ int characteristics_of_database(sqlite3_file* file) {
     return characteristics_below(file) & ~atomic;
 }
 
-// --- A journal
-// ------------------------------------------------------------------------------------
+// --- A journal ----------------------------------------------------------------------------------
 
 int close_journal(sqlite3_file* file) {
     database_of(file).journal_closed();
