@@ -336,6 +336,17 @@ TEST_F(commit_files, long_record_leaves_a_short_side_file) {
     EXPECT_EQ(rows_through("unix").rfind("damaged", 0), std::string::npos);
 }
 
+TEST_F(commit_files, removed_side_file_costs_no_row) {
+    connection c;
+    c.set_up();
+    ASSERT_EQ(c.run(insert_text(1, 20)), SQLITE_OK);
+    std::filesystem::remove(side_file());
+    ASSERT_EQ(c.run(statement), SQLITE_OK);
+    connection other;
+    EXPECT_EQ(other.values("SELECT count(*) FROM conn_server_log;"), "10\n");
+    EXPECT_EQ(rows_through("unix").rfind("damaged", 0), std::string::npos);
+}
+
 TEST_F(commit_files, linked_database_has_one_side_file) {
     const std::string link = folder() + "/link.db";
     std::filesystem::create_symlink(database(), link);

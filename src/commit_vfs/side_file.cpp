@@ -54,6 +54,7 @@ side_file::~side_file() { close(); }
 int side_file::look(bool& is_waiting) {
     is_waiting = false;
     const std::lock_guard guard(mutex);
+    close_if_moved();
     if (file == nullptr) {
         int exists = 0;
         int rc = base->xAccess(base, path.c_str(), SQLITE_ACCESS_EXISTS, &exists);
@@ -70,11 +71,7 @@ int side_file::look(bool& is_waiting) {
 
 int side_file::prepare() {
     const std::lock_guard guard(mutex);
-    const auto time = std::chrono::steady_clock::now();
-    if (file != nullptr && time - looked_at >= moved_check_interval) {
-        looked_at = time;
-        if (is_moved()) close();
-    }
+    close_if_moved();
     return file != nullptr ? SQLITE_OK : open();
 }
 
@@ -183,6 +180,7 @@ int side_file::open() {
         return rc;
     }
     opened = {found.st_dev, found.st_ino};
+    looked_at = std::chrono::steady_clock::now();
     length = bytes;
     return SQLITE_OK;
 }
@@ -194,9 +192,13 @@ void side_file::close() {
     last_sector = {};
 }
 
-bool side_file::is_moved() const {
+void side_file::close_if_moved() {
+    const auto time = std::chrono::steady_clock::now();
+    if (file == nullptr || time - looked_at < moved_check_interval) return;
+    looked_at = time;
     struct stat found = {};
-    return lstat(path.c_str(), &found) != 0 || identity{found.st_dev, found.st_ino} != opened;
+    const bool is_there = lstat(path.c_str(), &found) == 0;
+    if (!is_there || identity{found.st_dev, found.st_ino} != opened) close();
 }
 
 std::shared_ptr<side_file> share_side_file(sqlite3_vfs* base, const char* database) {

@@ -22,7 +22,8 @@ namespace commit_vfs {
 
 inline constexpr int64_t side_file_keeps = 1 << 20;  // bytes that stay when the record is void
 
-// Every operation returns SQLite's code, unless it says otherwise.
+// Every operation returns SQLite's code. A file whose name leads to another one by now, which is
+// looked at once a second, is opened anew.
 class side_file : public byte_source {
   public:
     // Opens nothing. base is the VFS that opens.
@@ -34,8 +35,7 @@ class side_file : public byte_source {
     // Whether a record may be waiting. A side file that does not exist is not created.
     int look(bool& is_waiting);
 
-    // Readies the file for a record: opens or creates it, and opens it anew when its name leads to
-    // another file by now, which is looked at once a second.
+    // Readies the file for a record: opens or creates it.
     int prepare();
     // Makes the names of this folder durable.
     int sync_names();
@@ -67,7 +67,7 @@ class side_file : public byte_source {
 
     int open();
     void close();
-    bool is_moved() const;
+    void close_if_moved();
     int write_pieces(const record_header& header, const page_set& pages);
 
     sqlite3_vfs* const base;
