@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cstring>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "run_writer.h"
 
@@ -236,7 +238,8 @@ int commit_file::commit() {
     leave_out_what_was_cut_off();
     if (held.is_empty()) return held_size < old_size ? SQLITE_IOERR_TRUNCATE : SQLITE_OK;
     record_header header = {};
-    int rc = fill_header(header);
+    int rc = reach_end();
+    if (rc == SQLITE_OK) rc = fill_header(header);
     if (rc == SQLITE_OK) rc = write_record(header, is_durable);
     if (rc == SQLITE_OK) rc = apply_held(header, is_durable);
     if (rc != SQLITE_OK) return rc;
@@ -276,6 +279,14 @@ void commit_file::leave_out_what_was_cut_off() {
     if (stated == 0 || stated >= held_size) return;
     held.drop_from(stated);
     held_size = std::min(held_size, std::max(old_size, stated));
+}
+
+// The last page may be a free one, which SQLite need not write; the file must reach it even so.
+int commit_file::reach_end() {
+    const int64_t page_size = held.page_size();
+    const int64_t end = (int64_t{held.pages().rbegin()->first} + 1) * page_size;
+    if (held_size <= old_size || end >= held_size) return SQLITE_OK;
+    return held.put(zeros, held.page_size(), held_size - page_size);
 }
 
 int commit_file::fill_header(record_header& header) {

@@ -49,6 +49,7 @@ class commit_file {
 
     int commit();
     void leave_out_what_was_cut_off();
+    int reach_end();
     int fill_header(record_header& header);
     int write_record(const record_header& header, bool is_durable);
     int apply_held(const record_header& header, bool is_durable);
