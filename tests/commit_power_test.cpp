@@ -333,7 +333,7 @@ TEST_P(power_loss_at, costs_no_answered_row_and_damages_nothing) {
 }
 
 TEST(power_loss_without_the_layer, damages_the_database) {
-    const recording made = record(power_scenarios[5], commit_strength::off);
+    const recording made = record(power_scenarios[3], commit_strength::off);
     power_loss loss(made, false);
     loss.expects_damage = true;
     loss.try_all(1);
