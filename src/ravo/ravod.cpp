@@ -2,6 +2,7 @@
 // configuration file, signals, and the order in which everything is opened and closed.
 #include <fcntl.h>
 #include <getopt.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "commit_vfs.h"
 #include "ravo_log.h"
 #include "ravod_db_conn_client_handler.h"
 #include "ravod_db_device_info_handler.h"
@@ -243,6 +245,27 @@ void apply_log_file() {
     unit_log.__log_file__[length] = '\0';
 }
 
+// How much a commit survives, from the environment. What is not understood is told, to standard
+// error and to the system log, and the default holds.
+commit_strength read_commit_strength() {
+    const char* text = getenv("RAVOD_COMMIT");
+    if (text == nullptr || strcmp(text, "kill-safe") == 0) return commit_strength::kill_safe;
+    if (strcmp(text, "power-safe") == 0) return commit_strength::power_safe;
+    if (strcmp(text, "off") == 0) return commit_strength::off;
+    static constexpr char complaint[] =
+        "RAVOD_COMMIT is \"%s\", not kill-safe, power-safe or off; kill-safe holds";
+    fprintf(stderr, complaint, text);
+    (void)fputc('\n', stderr);
+    syslog(LOG_WARNING, complaint, text);
+    return commit_strength::kill_safe;
+}
+
+// Without the layer the daemon serves all the same, and the system log has the reason.
+void make_commits_whole() {
+    const int rc = register_commit_vfs(read_commit_strength());
+    if (rc != SQLITE_OK) syslog(LOG_ERR, "commits are not protected: %s", sqlite3_errstr(rc));
+}
+
 // A table that cannot be opened now is opened by its next statement; the log has the reason.
 void create_tables() {
     (void)create_conn_server_log_db();
@@ -286,6 +309,7 @@ int main(int argc, char** argv) {
     register_signals();
     apply_log_file();
     (void)read_conf_file(0);
+    make_commits_whole();
     create_tables();
     serve();
     finish_tables();

@@ -1,0 +1,133 @@
+// What the commit layer costs: the store's insert with its transaction, through the layer and past
+// it.
+//
+//   commit_bench FOLDER    the databases are made in FOLDER: memory or disk
+//
+// kill-safe is compared with the bare file; power-safe with a rollback journal (journal_mode
+// DELETE, everything else alike). The two sides take turns. "short" is a row of 150 bytes, "full"
+// one whose text fields are full, 5 KB. Each side's table has the named number of rows before.
+#include <unistd.h>
+
+#include <string>
+
+#include "bench_support.h"
+#include "commit_vfs.h"
+
+namespace {
+
+constexpr char create_text[] =
+    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
+    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, source_ip "
+    "TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, rx_total INTEGER, "
+    "outgoing TEXT, action INTEGER);";
+
+constexpr size_t full_text = 1024;
+
+// A connection set up as the daemon's are, through a VFS, with a journal mode.
+class side {
+  public:
+    side(const std::string& file, const char* vfs, const char* journal_mode) {
+        const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+        for (const char* suffix : {"", "-commit", "-journal"}) unlink((file + suffix).c_str());
+        if (sqlite3_open_v2(file.c_str(), &db, flags, vfs) != SQLITE_OK) {
+            bench::give_up(sqlite3_errmsg(db));
+        }
+        for (const std::string& text :
+             {std::string("PRAGMA page_size = 2048;"), std::string("PRAGMA synchronous = ON;"),
+              std::string("PRAGMA auto_vacuum = FULL;"),
+              "PRAGMA journal_mode = " + std::string(journal_mode) + ";",
+              std::string("PRAGMA cache_size = 10000;"), std::string(create_text)}) {
+            run(text);
+        }
+    }
+    ~side() { sqlite3_close(db); }
+    side(const side&) = delete;
+    side& operator=(const side&) = delete;
+
+    void run(const std::string& text) {
+        if (sqlite3_exec(db, text.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+            bench::give_up(sqlite3_errmsg(db));
+        }
+    }
+    void insert(const std::string& statement) {
+        run("BEGIN TRANSACTION;");
+        run(statement);
+        run("SELECT Count(*) FROM conn_server_log;");
+        run("END TRANSACTION;");
+    }
+
+  private:
+    sqlite3* db = nullptr;
+};
+
+std::string insert_statement(size_t text_size) {
+    const auto text = [&](const char* sample) {
+        return text_size == 0 ? std::string(sample) : std::string(text_size, 'x');
+    };
+    return "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
+           "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES ('" +
+           text("alice") + "', 4, 0, 1795222858, '" + text("linux 2.6.14 alice-laptop") + "', '" +
+           text("203.0.113.11") + "', '" + text("10.88.0.2") + "', 0, 0, 64916, 12345, '" +
+           text("tun0") + "', 1);";
+}
+
+void fill(side& s, const std::string& statement, int rows) {
+    s.run("BEGIN;");
+    for (int n = 0; n < rows; ++n) s.run(statement);
+    s.run("END;");
+}
+
+struct workload {
+    const char* name;
+    size_t text_size;
+    int rows;
+};
+constexpr workload workloads[] = {
+    {"short row, 100 rows", 0, 100},
+    {"short row, 10000 rows", 0, 10000},
+    {"full row, 100 rows", full_text, 100},
+};
+
+void compare(const std::string& name, const workload& w, side& layer, side& peer) {
+    const std::string statement = insert_statement(w.text_size);
+    fill(layer, statement, w.rows);
+    fill(peer, statement, w.rows);
+    std::vector<double> ratios;
+    std::vector<double> layer_us;
+    std::vector<double> peer_us;
+    for (int round = 0; round <= 21; ++round) {
+        const double a = bench::microseconds(20, [&] { layer.insert(statement); });
+        const double b = bench::microseconds(20, [&] { peer.insert(statement); });
+        if (round == 0) continue;
+        layer_us.push_back(a);
+        peer_us.push_back(b);
+        ratios.push_back(a / b);
+    }
+    const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
+    printf("%-22s %-22s ratio %5.2f (%.2f to %.2f)   layer %9.1f us   peer %9.1f us\n",
+           name.c_str(), w.name, bench::median(ratios), *low, *high, bench::median(layer_us),
+           bench::median(peer_us));
+    (void)fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2) bench::give_up("usage: commit_bench FOLDER");
+    const std::string folder = argv[1];
+    for (const workload& w : workloads) {
+        if (register_commit_vfs(commit_strength::kill_safe) != SQLITE_OK) {
+            bench::give_up("no layer");
+        }
+        side layer(folder + "/layer.db", nullptr, "OFF");
+        side peer(folder + "/peer.db", "unix", "OFF");
+        compare("kill-safe / bare", w, layer, peer);
+    }
+    for (const workload& w : workloads) {
+        (void)register_commit_vfs(commit_strength::power_safe);
+        side layer(folder + "/layer.db", nullptr, "OFF");
+        side peer(folder + "/peer.db", "unix", "DELETE");
+        compare("power-safe / DELETE", w, layer, peer);
+    }
+    return 0;
+}
