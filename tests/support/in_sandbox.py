@@ -19,12 +19,10 @@ from service_unit import TOP, Unit, file_system, write_filter
 HANDED_ON = (signal.SIGHUP, signal.SIGINT, signal.SIGTERM)
 
 
-def make_paths(unit):
-    """What the unit has done before the start, outside of the sandbox."""
-    for command in unit.settings.get("ExecStartPre", []):
-        assert command == "+/usr/bin/systemd-tmpfiles --create ravod.conf", command
-        subprocess.run(["/usr/bin/systemd-tmpfiles", "--create", TOP + "/packaging/tmpfiles.conf"],
-                       check=True)
+def make_paths():
+    """What the system does at its start."""
+    subprocess.run(["/usr/bin/systemd-tmpfiles", "--create", TOP + "/packaging/tmpfiles.conf"],
+                   check=True)
 
 
 def set_limits(unit):
@@ -55,7 +53,7 @@ def start(unit, command, seccomp):
 
 def main():
     unit = Unit(sys.argv[1])
-    make_paths(unit)
+    make_paths()
     set_limits(unit)
     signal.pthread_sigmask(signal.SIG_BLOCK, HANDED_ON)
     with tempfile.TemporaryFile() as seccomp:
