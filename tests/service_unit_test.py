@@ -79,9 +79,7 @@ TOO_STRICT = (
 class service_unit(RavodTest):
     def setUp(self):
         super().setUp()
-        os.makedirs("/usr/local/sbin", exist_ok=True)
-        for program in (*SERVICES, "notify"):
-            shutil.copy(f"{SBIN}/{program}", "/usr/local/sbin")
+        shutil.copytree(SBIN, "/usr/local/sbin", dirs_exist_ok=True)
 
     def unit(self, service):
         return f"{os.environ['UNITS']}/{service}.service"
