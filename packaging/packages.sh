@@ -9,7 +9,7 @@ build_packages=(
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils
+    binutils systemd
 )
 
 # announce WORDS...: a heading, so that a long step is never a silent one.

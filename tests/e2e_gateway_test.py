@@ -137,7 +137,7 @@ class ravoctl_gateway(RavodTest):
         """The network service, which knows these profiles by short names."""
         with open(PROFILES, "w", encoding="utf-8") as file:
             json.dump({sname: {"profile": profile} for sname, profile in profiles.items()}, file)
-        self.network = self.start(os.environ["NETWORK_SERVICE"]).process
+        self.network = self.start(os.environ["NETWORK_SERVICE"])
 
     def interfere(self, event, interference, *arguments):
         """Runs a change, and interferes when this has happened to the file.
@@ -149,12 +149,12 @@ class ravoctl_gateway(RavodTest):
         watch = libc.inotify_init1(os.O_CLOEXEC)
         self.addCleanup(os.close, watch)
         self.assertGreater(libc.inotify_add_watch(watch, OPTIONS.encode(), event), 0)
-        self.network.send_signal(signal.SIGSTOP)
+        os.kill(self.network.pid, signal.SIGSTOP)
         with subprocess.Popen([os.environ["RAVOCTL"], "gateway", *arguments],
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
             os.read(watch, 4096)
             interference(tool)
-            self.network.send_signal(signal.SIGCONT)
+            os.kill(self.network.pid, signal.SIGCONT)
             output, errors = tool.communicate()
         return subprocess.CompletedProcess(arguments, tool.returncode, output, errors)
 

@@ -12,13 +12,15 @@ VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravod",
             "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
+SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
                 "man8/NetworkService.8", "man8/notify.8",
                 "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
-    + ["lib/libravod_core.a", "lib/systemd/system/ravod.service"]
+    + ["lib/libravod_core.a", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
+    + [f"lib/systemd/system/{name}.service" for name in SERVICES]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
     + [f"lib/cmake/ravod/ravod{name}.cmake"
@@ -87,7 +89,7 @@ class install(RavodTest):
 
     def test_no_file_knows_where_it_was_built(self):
         for path in installed(PREFIX):
-            if path.endswith((".pc", ".cmake", ".service")):
+            if path.endswith((".pc", ".cmake", ".conf", ".service")):
                 with open(f"{PREFIX}/{path}", encoding="utf-8") as file:
                     self.assertNotIn(os.environ["TOP"], file.read(), path)
 
@@ -143,11 +145,14 @@ class install(RavodTest):
         self.succeed(self.ravoctl("sessions", "add", "username=x", env=env))
         self.fails(self.ravoctl("sessions", env=env), 4, "did not answer the query")
 
-    def test_unit_starts_the_installed_daemon(self):
-        with open(f"{PREFIX}/lib/systemd/system/ravod.service", encoding="utf-8") as file:
-            unit = file.read()
-        self.assertRegex(unit, r"\nType=notify\n")
-        self.assertRegex(unit, r"\nExecStart=/[^ \n]*/sbin/ravod\n")
+    def test_units_start_the_installed_services_in_their_sandbox(self):
+        for name in SERVICES:
+            with open(f"{PREFIX}/lib/systemd/system/{name}.service", encoding="utf-8") as file:
+                unit = file.read()
+            self.assertRegex(unit, r"\nType=notify\n")
+            self.assertRegex(unit, rf"\nExecStart=/[^ \n]*/sbin/{name}\n")
+            self.assertRegex(unit, r"\nSystemCallFilter=@system-service\n")
+            self.assertNotRegex(unit, r"@[A-Z_]+@")
 
     def test_manual_pages_are_well_formed(self):
         for page in MANUAL_PAGES:

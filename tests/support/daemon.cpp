@@ -86,7 +86,10 @@ int run_process(const std::vector<std::string>& arguments, const process_options
     return wait_for_exit(start_process(arguments, options));
 }
 
-std::string ravod_path() { return RAVOD_PATH; }
+std::string ravod_path() {
+    const char* other = getenv("RAVOD");
+    return other != nullptr ? other : RAVOD_PATH;
+}
 
 ready_socket::ready_socket() : fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     static int count = 0;
@@ -134,7 +137,7 @@ ravod_process::ravod_process(const std::vector<std::string>& options, const proc
     process_options with_ready = how;
     with_ready.environment.push_back(ready.environment());
     child = start_process(arguments, with_ready);
-    ready.wait();
+    serving = ready.wait();
 }
 
 ravod_process::~ravod_process() {

@@ -29,7 +29,7 @@ void wait_for_end(pid_t pid);
 // Runs a program to its end and returns its exit status.
 int run_process(const std::vector<std::string>& arguments, const process_options& options = {});
 
-// The path of the ravod of this build.
+// The path of the ravod of this build, or of what the variable RAVOD names in its place.
 std::string ravod_path();
 
 // A unix datagram socket on which a service says "READY=1".
@@ -60,13 +60,15 @@ class ravod_process {
     ravod_process(const ravod_process&) = delete;
     ravod_process& operator=(const ravod_process&) = delete;
 
-    pid_t pid() const { return child; }
+    // The one that serves, which RAVOD may have started in turn.
+    pid_t pid() const { return serving; }
     void signal(int sig) const;
     // Sends SIGTERM, unless it has stopped already, and returns the exit status.
     int stop();
 
   private:
     pid_t child;
+    pid_t serving;
 };
 
 #endif  // TESTS_SUPPORT_DAEMON_H

@@ -6,6 +6,7 @@ import os
 import select
 import shutil
 import socket
+import struct
 import subprocess
 import unittest
 
@@ -15,10 +16,14 @@ DATABASE = DATABASE_FOLDER + "/ravo.db"
 
 
 class Service:
-    """A program that serves an endpoint and announces it; killed when the test ends."""
+    """A program that serves an endpoint and announces it; killed when the test ends.
+
+    pid is the process that serves, which the program may have started in turn.
+    """
 
     def __init__(self, *command):
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as ready:
+            ready.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
             ready.bind("")
             address = "@" + ready.getsockname()[1:].decode()
             self.process = subprocess.Popen(command, env={**os.environ, "NOTIFY_SOCKET": address})
@@ -33,7 +38,10 @@ class Service:
         if ready not in readable:
             self.process.kill()
             raise AssertionError(f"it does not serve; exit status {self.process.wait()}")
-        assert ready.recv(4096) == b"READY=1"
+        credentials = struct.Struct("iII")  # pid, uid, gid
+        text, control, _, _ = ready.recvmsg(4096, socket.CMSG_SPACE(credentials.size))
+        assert text == b"READY=1"
+        self.pid = credentials.unpack(control[0][2])[0]
 
     def stop(self):
         """Asks it to end, and returns its exit status. Once more does nothing."""

@@ -1,0 +1,12 @@
+# ravo_write_units(prefix folder): writes the systemd units into the folder, for programs below the
+# prefix. Each gets the sandbox that all have in common. Also used while installing.
+set(RAVO_UNITS ravod vpncaas NetworkService)
+set(RAVO_UNITS_SOURCE_DIR "${CMAKE_CURRENT_LIST_DIR}/..")
+
+function(ravo_write_units RAVO_PREFIX folder)
+    file(READ "${RAVO_UNITS_SOURCE_DIR}/sandbox.conf" text)
+    string(STRIP "${text}" RAVO_SANDBOX)
+    foreach(unit ${RAVO_UNITS})
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.service.in" "${folder}/${unit}.service" @ONLY)
+    endforeach()
+endfunction()
