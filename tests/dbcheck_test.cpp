@@ -103,7 +103,7 @@ class damaged_database : public testing::Test {
     void SetUp() override {
         sound = mixed_database();
         inserted = read_rows();
-        ASSERT_EQ(inserted.size(), 120U + 120U + 105U);
+        ASSERT_EQ(inserted.size(), 60U + 60U + 53U);
     }
     std::string sound;
     row_map inserted;
@@ -125,7 +125,7 @@ TEST_F(damaged_database, gives_back_what_is_before_the_end_inside_of_a_page) {
 // Deleted rows have left free pages, which the daemon's own connections never do.
 TEST_F(damaged_database, gives_back_what_is_outside_of_a_damaged_free_list) {
     ASSERT_EQ(run_sql("PRAGMA auto_vacuum = INCREMENTAL; DELETE FROM conn_server_log WHERE id % 8 "
-                      "= 0 OR id < 60;"),
+                      "= 0 OR id < 40;"),
               SQLITE_OK);
     ASSERT_GT(std::stoi(ask("PRAGMA freelist_count")), 10);
     const row_map rows = read_rows();

@@ -130,10 +130,10 @@ inline int run_sql(const std::string& text, const std::string& path = db_path) {
 
 inline const std::string without_journal = "PRAGMA journal_mode = OFF;";
 
-// Rows of both kinds, short ones and long ones, in all three tables, on some 70 pages.
+// Rows of both kinds, short ones and long ones, in all three tables, on some 35 pages.
 inline std::string mixed_database() {
     open_store();
-    for (int number = 1; number <= 120; ++number) {
+    for (int number = 1; number <= 60; ++number) {
         insert_server_row(number, number % 8 == 0);
         insert_client_row(number);
     }

@@ -16,8 +16,7 @@ class deadline {
     clock::time_point end;
 };
 
-// A full table of the largest rows: 101,999 times two pages of 2048 bytes and a half. Each of
-// this size that a file has begun is worth ten seconds.
+// About a full table of the largest rows. Each that a file has begun is worth ten seconds.
 inline constexpr int64_t full_table_bytes = int64_t{512} * 1024 * 1024;
 inline constexpr std::chrono::seconds full_table_budget{10};
 
