@@ -8,9 +8,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "record.h"
 #include "repair.h"
 #include "support/dbcheck.h"
 #include "support/kill_at.h"
@@ -339,6 +342,50 @@ TEST(dbcheck_files, second_run_at_the_same_time_is_refused) {
     close(fd);
     EXPECT_EQ(read_file(db_path), image);
     EXPECT_EQ(check().status, 0);
+}
+
+// --- Rows ---------------------------------------------------------------------------------------
+
+struct record_case {
+    const char* what;
+    std::string payload;
+    bool is_record;
+    bool is_row;  // of an id, a number and a text
+};
+
+std::string bytes_from(std::initializer_list<int> list) { return {list.begin(), list.end()}; }
+
+TEST(dbcheck_record, is_a_row_only_when_it_is_whole_and_of_the_right_kinds) {
+    const record_case cases[] = {
+        {"row", bytes_from({4, 0, 1, 15, 7, 'x'}), true, true},
+        {"no number", bytes_from({4, 0, 0, 15, 'x'}), true, true},
+        {"large number", bytes_from({4, 0, 7, 15, 0x43, 0xf0, 0, 0, 0, 0, 0, 0, 'x'}), true, true},
+        {"byte too many", bytes_from({4, 0, 1, 15, 7, 'x', 'y'}), false, false},
+        {"byte too few", bytes_from({4, 0, 1, 15, 7}), false, false},
+        {"nothing", "", false, false},
+        {"head that takes no room", bytes_from({0, 0, 1, 15, 7, 'x'}), false, false},
+        {"head behind the end", bytes_from({9, 0, 1, 15, 7, 'x'}), false, false},
+        {"head that ends in a type", bytes_from({4, 0, 1, 0x81, 7, 'x'}), false, false},
+        {"type that there is none of", bytes_from({4, 0, 10, 15, 'x'}), false, false},
+        {"column too few", bytes_from({3, 0, 1, 7}), true, false},
+        {"column too many", bytes_from({5, 0, 1, 15, 0, 7, 'x'}), true, false},
+        {"id in the record", bytes_from({4, 1, 1, 15, 7, 7, 'x'}), true, false},
+        {"text for a number", bytes_from({4, 0, 15, 15, 'x', 'x'}), true, false},
+        {"number for a text", bytes_from({4, 0, 1, 1, 7, 7}), true, false},
+        {"blob for a text", bytes_from({4, 0, 1, 14, 7, 'x'}), true, false},
+        {"zero in a text", bytes_from({4, 0, 1, 15, 7, 0}), true, false},
+    };
+    const column_kind columns[] = {column_kind::row_id, column_kind::integer, column_kind::text};
+    for (const record_case& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<value> values;
+        const byte_view payload(reinterpret_cast<const uint8_t*>(c.payload.data()),
+                                c.payload.size());
+        EXPECT_EQ(parse_record(payload, values), c.is_record);
+        if (c.is_record) {
+            EXPECT_EQ(fits(values, columns), c.is_row);
+        }
+    }
 }
 
 // --- Cut and full -------------------------------------------------------------------------------

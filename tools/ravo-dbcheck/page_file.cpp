@@ -28,15 +28,15 @@ constexpr uint8_t leaf_mark = 0x0d;
 constexpr uint8_t inner_mark = 0x05;
 constexpr uint64_t largest_payload = uint64_t{1024} * 1024;  // far above any row of the store
 
-uint64_t big_endian(bytes from) {
+uint64_t big_endian(byte_view from) {
     uint64_t number = 0;
     for (const uint8_t byte : from) number = number << 8 | byte;
     return number;
 }
-uint32_t number16(bytes page, size_t at) {
+uint32_t number16(byte_view page, size_t at) {
     return static_cast<uint32_t>(big_endian(page.subspan(at, 2)));
 }
-uint32_t number32(bytes page, size_t at) {
+uint32_t number32(byte_view page, size_t at) {
     return static_cast<uint32_t>(big_endian(page.subspan(at, 4)));
 }
 
@@ -48,7 +48,7 @@ size_t head_size(page_kind kind) {
 }
 
 // Where the n-th cell begins; kind_of has seen that its place is in the page.
-size_t cell_place(uint32_t number, bytes page, page_kind kind, size_t n) {
+size_t cell_place(uint32_t number, byte_view page, page_kind kind, size_t n) {
     return number16(page, head_of(number) + head_size(kind) + 2 * n);
 }
 
@@ -62,15 +62,15 @@ size_t stated_page_size(int fd) {
 }
 
 // Of an overflow page without the number of the next one, which changes when that is moved.
-size_t content_hash(bytes page) {
-    const bytes content = page.subspan(4);
+size_t content_hash(byte_view page) {
+    const byte_view content = page.subspan(4);
     return std::hash<std::string_view>()(
         {reinterpret_cast<const char*>(content.data()), content.size()});
 }
 
 }  // namespace
 
-std::optional<uint64_t> take_varint(bytes& from) {
+std::optional<uint64_t> take_varint(byte_view& from) {
     uint64_t value = 0;
     for (size_t n = 0; n < from.size() && n < 9; ++n) {
         if (n == 8) {
@@ -128,7 +128,7 @@ uint64_t page_file::count_tree_pages() const {
 }
 
 // Whether a page has cells, and all of them begin in it. With a wrong size they do not.
-bool page_file::is_whole_tree_page(uint32_t number, bytes page) const {
+bool page_file::is_whole_tree_page(uint32_t number, byte_view page) const {
     const page_kind kind = kind_of(number, page);
     const size_t cells = cell_count(number, page);
     if (kind == page_kind::other || cells == 0) return false;
@@ -145,7 +145,7 @@ bool page_file::read(uint32_t number, std::vector<uint8_t>& page) const {
     return pread(fd, page.data(), size, start) > 0;
 }
 
-page_kind page_file::kind_of(uint32_t number, bytes page) const {
+page_kind page_file::kind_of(uint32_t number, byte_view page) const {
     const size_t head = head_of(number);
     const uint8_t mark = page[head];
     if (mark != leaf_mark && mark != inner_mark) return page_kind::other;
@@ -154,7 +154,7 @@ page_kind page_file::kind_of(uint32_t number, bytes page) const {
     return cells_end <= size ? kind : page_kind::other;
 }
 
-size_t page_file::cell_count(uint32_t number, bytes page) const {
+size_t page_file::cell_count(uint32_t number, byte_view page) const {
     return number16(page, head_of(number) + count_place);
 }
 
@@ -167,10 +167,10 @@ size_t page_file::local_size(uint64_t payload_size) const {
     return wanted <= most ? wanted : least;
 }
 
-std::optional<row_cell> page_file::leaf_cell(uint32_t number, bytes page, size_t n) const {
+std::optional<row_cell> page_file::leaf_cell(uint32_t number, byte_view page, size_t n) const {
     const size_t place = cell_place(number, page, page_kind::table_leaf, n);
     if (place >= page.size()) return {};
-    bytes rest = page.subspan(place);
+    byte_view rest = page.subspan(place);
     const std::optional<uint64_t> payload_size = take_varint(rest);
     if (!payload_size || *payload_size > largest_payload) return {};
     const std::optional<uint64_t> id = take_varint(rest);
@@ -181,7 +181,7 @@ std::optional<row_cell> page_file::leaf_cell(uint32_t number, bytes page, size_t
                     goes_on ? number32(rest, local) : 0};
 }
 
-uint32_t page_file::child(uint32_t number, bytes page, size_t n) const {
+uint32_t page_file::child(uint32_t number, byte_view page, size_t n) const {
     if (n == cell_count(number, page)) return number32(page, head_of(number) + right_child_place);
     const size_t place = cell_place(number, page, page_kind::table_inner, n);
     return place + 4 <= page.size() ? number32(page, place) : 0;
@@ -204,7 +204,7 @@ uint32_t page_file::mapped_owner(uint32_t number) const {
 
 // Whether an overflow page has been overwritten with one of another row, which is still behind the
 // stated end as well. Its map alone says too much: it may be ahead of an owner that is to change.
-bool page_file::was_moved_in(uint32_t number, bytes page, uint32_t owner) const {
+bool page_file::was_moved_in(uint32_t number, byte_view page, uint32_t owner) const {
     return number > 2 && number <= stated && moved.contains(content_hash(page)) &&
            mapped_owner(number) != owner;
 }

@@ -30,10 +30,10 @@
 #include <unordered_set>
 #include <vector>
 
-using bytes = std::span<const uint8_t>;
+using byte_view = std::span<const uint8_t>;
 
 // Takes a varint off the front. Nothing: it goes on behind the end.
-std::optional<uint64_t> take_varint(bytes& from);
+std::optional<uint64_t> take_varint(byte_view& from);
 
 enum class page_kind { table_leaf, table_inner, other };
 
@@ -41,7 +41,7 @@ struct row_cell {
     uint32_t page;
     int64_t id;
     uint64_t payload_size;
-    bytes local;              // of the payload
+    byte_view local;          // of the payload
     uint32_t first_overflow;  // 0: all of it is local
 };
 
@@ -60,12 +60,12 @@ class page_file {
     bool read(uint32_t number, std::vector<uint8_t>& page) const;
 
     // The kind as its head says, when the places of its cells fit into the page.
-    page_kind kind_of(uint32_t number, bytes page) const;
-    size_t cell_count(uint32_t number, bytes page) const;
+    page_kind kind_of(uint32_t number, byte_view page) const;
+    size_t cell_count(uint32_t number, byte_view page) const;
     // Nothing: there is no whole cell at the place.
-    std::optional<row_cell> leaf_cell(uint32_t number, bytes page, size_t n) const;
+    std::optional<row_cell> leaf_cell(uint32_t number, byte_view page, size_t n) const;
     // An inner page has one child more than cells. 0: none.
-    uint32_t child(uint32_t number, bytes page, size_t n) const;
+    uint32_t child(uint32_t number, byte_view page, size_t n) const;
 
     // Fills whole with all of a cell's payload. False: a page of it is missing, or in no chain that
     // can hold it.
@@ -73,12 +73,12 @@ class page_file {
 
   private:
     uint64_t count_tree_pages() const;
-    bool is_whole_tree_page(uint32_t number, bytes page) const;
+    bool is_whole_tree_page(uint32_t number, byte_view page) const;
     void use_page_size(size_t bytes_of_page);
     size_t local_size(uint64_t payload_size) const;
     bool append_overflow(const row_cell& cell, std::vector<uint8_t>& whole) const;
     void read_header();
-    bool was_moved_in(uint32_t number, bytes page, uint32_t owner) const;
+    bool was_moved_in(uint32_t number, byte_view page, uint32_t owner) const;
     uint32_t mapped_owner(uint32_t number) const;
 
     int fd;

@@ -22,13 +22,13 @@ uint64_t size_of(uint64_t type) {
 }
 
 // Two's complement, of up to 8 bytes.
-int64_t signed_number(bytes from) {
+int64_t signed_number(byte_view from) {
     uint64_t number = !from.empty() && (from[0] & 0x80U) != 0 ? UINT64_MAX : 0;
     for (const uint8_t byte : from) number = number << 8 | byte;
     return static_cast<int64_t>(number);
 }
 
-value make_value(uint64_t type, bytes from) {
+value make_value(uint64_t type, byte_view from) {
     using kind = value::type;
     if (type == 0) return {};
     if (type == zero_type || type == one_type) {
@@ -58,14 +58,14 @@ bool can_hold(column_kind column, const value& v) {
 
 }  // namespace
 
-bool parse_record(bytes payload, std::vector<value>& values) {
+bool parse_record(byte_view payload, std::vector<value>& values) {
     values.clear();
-    bytes types = payload;
+    byte_view types = payload;
     const auto head_size = take_varint(types);
     const size_t size_bytes = payload.size() - types.size();
     if (!head_size || *head_size < size_bytes || *head_size > payload.size()) return false;
     types = payload.first(*head_size).subspan(size_bytes);
-    bytes body = payload.subspan(*head_size);
+    byte_view body = payload.subspan(*head_size);
     while (!types.empty()) {
         const auto type = take_varint(types);
         if (!type || !is_known(*type) || size_of(*type) > body.size()) return false;

@@ -25,7 +25,7 @@ struct value {
 };
 
 // Takes a payload apart. False: it is no whole record.
-bool parse_record(bytes payload, std::vector<value>& values);
+bool parse_record(byte_view payload, std::vector<value>& values);
 
 // What a column is declared to hold. A row's id stands outside of its record, which has NULL there.
 enum class column_kind { row_id, integer, text };

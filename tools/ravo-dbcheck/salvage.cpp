@@ -82,7 +82,7 @@ class salvager {
     }
 
     // Reads the n-th row of a leaf into values, which last until the next one is read.
-    bool read_row(uint32_t number, bytes page, size_t n, int64_t& id) {
+    bool read_row(uint32_t number, byte_view page, size_t n, int64_t& id) {
         const auto cell = file.leaf_cell(number, page, n);
         if (!cell || !file.read_payload(*cell, payload)) return false;
         id = cell->id;
@@ -90,7 +90,7 @@ class salvager {
     }
 
     void read_roots() {
-        (void)walk(schema_root, [this](uint32_t number, bytes page) {
+        (void)walk(schema_root, [this](uint32_t number, byte_view page) {
             int64_t id = 0;
             for (size_t n = 0; n < file.cell_count(number, page); ++n) {
                 if (!read_row(number, page, n, id) || !fits(values, schema_columns)) continue;
@@ -123,7 +123,7 @@ class salvager {
 
     // Saves a leaf's rows of this owner. Returns whether the page is the owner's: it has such rows,
     // or no rows at all. The others in the owner's page are broken.
-    bool save_leaf(const row_owner& owner, uint32_t number, bytes page) {
+    bool save_leaf(const row_owner& owner, uint32_t number, byte_view page) {
         uint64_t others = 0;
         bool is_owners = file.cell_count(number, page) == 0;
         for (size_t n = 0; n < file.cell_count(number, page) && result.code == 0; ++n) {
@@ -140,7 +140,7 @@ class salvager {
     }
 
     void save_tree(const row_owner& owner, uint32_t root) {
-        const uint64_t missing = walk(root, [&](uint32_t number, bytes page) {
+        const uint64_t missing = walk(root, [&](uint32_t number, byte_view page) {
             if (is_done[number]) return;
             if (save_leaf(owner, number, page)) {
                 is_done[number] = true;
@@ -152,7 +152,7 @@ class salvager {
     }
 
     // Of a leaf that no tree has led to: what its first whole row belongs to.
-    row_owner find_owner(uint32_t number, bytes page) {
+    row_owner find_owner(uint32_t number, byte_view page) {
         for (size_t n = 0; n < file.cell_count(number, page); ++n) {
             int64_t id = 0;
             if (!read_row(number, page, n, id)) continue;
