@@ -9,13 +9,13 @@ from support.ravod import RavodTest
 PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
-PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravod",
-            "sbin/vpncaas"]
+PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
+            "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
                 "man8/NetworkService.8", "man8/notify.8",
-                "man8/ravod.8", "man8/vpncaas.8"]
+                "man8/ravo-dbcheck.8", "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
@@ -153,6 +153,11 @@ class install(RavodTest):
             self.assertRegex(unit, rf"\nExecStart=/[^ \n]*/sbin/{name}\n")
             self.assertRegex(unit, r"\nSystemCallFilter=@system-service\n")
             self.assertNotRegex(unit, r"@[A-Z_]+@")
+            if name == "ravod":
+                self.assertRegex(unit, r"\nExecStartPre=/[^ \n]*/sbin/ravo-dbcheck\n")
+
+    def test_check_of_the_database_runs(self):
+        self.assertIn("ravo.db: not there yet", self.check("ravo-dbcheck"))
 
     def test_manual_pages_are_well_formed(self):
         for page in MANUAL_PAGES:

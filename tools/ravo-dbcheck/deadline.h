@@ -1,0 +1,27 @@
+// How long a check or a salvage may take.
+#ifndef DBCHECK_DEADLINE_H
+#define DBCHECK_DEADLINE_H
+
+#include <chrono>
+#include <cstdint>
+
+class deadline {
+  public:
+    using clock = std::chrono::steady_clock;
+
+    explicit deadline(clock::duration budget) : end(clock::now() + budget) {}
+    bool has_passed() const { return clock::now() > end; }
+
+  private:
+    clock::time_point end;
+};
+
+// About a full table of the largest rows. Each that a file has begun is worth ten seconds.
+inline constexpr int64_t full_table_bytes = int64_t{512} * 1024 * 1024;
+inline constexpr std::chrono::seconds full_table_budget{10};
+
+constexpr std::chrono::seconds budget_of(int64_t file_bytes) {
+    return full_table_budget * (1 + file_bytes / full_table_bytes);
+}
+
+#endif  // DBCHECK_DEADLINE_H

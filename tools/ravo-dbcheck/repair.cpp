@@ -1,0 +1,195 @@
+// The whole of a run.
+//
+// The order of steps, so that a run can be cut at any instant, by a kill or a power loss, and the
+// next one goes on without loss:
+//
+//   1  the rows are saved into DATABASE-salvage, a file of its own    cut: it is removed and made
+//   anew 2  the damaged file gets its second name, a hard link             cut: the link is found
+//   again 3  its side files get theirs                                      cut: the rest of them
+//   follow 4  DATABASE-salvage, synced, is renamed to DATABASE               cut: before or after,
+//   nothing else 5  the oldest of the damaged files go                             cut: they go the
+//   next time
+//
+// So DATABASE is at every instant the damaged file or the whole new one, and the damaged file is
+// never without a name. It is only read.
+#include "repair.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "check.h"
+#include "deadline.h"
+#include "handles.h"
+#include "page_file.h"
+#include "replacement.h"
+#include "salvage.h"
+#include "set_aside.h"
+
+namespace {
+
+// --- The file -----------------------------------------------------------------------------------
+
+// A symbolic link leads to the file that is worked beside. Empty: see errno.
+std::string resolve(const std::string& path) {
+    const std::unique_ptr<char, decltype(&free)> whole(realpath(path.c_str(), nullptr), free);
+    return whole ? whole.get() : "";
+}
+
+exit_status status_of(int error) {
+    return error == EACCES || error == EPERM || error == EROFS ? exit_status::no_access
+                                                               : exit_status::not_repaired;
+}
+
+// One run at a time. The lock is the folder's, so it needs no file of its own.
+descriptor lock_folder(const std::string& path) {
+    const std::string folder = std::filesystem::path(path).parent_path().string();
+    descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.is_open() && flock(opened.get(), LOCK_EX | LOCK_NB) == 0) return opened;
+    return {};
+}
+
+// The bytes that SQLite locks, all of them: no other program reads or writes the file through
+// SQLite meanwhile. An open connection that does nothing holds no lock and is not met here.
+bool lock_out_others(int fd) {
+    struct flock all = {};
+    all.l_type = F_WRLCK;
+    all.l_whence = SEEK_SET;
+    all.l_start = 0x40000000;
+    all.l_len = 512;
+    return fcntl(fd, F_OFD_SETLK, &all) == 0;
+}
+
+// --- The line -----------------------------------------------------------------------------------
+
+std::string counted(uint64_t number, const std::string& thing) {
+    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
+std::string saved_words(const replacement& saved) {
+    std::string words;
+    for (const kept_table& table : saved.tables) {
+        words += (words.empty() ? "" : ", ") + counted(table.saved, "row") + " of " + table.name;
+    }
+    return words;
+}
+
+std::string not_saved_words(const salvage_result& result) {
+    if (result.is_unfinished) return "the time was over, and the rest was not read";
+    if (result.broken_rows == 0 && result.missing_pages == 0) return "nothing is known to be lost";
+    return "not saved: " + counted(result.broken_rows, "broken row") + ", " +
+           counted(result.missing_pages, "unreadable page");
+}
+
+// --- The steps ----------------------------------------------------------------------------------
+
+class run {
+  public:
+    run(std::string given, std::string resolved, std::optional<std::chrono::milliseconds> time)
+        : name(std::move(given)), path(std::move(resolved)), budget(time) {}
+
+    outcome go() {
+        if (const int error = open_file(); error != 0) return failed(status_of(error), error);
+        if (!S_ISREG(status.st_mode)) return told(exit_status::no_access, "not a regular file");
+        if (status.st_size == 0) return told(exit_status::may_start, "empty, as a new one");
+        folder = lock_folder(path);
+        if (!folder.is_open()) return told(exit_status::in_use, "another check is at work");
+        if (const int error = remove_leftover(path); error != 0) {
+            return failed(status_of(error), error);
+        }
+        const check_result checked = check_database(path.c_str(), time_left());
+        switch (checked.found) {
+            case finding::sound:
+                return told(exit_status::may_start, "sound");
+            case finding::unfinished:
+                return told(exit_status::may_start, "no damage found, but not all of it was read");
+            case finding::in_use:
+                return told(exit_status::in_use, "in use by another program");
+            case finding::failed:
+                return told(exit_status::no_access, checked.reason);
+            case finding::damaged:
+                break;
+        }
+        return repair(checked.reason);
+    }
+
+  private:
+    outcome told(exit_status result, const std::string& words) const {
+        return {result, name + ": " + words};
+    }
+    outcome failed(exit_status result, int error, const std::string& before = "") const {
+        return told(result, before + strerror(error));
+    }
+
+    deadline time_left() const {
+        return deadline(budget ? *budget : budget_of(int64_t{status.st_size}));
+    }
+
+    // A look before the opening, which can do something of its own to what is no file.
+    int open_file() {
+        if (stat(path.c_str(), &status) != 0) return errno;
+        if (!S_ISREG(status.st_mode)) return 0;
+        file = descriptor(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+        return file.is_open() ? 0 : errno;
+    }
+
+    outcome repair(const std::string& reason) {
+        const std::string damaged = "damaged (" + reason + "); ";
+        if (!lock_out_others(file.get())) {
+            return told(exit_status::in_use, damaged + "in use by another program");
+        }
+        replacement saved;
+        int code = saved.create(salvage_path(path));
+        const page_file pages(file.get());
+        salvage_result result;
+        if (code == SQLITE_OK) {
+            result = salvage(pages, saved, time_left());
+            code = result.code;
+        }
+        if (code != SQLITE_OK) {
+            (void)remove_leftover(path);
+            return told(exit_status::not_repaired,
+                        damaged + "its rows could not be saved: " + words_of(code));
+        }
+        std::string kept;
+        const int error = exchange(kept);
+        if (error != 0) {
+            (void)remove_leftover(path);
+            return failed(exit_status::not_repaired, error,
+                          damaged + "it could not be set aside: ");
+        }
+        return told(exit_status::may_start, damaged + "saved " + saved_words(saved) + "; " +
+                                                not_saved_words(result) + "; the damaged file is " +
+                                                kept);
+    }
+
+    int exchange(std::string& kept) const {
+        int error = keep_damaged(path, kept);
+        if (error == 0) error = move_side_files(path, kept);
+        if (error == 0) error = put_in_place(path);
+        if (error == 0) remove_oldest(path, kept);
+        return error;
+    }
+
+    const std::string name;  // as the caller has it
+    const std::string path;
+    const std::optional<std::chrono::milliseconds> budget;
+    struct stat status = {};
+    descriptor file;
+    descriptor folder;
+};
+
+}  // namespace
+
+outcome check_and_repair(const std::string& path, std::optional<std::chrono::milliseconds> budget) {
+    const std::string resolved = resolve(path);
+    if (!resolved.empty()) return run(path, resolved, budget).go();
+    if (errno == ENOENT) return {exit_status::may_start, path + ": not there yet"};
+    return {exit_status::no_access, path + ": " + strerror(errno)};
+}
