@@ -40,7 +40,7 @@ if(RAVO_SANITIZE)
 elseif(RAVO_COVERAGE)
     # Counters are shared with the threads and the processes that a program starts.
     add_compile_options(--coverage -fprofile-update=atomic -fprofile-abs-path)
-    add_link_options(--coverage)
+    add_link_options(--coverage -Wl,-z,relro,-z,now)
 else()
     add_compile_options(-fstack-protector-strong)
     include(CheckCXXCompilerFlag)
