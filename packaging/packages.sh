@@ -11,6 +11,8 @@ test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
     binutils systemd
 )
+# What ./test --coverage needs besides.
+coverage_packages=(gcovr)
 
 # announce WORDS...: a heading, so that a long step is never a silent one.
 announce() { printf '\n==> %s\n' "$*"; }

@@ -34,6 +34,13 @@ if(RAVO_SANITIZE)
     add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
                         -fno-omit-frame-pointer -g1)
     add_link_options(-fsanitize=address,undefined)
+    if(RAVO_BUILD_FUZZERS)
+        add_compile_options(-fsanitize=fuzzer-no-link)
+    endif()
+elseif(RAVO_COVERAGE)
+    # Counters are shared with the threads and the processes that a program starts.
+    add_compile_options(--coverage -fprofile-update=atomic -fprofile-abs-path)
+    add_link_options(--coverage -Wl,-z,relro,-z,now)
 else()
     add_compile_options(-fstack-protector-strong)
     include(CheckCXXCompilerFlag)

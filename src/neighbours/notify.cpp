@@ -7,7 +7,6 @@
 // bytes they hold the result stays one line.
 #include <fcntl.h>
 #include <getopt.h>
-#include <jansson.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -17,71 +16,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <memory>
 #include <span>
 #include <string>
-#include <string_view>
 
-#include "plain_text.h"
+#include "notification.h"
 
 namespace {
 
 constexpr char notifications_file[] = "/var/log/network/notifications.jsonl";
 constexpr mode_t notifications_mode = 0640;  // user names stand in it
 constexpr unsigned lock_seconds = 5;         // waiting for other notifiers, at most
-constexpr size_t max_place_digits = 3;       // of the N in {N}
-
-struct notification {
-    const char* application = nullptr;
-    const char* category = nullptr;
-    const char* message_id = nullptr;
-    const char* level = nullptr;
-    const char* type = nullptr;
-    std::string text;
-};
 
 int usage() {
     (void)fputs("usage: notify send -A APP -C CATEGORY -M ID -l LEVEL -t TYPE TEMPLATE [ARG ...]\n",
                 stderr);
     return 2;
-}
-
-// --- Template ------------------------------------------------------------------------------------
-
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-// Replaces each {N} by argument N. A place without an argument stays as it is.
-std::string expand(std::string_view form, std::span<char*> arguments) {
-    std::string text;
-    while (!form.empty()) {
-        size_t end = 1;
-        size_t index = 0;
-        while (end < form.size() && end <= max_place_digits && is_digit(form[end])) {
-            index = index * 10 + static_cast<size_t>(form[end++] - '0');
-        }
-        const bool is_place = form[0] == '{' && end > 1 && end < form.size() && form[end] == '}' &&
-                              index < arguments.size();
-        if (is_place)
-            text += arguments[index];
-        else
-            text += form[0];
-        form.remove_prefix(is_place ? end + 1 : 1);
-    }
-    return text;
-}
-
-// --- Bytes that are not to go out as they are ----------------------------------------------------
-
-bool is_utf8(const std::string& text) {
-    json_t* value = json_string(text.c_str());
-    json_decref(value);
-    return value != nullptr;
-}
-
-// The text itself when it is UTF-8; otherwise with its bytes beyond ASCII escaped.
-std::string as_utf8(const std::string& text) {
-    return is_utf8(text) ? text : escape(text, is_not_ascii);
 }
 
 // --- Delivery ------------------------------------------------------------------------------------
@@ -95,22 +44,8 @@ int priority_of(const char* level) {
 // One line in any log.
 void tell_system_log(const notification& note) {
     openlog("notify", LOG_PID, LOG_DAEMON);
-    syslog(priority_of(note.level), "%s", escape(as_utf8(note.text), is_control).c_str());
+    syslog(priority_of(note.level), "%s", log_line(note).c_str());
     closelog();
-}
-
-// JSON holds any text on one line, but only as UTF-8.
-json_t* json_text(const std::string& text) { return json_string(as_utf8(text).c_str()); }
-
-// The notification's line with its line end; empty when there was no memory for it.
-std::string json_line(const notification& note) {
-    json_t* object = json_pack(
-        "{s:I, s:o, s:o, s:o, s:o, s:o}", "time", static_cast<json_int_t>(time(nullptr)),
-        "application", json_text(note.application), "category", json_text(note.category), "id",
-        json_text(note.message_id), "level", json_text(note.level), "text", json_text(note.text));
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(object, JSON_COMPACT), free);
-    json_decref(object);
-    return text ? std::string(text.get()) + "\n" : std::string();
 }
 
 // Keeps other notifiers out until the descriptor is closed. False after lock_seconds: whoever holds

@@ -50,7 +50,7 @@ char* payload::make_room(std::size_t limit, std::size_t& room) {
         const std::size_t grown = std::max(2 * capacity_, smallest_block);
         if (!reallocate(std::min(grown, limit + 1))) return nullptr;
     }
-    room = capacity_ - 1 - length_;
+    room = std::min(capacity_ - 1, limit) - length_;
     return block_ + length_;
 }
 

@@ -1,8 +1,5 @@
 // Fuzzes the reader of the side file: any bytes are a record or none, and a record that is whole
-// has every page in the file, once, in order. For libFuzzer, with the seeds beside this:
-//
-//   cmake --preset clang && cmake --build build/clang --target commit_record_fuzz
-//   build/clang/tests/commit_record_fuzz -max_total_time=60 FOLDER tests/fuzz/commit_record
+// has every page in the file, once, in order.
 //
 // The last byte of the input says whether its checksum is set right first, which no fuzzer guesses.
 #include <sqlite3.h>
