@@ -1,5 +1,6 @@
 """ravoctl gateway: the gateway setting of the options file."""
 import ctypes
+import fcntl
 import json
 import os
 import shutil
@@ -29,6 +30,12 @@ NONE = {"as_gw_en": 0}
 
 def one(type_code, index, sname):
     return {"type": type_code, "index": index, "sname": sname}
+
+
+def state_of(pid):
+    """One letter, as proc(5) has it: T is stopped."""
+    with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
+        return file.read().rsplit(")", 1)[1].split()[0]
 
 
 OPENVPN_1 = one(1024, 1, "OPENVPN_CLIENT1")
@@ -139,6 +146,19 @@ class ravoctl_gateway(RavodTest):
             json.dump({sname: {"profile": profile} for sname, profile in profiles.items()}, file)
         self.network = self.start(os.environ["NETWORK_SERVICE"]).process
 
+    def stop_network(self):
+        """Lets the network service wait, at a moment when it does not hold the options' lock."""
+        with open(OPTIONS + ".lck", "ab") as lock:
+            while True:
+                os.kill(self.network.pid, signal.SIGSTOP)
+                while state_of(self.network.pid) != "T":
+                    os.sched_yield()
+                try:
+                    fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+                    return
+                except BlockingIOError:
+                    os.kill(self.network.pid, signal.SIGCONT)
+
     def interfere(self, event, interference, *arguments):
         """Runs a change, and interferes when this has happened to the file.
 
@@ -149,12 +169,12 @@ class ravoctl_gateway(RavodTest):
         watch = libc.inotify_init1(os.O_CLOEXEC)
         self.addCleanup(os.close, watch)
         self.assertGreater(libc.inotify_add_watch(watch, OPTIONS.encode(), event), 0)
-        self.network.send_signal(signal.SIGSTOP)
+        self.stop_network()
         with subprocess.Popen([os.environ["RAVOCTL"], "gateway", *arguments],
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE) as tool:
             os.read(watch, 4096)
             interference(tool)
-            self.network.send_signal(signal.SIGCONT)
+            os.kill(self.network.pid, signal.SIGCONT)
             output, errors = tool.communicate()
         return subprocess.CompletedProcess(arguments, tool.returncode, output, errors)
 
