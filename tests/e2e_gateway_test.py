@@ -159,19 +159,6 @@ class ravoctl_gateway(RavodTest):
                 except BlockingIOError:
                     os.kill(self.network.pid, signal.SIGCONT)
 
-    def stop_network(self):
-        """Lets the network service wait, at a moment when it does not hold the options' lock."""
-        with open(OPTIONS + ".lck", "ab") as lock:
-            while True:
-                os.kill(self.network.pid, signal.SIGSTOP)
-                while state_of(self.network.pid) != "T":
-                    os.sched_yield()
-                try:
-                    fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-                    return
-                except BlockingIOError:
-                    os.kill(self.network.pid, signal.SIGCONT)
-
     def interfere(self, event, interference, *arguments):
         """Runs a change, and interferes when this has happened to the file.
 
