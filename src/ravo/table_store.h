@@ -310,8 +310,8 @@ inline bool build_statements(table_state& t) {
 }
 
 inline void run_pragmas(table_state& t) {
-    // Deliberate: "ON" is 1, which SQLite calls NORMAL, and there is no journal. What a crash in the
-    // middle of a transaction costs then is up to the VFS below.
+    // Deliberate: "ON" is 1, which SQLite calls NORMAL, and there is no journal. What a crash in
+    // the middle of a transaction costs then is up to the VFS below.
     static constexpr const char* pragmas[] = {
         "PRAGMA page_size = 2048;",           "PRAGMA synchronous = ON;",
         "PRAGMA auto_vacuum = FULL;",         "PRAGMA journal_mode = OFF;",
