@@ -3,12 +3,11 @@
 // The order of steps, so that a run can be cut at any instant, by a kill or a power loss, and the
 // next one goes on without loss:
 //
-//   1  the rows are saved into DATABASE-salvage, a file of its own    cut: it is removed and made
-//   anew 2  the damaged file gets its second name, a hard link             cut: the link is found
-//   again 3  its side files get theirs                                      cut: the rest of them
-//   follow 4  DATABASE-salvage, synced, is renamed to DATABASE               cut: before or after,
-//   nothing else 5  the oldest of the damaged files go                             cut: they go the
-//   next time
+// 1. The rows are saved into DATABASE-salvage, a file of its own. Cut: it is made anew.
+// 2. The damaged file gets its second name, a hard link. Cut: the link is found again.
+// 3. Its side files get theirs. Cut: the rest of them follow.
+// 4. DATABASE-salvage, synced, is renamed to DATABASE. Cut: before or after, nothing else.
+// 5. The oldest of the damaged files go. Cut: they go the next time.
 //
 // So DATABASE is at every instant the damaged file or the whole new one, and the damaged file is
 // never without a name. It is only read.
