@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_RAVOD_CHECKS_H
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -114,6 +115,21 @@ inline std::string proc_status(pid_t pid, const std::string& name) {
 inline bool is_in_set(pid_t pid, const std::string& set, int sig) {
     return (std::stoull(proc_status(pid, set), nullptr, 16) >> (sig - 1) & 1) != 0;
 }
+
+// Keeps a process from going on, so that what it has open stays open while it is looked at.
+class standstill {
+  public:
+    explicit standstill(pid_t process) : pid(process) {
+        kill(pid, SIGSTOP);
+        while (!proc_status(pid, "State").starts_with("T")) sched_yield();
+    }
+    ~standstill() { kill(pid, SIGCONT); }
+    standstill(const standstill&) = delete;
+    standstill& operator=(const standstill&) = delete;
+
+  private:
+    const pid_t pid;
+};
 
 // What each open descriptor of a process leads to.
 inline std::map<int, std::string> descriptors_of(pid_t pid) {
