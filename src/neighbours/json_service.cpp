@@ -19,11 +19,6 @@ namespace {
 
 constexpr size_t max_file_size = size_t{4} * 1024 * 1024;  // bytes
 
-struct text_deleter {
-    void operator()(char* text) const { free(text); }
-};
-using text_ptr = std::unique_ptr<char, text_deleter>;
-
 const json_service* served = nullptr;
 zb_service* endpoint = nullptr;
 
@@ -57,7 +52,7 @@ bool read_all(const descriptor& file, std::string& bytes) {
 // --- Serving -------------------------------------------------------------------------------------
 
 void send_answer(zb_io* io, const json_t* answer) {
-    const text_ptr text(json_dumps(answer, 0));
+    const json_text text(json_dumps(answer, 0));
     if (!text) return;
     (void)zb_io_realloc(io, 0);
     if (zb_io_write(io, text.get(), strlen(text.get())) == 0) (void)zb_reply(io);

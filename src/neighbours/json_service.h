@@ -7,16 +7,11 @@
 
 #include <jansson.h>
 
-#include <memory>
 #include <span>
 #include <string>
 
 #include "descriptor.h"
-
-struct json_deleter {
-    void operator()(json_t* value) const { json_decref(value); }
-};
-using json_ptr = std::unique_ptr<json_t, json_deleter>;
+#include "json_ptr.h"
 
 // --- Files ---------------------------------------------------------------------------------------
 //

@@ -12,6 +12,7 @@
 #include <memory>
 #include <utility>
 
+#include "json_ptr.h"
 #include "nc_msg_db.h"
 #include "ravo_log.h"
 #include "zbservice.h"
@@ -25,17 +26,7 @@ constexpr int call_timeout_seconds = 5;
 struct zb_io_deleter {
     void operator()(zb_io* io) const { zb_io_free(io); }
 };
-struct json_deleter {
-    void operator()(json_t* value) const { json_decref(value); }
-};
-using json_ptr = std::unique_ptr<json_t, json_deleter>;
-
-struct text_deleter {
-    void operator()(char* text) const { free(text); }
-};
-using text_ptr = std::unique_ptr<char, text_deleter>;
-
-text_ptr dump(const json_t* value) { return text_ptr(json_dumps(value, 0)); }
+json_text dump(const json_t* value) { return json_text(json_dumps(value, 0)); }
 
 // A member as a text; empty when it is none.
 const char* text(const json_t* object, const char* key) {
@@ -361,7 +352,7 @@ int GlobalConfig::disable_gateway(TYPE type, int index) {
     json_t* setting = json_object_get(root.get(), "gw_setting");
     if (number<int>(setting, "as_gw_en") == 0) return 0;
     if (!remove_connection(setting, {type, index})) return 0;
-    const text_ptr raw = dump(root.get());
+    const json_text raw = dump(root.get());
     if (raw) (void)save(raw.get());  // an update that there was no memory for would empty the file
     log_line(HERE, "ERROR", "gw changed, root=%s\n", text_or_null(dump(root.get()).get()));
     return 0;
@@ -385,8 +376,8 @@ namespace {
 
 // Prints a document as one line and releases it.
 void print_line(json_t* document) {
-    const ravo::json_ptr owned(document);
-    const ravo::text_ptr line = ravo::dump(document);
+    const json_ptr owned(document);
+    const json_text line = ravo::dump(document);
     if (line) (void)puts(line.get());
 }
 

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string_view>
 
+#include "json_ptr.h"
+
 namespace {
 
 constexpr size_t leaf_flags =
@@ -61,7 +63,7 @@ std::string double_text(double v, std::chars_format format) {
 }
 
 std::string leaf_text(const json_t* leaf) {
-    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(leaf, leaf_flags), free);
+    const json_text text(json_dumps(leaf, leaf_flags));
     return text ? text.get() : "";
 }
 

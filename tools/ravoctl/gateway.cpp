@@ -10,7 +10,7 @@
 #include <new>
 
 #include "global_options.h"
-#include "json.h"
+#include "json_ptr.h"
 #include "options_file.h"
 #include "output.h"
 #include "text.h"
@@ -143,14 +143,14 @@ json_t* to_section(const connection& c) {
 }
 
 // The whole section, since the store replaces it as a whole.
-json_owner to_section(const gateway_setting& setting) {
-    if (!setting.gateway) return json_owner(json_pack("{s:i}", "as_gw_en", 0));
-    json_owner section(json_pack("{s:i, s:o, s:i}", "as_gw_en", 1, "gw1",
-                                 to_section(*setting.gateway), "failover_en",
-                                 setting.backup ? 1 : 0));
+json_ptr to_section(const gateway_setting& setting) {
+    if (!setting.gateway) return json_ptr(json_pack("{s:i}", "as_gw_en", 0));
+    json_ptr section(json_pack("{s:i, s:o, s:i}", "as_gw_en", 1, "gw1",
+                               to_section(*setting.gateway), "failover_en",
+                               setting.backup ? 1 : 0));
     if (!setting.backup) return section;
-    const json_owner backup(json_pack("{s:o, s:i}", "gw2", to_section(*setting.backup),
-                                      "failover_interval", setting.delay));
+    const json_ptr backup(json_pack("{s:o, s:i}", "gw2", to_section(*setting.backup),
+                                    "failover_interval", setting.delay));
     if (json_object_update(section.get(), backup.get()) != 0) throw std::bad_alloc();
     return section;
 }
@@ -189,7 +189,7 @@ default_route ask_default_route() {
     if (answer.type != JsonValue::OBJECT_TYPE) return {};
     std::string text;
     answer.toString(text);
-    const json_owner route(json_loads(text.c_str(), 0, nullptr));
+    const json_ptr route(json_loads(text.c_str(), 0, nullptr));
     const connection c = {static_cast<ravo::TYPE>(ravo::number<uint16_t>(route.get(), "type")),
                           ravo::number<int>(route.get(), "index")};
     if (c.type == ravo::NONE_TYPE) return {true, std::nullopt};
@@ -203,7 +203,7 @@ std::string profile_of(const connection& c, bool service_answers) {
 
 // The store has asked for this already, but does not tell what came of it.
 bool have_setting_read() {
-    const json_owner reply(
+    const json_ptr reply(
         ravo::easy_zb_call("NetworkService", "external_dev.update_vpn_gw", nullptr));
     if (reply != nullptr) return true;
     fmt::print(stderr,
@@ -276,7 +276,7 @@ const char* word_of(options_state state) {
 
 void print_all_as_json(const options_document& options, const default_route& route) {
     const gateway_setting setting = read_setting(options.root.get());
-    const json_owner json(json_pack(
+    const json_ptr json(json_pack(
         "{s:s, s:o, s:o, s:o, s:b, s:o}", "options_file", word_of(options.state), "gateway",
         to_json(setting.gateway, route), "backup", to_json(setting.backup, route), "delay",
         setting.backup ? json_integer(setting.delay) : json_null(), "default_route_is_known",
@@ -303,8 +303,8 @@ bool make_good_interrupted_change() {
 }
 
 // The network service may have read what the copy has replaced since.
-json_owner change_or_have_old_setting_read(const json_t* before,
-                                           const std::function<void()>& change) {
+json_ptr change_or_have_old_setting_read(const json_t* before,
+                                         const std::function<void()>& change) {
     try {
         return change_options(before, change);
     } catch (const not_kept_error&) {
@@ -365,13 +365,13 @@ exit_status show_gateway(bool as_json) {
 
 exit_status set_gateway(const gateway_request& request) {
     const gateway_setting setting = parse_request(request);
-    const json_owner update(json_pack("{s:o}", "gw_setting", to_section(setting).release()));
+    const json_ptr update(json_pack("{s:o}", "gw_setting", to_section(setting).release()));
     const json_text raw(json_dumps(update.get(), 0));
     if (raw == nullptr) throw std::bad_alloc();  // the store would empty the file
     const file_lock lock = lock_out_other_tools();
     (void)make_good_interrupted_change();
-    const json_owner before = complete_options(request.reset);
-    const json_owner after = change_or_have_old_setting_read(
+    const json_ptr before = complete_options(request.reset);
+    const json_ptr after = change_or_have_old_setting_read(
         before.get(), [&raw] { (void)GlobalConfig().save(raw.get()); });
     check_kept(json_equal(json_object_get(after.get(), "gw_setting"),
                           json_object_get(update.get(), "gw_setting")) != 0);
@@ -388,7 +388,7 @@ exit_status drop_gateway(const connection_words& words) {
     const gateway_setting before = read_setting(options.root.get());
     const gateway_setting expected = without(before, gone);
     if (expected != before) {
-        const json_owner after = change_or_have_old_setting_read(options.root.get(), [&gone] {
+        const json_ptr after = change_or_have_old_setting_read(options.root.get(), [&gone] {
             (void)GlobalConfig().disable_gateway(gone.type, gone.index);
         });
         check_kept(read_setting(after.get()) == expected);

@@ -83,9 +83,9 @@ options_document parse(const std::string& path) {
     if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         throw std::runtime_error(fmt::format("{} is no regular file", escaped(path)));
     }
-    if (status.st_size == 0) return {options_state::present, json_owner(json_object())};
+    if (status.st_size == 0) return {options_state::present, json_ptr(json_object())};
     json_error_t error = {};
-    json_owner root(json_loadfd(file.get(), 0, &error));
+    json_ptr root(json_loadfd(file.get(), 0, &error));
     if (json_is_object(root.get())) return {options_state::present, std::move(root)};
     if (root != nullptr) return {options_state::damaged, nullptr, "it holds no JSON object"};
     return {options_state::damaged, nullptr,
@@ -253,21 +253,21 @@ bool take_back_interrupted_change() {
     return true;
 }
 
-json_owner complete_options(bool reset) {
+json_ptr complete_options(bool reset) {
     const file_lock lock(Ini_Conf_Write_Lock_File, options_path);
     options_document options = parse_options();
     if (options.state == options_state::damaged && !reset) {
         throw std::runtime_error(damage_message(options) + "; --reset begins a new one");
     }
-    json_owner root = options.root != nullptr ? std::move(options.root) : json_owner(json_object());
-    const json_owner sections(ravo::GlobalConfig().get_tmpl());
+    json_ptr root = options.root != nullptr ? std::move(options.root) : json_ptr(json_object());
+    const json_ptr sections(ravo::GlobalConfig().get_tmpl());
     const size_t present = json_object_size(root.get());
     if (json_object_update_missing(root.get(), sections.get()) != 0) throw std::bad_alloc();
     if (json_object_size(root.get()) != present) options_copy(root.get()).take_place();
     return root;
 }
 
-json_owner change_options(const json_t* before, const std::function<void()>& change) {
+json_ptr change_options(const json_t* before, const std::function<void()>& change) {
     options_copy copy(before);
     options_document after = run_and_look(change, copy);
     if (!holds_nothing(after)) return std::move(after.root);

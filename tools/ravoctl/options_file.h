@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "json.h"
+#include "json_ptr.h"
 
 // The exclusive or shared lock of a file, for as long as it lives.
 class file_lock {
@@ -31,8 +31,8 @@ enum class options_state { present, missing, damaged };
 
 struct options_document {
     options_state state;
-    json_owner root = nullptr;  // an object when present, an empty one for an empty file
-    std::string damage = {};    // what is wrong, in one printable line
+    json_ptr root = nullptr;  // an object when present, an empty one for an empty file
+    std::string damage = {};  // what is wrong, in one printable line
 };
 
 // Reads the file under its shared lock. One that is not empty and holds no JSON object is damaged.
@@ -53,11 +53,11 @@ bool take_back_interrupted_change();
 // Makes sure that the file has every section that the store would replace, and returns what it
 // holds then. Sections that are there stay as they are. A damaged file is begun anew when
 // reset, otherwise this throws. The file is replaced in one step, or not at all.
-json_owner complete_options(bool reset);
+json_ptr complete_options(bool reset);
 
 // Has the store change the file, and returns what it holds afterwards. A copy of before, which is
 // what the file holds now, some section at least, lies beside it meanwhile. When the store leaves
 // nothing of it behind, as on a full disk, the copy takes the file's place, and this throws
 // not_kept_error. It throws the same when the file cannot be read afterwards; then the copy stays.
 // SIGHUP, SIGINT and SIGTERM act when all this is over.
-json_owner change_options(const json_t* before, const std::function<void()>& change);
+json_ptr change_options(const json_t* before, const std::function<void()>& change);

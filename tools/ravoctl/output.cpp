@@ -8,7 +8,7 @@
 #include <new>
 #include <vector>
 
-#include "json.h"
+#include "json_ptr.h"
 #include "text.h"
 
 namespace {
@@ -73,7 +73,7 @@ void print_footer(const listing& list) {
 // --- JSON ---------------------------------------------------------------------------------------
 
 // Takes over the value, also when it is null because there was no memory for it.
-void set_member(const json_owner& object, const std::string& name, json_t* member) {
+void set_member(const json_ptr& object, const std::string& name, json_t* member) {
     if (json_object_set_new(object.get(), name.c_str(), member) != 0) throw std::bad_alloc();
 }
 
@@ -91,8 +91,8 @@ json_t* to_json(const std::string& text) {
     return json_stringn(valid.data(), valid.size());
 }
 
-json_owner row_to_json(const listing& list, uint64_t index) {
-    json_owner object(json_object());
+json_ptr row_to_json(const listing& list, uint64_t index) {
+    json_ptr object(json_object());
     for (const field& f : list.kind.fields) {
         const value v = read_value(f, row_at(list, index));
         const auto convert = [](const auto& content) { return to_json(content); };

@@ -1,7 +1,7 @@
 // A page of records on standard output, as a table or as JSON.
 #pragma once
 
-#include "json.h"
+#include "json_ptr.h"
 #include "records.h"
 
 struct listing {

@@ -6,14 +6,14 @@
 #include <new>
 
 #include "bus.h"
-#include "json.h"
+#include "json_ptr.h"
 
 namespace {
 
 constexpr char settings_service[] = "vpncaas";
 
 std::string request_text() {
-    const json_owner request(json_pack("{s:s}", "path", block_settings_path));
+    const json_ptr request(json_pack("{s:s}", "path", block_settings_path));
     const json_text text(json_dumps(request.get(), 0));
     if (text == nullptr) throw std::bad_alloc();
     return text.get();
@@ -35,7 +35,7 @@ block_settings ask_block_settings() {
         return {};
     }
     const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
-    const json_owner reply(json_loads(text, 0, nullptr));
+    const json_ptr reply(json_loads(text, 0, nullptr));
     if (is_success(reply.get())) return to_block_settings(reply.get());
     fmt::print(stderr, "ravoctl: {} could not read {}\n", settings_service, block_settings_path);
     return {};
