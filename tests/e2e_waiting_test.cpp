@@ -3,13 +3,14 @@
 // is told.
 //
 // With WAITING_LONG in the environment every case is taken, many times, and its figures are
-// printed.
+// printed. Each reading of the daemon's wall clock is a day before or after the one before: a wait
+// that went by it would end at once, or never.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sqlite3.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@
 #include "support/daemon.h"
 #include "support/files.h"
 #include "support/rows.h"
+#include "support/service.h"
+#include "support/set_clock.h"
 #include "zbservice.h"
 
 namespace {
@@ -37,6 +40,21 @@ namespace {
 using std::chrono::milliseconds;
 using clock_type = std::chrono::steady_clock;
 using ms = std::chrono::duration<double, std::milli>;
+
+constexpr char ravod[] = "@/var/run/ravod.sock";
+
+process_options with_restless_clock() {
+    wall_clock_page& wall = map_wall_clock(wall_clock_path);
+    wall.seconds = 1795222858;
+    wall.swing = 86400;
+    return {.environment = wall_clock_environment(SET_CLOCK_LIBRARY)};
+}
+
+void begin_anew() {
+    std::filesystem::remove_all("/etc/config/ravo");
+    std::filesystem::create_directory("/etc/config/ravo");
+    std::filesystem::remove(log_path);
+}
 
 bool is_long() { return getenv("WAITING_LONG") != nullptr; }
 
@@ -184,10 +202,8 @@ struct lock_figures {
 // A caller that writes, and one that asks for something that needs no database, while another
 // program locks it as planned.
 lock_figures call_through(const lock_plan& plan) {
-    std::filesystem::remove_all("/etc/config/ravo");
-    std::filesystem::create_directory("/etc/config/ravo");
-    std::filesystem::remove(log_path);
-    const ravod_process daemon;
+    begin_anew();
+    const ravod_process daemon({}, with_restless_clock());
     lock_figures seen;
     ledger done;
     for (int n = 0; n < 8; ++n) write_everything(done, seen.caller);  // from here on it journals
@@ -217,7 +233,7 @@ void print(const char* name, const lock_plan& plan, const lock_figures& seen) {
               << plan.pause.count() << " ms: " << seen.caller.all.size() << " writing calls, lost "
               << seen.lost << "; they waited at most " << seen.caller.longest().count()
               << " ms, others " << seen.other.longest().count()
-              << " ms (99 %: " << seen.other.at(0.99).count() << " ms)\n";
+              << " ms (99 %: " << seen.other.at(0.99).count() << " ms)" << std::endl;
 }
 
 struct lock_case {
@@ -249,21 +265,241 @@ INSTANTIATE_TEST_SUITE_P(kinds, held_lock,
 
 // Around the store's patience of two seconds. What is lost beyond it is in the log.
 TEST(held_locks, longer_ones_lose_what_the_log_tells) {
-    if (!is_long()) return;
-    for (const lock_case& kind : {lock_case{"reader", reading, milliseconds(0)},
-                                  lock_case{"writer", writing, milliseconds(0)}}) {
-        for (const int hold : {1000, 1900, 2100, 5100}) {
-            const lock_plan plan = {kind.statements, milliseconds(hold), 1, milliseconds(0)};
+    for (const char* statements : {reading, writing}) {
+        for (const int hold : is_long() ? std::vector{1000, 1900, 2100, 5100} : std::vector{800}) {
+            const lock_plan plan = {statements, milliseconds(hold), 1, milliseconds(0)};
             const lock_figures seen = call_through(plan);
-            print(kind.name, plan, seen);
-            const auto told = count_of(read_file(log_path), "database is locked\n");
-            if (hold < 2000) {
-                EXPECT_EQ(seen.lost, difference{});
-                EXPECT_EQ(told, 0U);
-            } else {
-                EXPECT_NE(told, 0U);
-            }
+            print(statements, plan, seen);
+            const size_t told = count_of(read_file(log_path), "database is locked\n");
+            EXPECT_EQ(seen.lost == difference{}, hold < 2000);
+            EXPECT_EQ(told == 0, hold < 2000);
         }
+    }
+}
+
+// --- The settings service -----------------------------------------------------------------------
+
+constexpr char settings_address[] = "@/var/run/zbservice/vpncaas";
+constexpr int patient = 600;  // seconds; longer than anything here lasts
+
+using service = std::function<void(bus_test::raw_stream&)>;
+
+bus_test::outcome fail_login() {
+    return bus_test::call(ravod, "db_privilege_user_block_insert", "mallory", patient);
+}
+
+struct service_figures {
+    ms caller{0};  // who tells of a failed login
+    ms other{0};   // who comes while the daemon asks for the settings, for something else
+};
+
+// A failed login while the settings service does as told with its caller, and another call that
+// begins once the service has been asked.
+service_figures fail_login_at(const service& serve) {
+    begin_anew();
+    const ravod_process daemon({}, with_restless_clock());
+    bus_test::event is_asked;
+    const bus_test::raw_endpoint settings(settings_address, [&](bus_test::raw_stream& caller) {
+        is_asked.set();
+        serve(caller);
+    });
+    waits caller;
+    waits other;
+    std::thread failing([&] { EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0); });
+    EXPECT_TRUE(is_asked.wait());
+    EXPECT_EQ(number_in_file("SELECT sum(limit_count) FROM privilege_user_block;"), 1)
+        << "counted before the settings are asked for";
+    EXPECT_EQ(other.measure([] {
+        return bus_test::call(ravod, "ravo_mobile_gen_ravo_uuid", "", patient).result;
+    }),
+              0);
+    failing.join();
+    return {caller.longest(), other.longest()};
+}
+
+void print(const std::string& what, const service_figures& seen) {
+    if (!is_long()) return;
+    std::cout << what << ": the call takes " << seen.caller.count() << " ms, another caller's "
+              << seen.other.count() << " ms" << std::endl;
+}
+
+struct service_case {
+    const char* name;
+    service serve;
+};
+
+const std::string reply =
+    bus_test::reply_frame(bus_test::replied, R"({"error": 0, "data": {"global": {}}})");
+
+TEST(settings_service, that_answers_nonsense_keeps_nobody) {
+    const service_case cases[] = {
+        {"that hangs up", [](bus_test::raw_stream&) {}},
+        {"that answers garbage", [](bus_test::raw_stream& s) { s.send(std::string(65536, 'g')); }},
+        {"that answers no JSON",
+         [](bus_test::raw_stream& s) { s.send(bus_test::reply_frame(bus_test::replied, "{")); }},
+        {"that answers half", [](bus_test::raw_stream& s) { s.send(reply.substr(0, 30)); }},
+        {"that answers byte by byte",
+         [](bus_test::raw_stream& s) {
+             for (const char byte : reply) s.send({&byte, 1});
+         }},
+    };
+    for (const service_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const service_figures seen = fail_login_at(c.serve);
+        print(std::string("settings service ") + c.name, seen);
+        EXPECT_LT(seen.caller, std::chrono::seconds(4));
+        EXPECT_LT(seen.other, std::chrono::seconds(4));
+    }
+}
+
+// Ten inserts and a number of failed logins a second, for half a minute, from callers with the
+// client library's patience of five seconds. Returns the share of inserts that were answered, all
+// of which must be in the file.
+double answered_inserts(int logins_a_second) {
+    begin_anew();
+    const ravod_process daemon({}, with_restless_clock());
+    const bus_test::raw_endpoint settings(settings_address,
+                                          [](bus_test::raw_stream& s) { s.receive_all(); });
+    std::atomic<int> answered = 0;
+    std::vector<std::thread> callers;
+    auto next = clock_type::now();
+    constexpr int inserts = 300;
+    for (int n = 0; n < inserts; ++n) {
+        callers.emplace_back([&] {
+            db_conn_server_log row = {};
+            if (add_conn_server_log(&row) == 0) ++answered;
+        });
+        for (int login = n * logins_a_second / 10; login < (n + 1) * logins_a_second / 10;
+             ++login) {
+            callers.emplace_back([] {
+                char user[] = "mallory";
+                (void)add_privilege_user_block(user);
+            });
+        }
+        std::this_thread::sleep_until(next += milliseconds(100));
+    }
+    for (std::thread& caller : callers) caller.join();
+    EXPECT_GE(number_in_file("SELECT count(*) FROM conn_server_log;"), answered);
+    return 100.0 * answered / inserts;
+}
+
+// The daemon's own patience is five seconds without a byte.
+TEST(settings_service, that_hangs_keeps_everybody_for_five_seconds) {
+    const service_figures seen = fail_login_at([](bus_test::raw_stream& s) { s.receive_all(); });
+    print("settings service that hangs", seen);
+    for (const ms& waited : {seen.caller, seen.other}) {
+        EXPECT_GT(waited, milliseconds(4500));
+        EXPECT_LT(waited, milliseconds(9000));
+    }
+    EXPECT_NE(read_file(log_path).find("easy_zb_call: zb_call vpncaas.read_json"),
+              std::string::npos);
+    if (!is_long()) return;
+    print("settings service that sends a byte a second, twelve of them",
+          fail_login_at([](bus_test::raw_stream& s) {
+              for (int n = 0; n < 12; ++n) {
+                  std::this_thread::sleep_for(std::chrono::seconds(1));
+                  s.send(reply.substr(static_cast<size_t>(n), 1));
+              }
+          }));
+    for (const int logins : {1, 5}) {
+        std::cout << "settings service that hangs, " << logins << " failed logins and 10 inserts "
+                  << "a second: " << answered_inserts(logins) << " % of the inserts are answered"
+                  << std::endl;
+    }
+}
+
+TEST(settings_service, that_is_dead_keeps_nobody) {
+    begin_anew();
+    const ravod_process daemon({}, with_restless_clock());
+    waits caller;
+    for (int n = 0; n < 20; ++n) {
+        EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0);
+    }
+    print("settings service that is dead", {caller.longest(), ms(0)});
+    EXPECT_LT(caller.longest(), std::chrono::seconds(4));
+}
+
+// Stopped when it is asked, and set going again: the failed login is answered then.
+TEST(settings_service, that_is_stopped_keeps_everybody_until_it_goes_on) {
+    begin_anew();
+    const service_process settings(VPNCAAS, "vpncaas");
+    const ravod_process daemon({}, with_restless_clock());
+    bus_test::file changes(inotify_init1(IN_CLOEXEC));
+    ASSERT_GE(inotify_add_watch(changes.get(), db_path, IN_MODIFY), 0);
+    settings.signal(SIGSTOP);
+    waits caller;
+    std::thread failing([&] { EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0); });
+    char change[4096];
+    EXPECT_GT(read(changes.get(), change, sizeof change), 0) << "the count";
+    settings.signal(SIGCONT);
+    failing.join();
+    EXPECT_LT(caller.longest(), milliseconds(4500));
+    EXPECT_EQ(number_in_file("SELECT sum(limit_count) FROM privilege_user_block;"), 1);
+}
+
+// --- The notifier -------------------------------------------------------------------------------
+
+TEST(notifier, that_hangs_keeps_nobody) {
+    begin_anew();
+    std::filesystem::create_directories("/usr/local/sbin");
+    write_file("/usr/local/sbin/notify",
+               "#!/bin/sh\necho started >/tmp/started\nexec sleep 1000\n");
+    std::filesystem::permissions("/usr/local/sbin/notify", std::filesystem::perms(0755));
+    ASSERT_EQ(mkfifo("/tmp/started", 0600), 0);
+    write_file("/etc/config/vpn_block.conf",
+               R"({"global": {"enable": true, "limit": 1, "time": 5}})");
+    const service_process settings(VPNCAAS, "vpncaas");
+    const ravod_process daemon({}, with_restless_clock());
+    waits caller;
+    EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0);
+    EXPECT_EQ(read_file("/tmp/started"), "started\n");
+    EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0);
+    print("notifier that hangs", {caller.longest(), ms(0)});
+    EXPECT_LT(caller.longest(), std::chrono::seconds(4));
+}
+
+// --- The network service ------------------------------------------------------------------------
+
+// Runs a program however long it takes, and returns whether it ended by itself.
+bool run_long(const std::vector<std::string>& arguments) {
+    int status = 0;
+    const pid_t child = start_process(arguments, {.output = "/tmp/printed"});
+    return waitpid(child, &status, 0) == child && WIFEXITED(status);
+}
+
+// A save of the options asks for each connection's profile and then has the setting read.
+service_figures save_options_at(const service& serve) {
+    write_file("/etc/config/vpn_options.conf", "");
+    bus_test::event is_asked;
+    const bus_test::raw_endpoint network("@/var/run/zbservice/NetworkService",
+                                         [&](bus_test::raw_stream& caller) {
+                                             is_asked.set();
+                                             serve(caller);
+                                         });
+    waits saver;
+    waits reader;
+    std::thread saving([&] {
+        EXPECT_TRUE(saver.measure([] {
+            return run_long({RAVOCTL, "gateway", "set", "openvpn", "1", "--backup", "l2tp", "2"});
+        }));
+    });
+    EXPECT_TRUE(is_asked.wait());
+    EXPECT_TRUE(reader.measure([] { return run_long({VPN_GLOBAL_OPT, "get"}); }));
+    saving.join();
+    return {saver.longest(), reader.longest()};
+}
+
+TEST(network_service, that_fails_keeps_the_options_for_its_patience_at_most) {
+    std::vector<service_case> cases = {{"that hangs up", [](bus_test::raw_stream&) {}}};
+    if (is_long()) {
+        cases.push_back({"that hangs", [](bus_test::raw_stream& s) { s.receive_all(); }});
+    }
+    for (const service_case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const service_figures seen = save_options_at(c.serve);
+        print(std::string("network service ") + c.name, seen);
+        EXPECT_LT(seen.caller, std::chrono::seconds(25));
+        EXPECT_LT(seen.other, std::chrono::seconds(8));
     }
 }
 
