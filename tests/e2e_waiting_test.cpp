@@ -3,8 +3,10 @@
 // is told.
 //
 // With WAITING_LONG in the environment every case is taken, many times, and its figures are
-// printed. Each reading of the daemon's wall clock is a day before or after the one before: a wait
-// that went by it would end at once, or never.
+// printed.
+//
+// The daemon's wall clock leaps a day forward with each reading: a wait that went by it would end
+// at once, and what waits for a lock or for the settings would fail.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -43,10 +45,10 @@ using ms = std::chrono::duration<double, std::milli>;
 
 constexpr char ravod[] = "@/var/run/ravod.sock";
 
-process_options with_restless_clock() {
+process_options with_leaping_clock() {
     wall_clock_page& wall = map_wall_clock(wall_clock_path);
     wall.seconds = 1795222858;
-    wall.swing = 86400;
+    wall.leap = 86400;
     return {.environment = wall_clock_environment(SET_CLOCK_LIBRARY)};
 }
 
@@ -203,7 +205,7 @@ struct lock_figures {
 // program locks it as planned.
 lock_figures call_through(const lock_plan& plan) {
     begin_anew();
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     lock_figures seen;
     ledger done;
     for (int n = 0; n < 8; ++n) write_everything(done, seen.caller);  // from here on it journals
@@ -297,7 +299,7 @@ struct service_figures {
 // begins once the service has been asked.
 service_figures fail_login_at(const service& serve) {
     begin_anew();
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     bus_test::event is_asked;
     const bus_test::raw_endpoint settings(settings_address, [&](bus_test::raw_stream& caller) {
         is_asked.set();
@@ -357,7 +359,7 @@ TEST(settings_service, that_answers_nonsense_keeps_nobody) {
 // of which must be in the file.
 double answered_inserts(int logins_a_second) {
     begin_anew();
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     const bus_test::raw_endpoint settings(settings_address,
                                           [](bus_test::raw_stream& s) { s.receive_all(); });
     std::atomic<int> answered = 0;
@@ -410,7 +412,7 @@ TEST(settings_service, that_hangs_keeps_everybody_for_five_seconds) {
 
 TEST(settings_service, that_is_dead_keeps_nobody) {
     begin_anew();
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     waits caller;
     for (int n = 0; n < 20; ++n) {
         EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0);
@@ -423,7 +425,7 @@ TEST(settings_service, that_is_dead_keeps_nobody) {
 TEST(settings_service, that_is_stopped_keeps_everybody_until_it_goes_on) {
     begin_anew();
     const service_process settings(VPNCAAS, "vpncaas");
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     bus_test::file changes(inotify_init1(IN_CLOEXEC));
     ASSERT_GE(inotify_add_watch(changes.get(), db_path, IN_MODIFY), 0);
     settings.signal(SIGSTOP);
@@ -449,7 +451,7 @@ TEST(notifier, that_hangs_keeps_nobody) {
     write_file("/etc/config/vpn_block.conf",
                R"({"global": {"enable": true, "limit": 1, "time": 5}})");
     const service_process settings(VPNCAAS, "vpncaas");
-    const ravod_process daemon({}, with_restless_clock());
+    const ravod_process daemon({}, with_leaping_clock());
     waits caller;
     EXPECT_EQ(caller.measure([] { return fail_login().result; }), 0);
     EXPECT_EQ(read_file("/tmp/started"), "started\n");

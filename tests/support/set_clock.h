@@ -14,9 +14,8 @@
 #include <vector>
 
 struct wall_clock_page {
-    std::atomic<int64_t> seconds;   // since the epoch; it stands still
-    std::atomic<int64_t> swing;     // each reading is so much later or, in turn, earlier
-    std::atomic<int64_t> readings;  // so far
+    std::atomic<int64_t> seconds;  // since the epoch; it stands still
+    std::atomic<int64_t> leap;     // but goes on by so many with each reading
 };
 
 // The page in a file of this name, which is made. Ends the program when there is none.
