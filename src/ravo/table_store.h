@@ -52,11 +52,13 @@ inline constexpr std::chrono::seconds lock_patience{2};
 inline constexpr std::chrono::milliseconds lock_pause{2};
 
 // A filter's column is the caller's text, so its statement is fenced in (see filter_fence).
-// SQLite looks at the clock between its instructions only; the sizes keep each of them short.
+// SQLite looks at the clock between some of its instructions only; the sizes keep each of them
+// short, and the number of functions what lies between two looks.
 inline constexpr std::chrono::seconds filter_budget{2};
 inline constexpr int filter_check_steps = 100;    // SQLite's instructions between two looks
 inline constexpr int filter_value_size = 16384;   // bytes of any value, above those of any row
 inline constexpr int filter_pattern_size = 1100;  // bytes of a LIKE pattern, above any text field
+inline constexpr int filter_functions = 16;       // functions and LIKEs in a filter
 
 // --- Columns ------------------------------------------------------------------------------------
 
@@ -489,9 +491,13 @@ class filter_fence {
     static int authorize(void* arg, int action, const char* table, const char* column,
                          const char* database, const char* /*trigger*/) {
         if (action == SQLITE_SELECT) return SQLITE_OK;
-        if (action == SQLITE_FUNCTION) return may_take_long(column) ? SQLITE_DENY : SQLITE_OK;
+        auto& self = *static_cast<filter_fence*>(arg);
+        if (action == SQLITE_FUNCTION) {
+            const bool is_allowed = !may_take_long(column) && --self.functions_left >= 0;
+            return is_allowed ? SQLITE_OK : SQLITE_DENY;
+        }
         if (action != SQLITE_READ) return SQLITE_DENY;
-        const table_state& own = static_cast<const filter_fence*>(arg)->t;
+        const table_state& own = self.t;
         const bool is_own =
             sqlite3_stricmp(table, own.name) == 0 &&
             (database == nullptr || strcmp(database, own.temporary ? "temp" : "main") == 0);
@@ -506,6 +512,7 @@ class filter_fence {
     const row_callback on_row;
     void* const arg;
     int64_t rows_left = visible_rows;
+    int functions_left = filter_functions;
     const clock::time_point end = clock::now() + filter_budget;
     int value_size = 0;
     int pattern_size = 0;
