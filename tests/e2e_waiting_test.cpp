@@ -261,8 +261,8 @@ TEST_P(held_lock, half_a_second_loses_nothing) {
 
 INSTANTIATE_TEST_SUITE_P(kinds, held_lock,
                          testing::Values(lock_case{"reader", reading, milliseconds(0)},
-                                         lock_case{"writer_to_be", reserving, milliseconds(20)},
-                                         lock_case{"writer", writing, milliseconds(20)}),
+                                         lock_case{"writer_to_be", reserving, milliseconds(100)},
+                                         lock_case{"writer", writing, milliseconds(100)}),
                          [](const auto& given) { return std::string(given.param.name); });
 
 // Around the store's patience of two seconds. What is lost beyond it is in the log.
@@ -277,6 +277,24 @@ TEST(held_locks, longer_ones_lose_what_the_log_tells) {
             EXPECT_EQ(told == 0, hold < 2000);
         }
     }
+}
+
+// The tables of a daemon are made at its start only.
+TEST(held_locks, half_a_second_at_the_start_costs_no_table) {
+    begin_anew();
+    { const ravod_process first; }
+    const foreign_program program({writing, milliseconds(500), 1, milliseconds(0)});
+    ASSERT_TRUE(program.wait());
+    const ravod_process daemon({}, with_leaping_clock());
+    EXPECT_TRUE(program.has_told()) << "it serves before the lock is gone";
+    ledger done;
+    waits waited;
+    for (int n = 0; n < 4; ++n) write_everything(done, waited);
+    EXPECT_EQ(compare(done), difference{});
+    auto entry = row_with_text<db_server_list_data>("somebody");
+    EXPECT_EQ(add_server_list(&entry), 0);
+    EXPECT_EQ(count_of(read_file(log_path), "no such table"), 0U);
+    EXPECT_EQ(count_of(read_file(log_path), "locked"), 0U);
 }
 
 // --- The settings service -----------------------------------------------------------------------
