@@ -377,7 +377,7 @@ texts create_calls() {
                                "CREATE TEMPORARY TABLE IF NOT EXISTS device_info ",
                                "CREATE  TABLE IF NOT EXISTS privilege_user_block "}) {
         expected.push_back(std::string("sqlite3_open ") + db_path);
-        expected.push_back("sqlite3_busy_timeout 500");
+        expected.push_back("sqlite3_busy_handler");
         expected.push_back(std::string("sqlite3_exec ") + create);
         if (std::string(create).find("device_info") != std::string::npos) {
             expected.emplace_back(

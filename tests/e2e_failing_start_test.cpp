@@ -200,7 +200,7 @@ class database_lock {
 TEST(failing_start, locked_database) {
     make_database();
     database_lock lock;
-    const ravod_process ravod({}, with_calls({"RAVOD_CALLS_BUSY_MS=1"}));
+    const ravod_process ravod({}, with_calls({"RAVOD_CALLS_IMPATIENT=1"}));
     const pid_t pid = ravod.pid();
     EXPECT_EQ(plain_log(pid), failed_creates("create db failed: database is locked\n"));
     fs::remove(log_path);
@@ -220,8 +220,8 @@ TEST(failing_start, locked_database) {
     EXPECT_EQ(plain_log(pid), "");
     EXPECT_EQ(add_entry(), 0);  // its table was never made
     EXPECT_EQ(count_of(read_file(log_path), "err = no such table: server_list\n"), 2U);
-    const std::string calls = read_file(calls_path);  // each connection waits for half a second
-    EXPECT_EQ(count_of(calls, "sqlite3_busy_timeout 500\n"), count_of(calls, "sqlite3_open "));
+    const std::string calls = read_file(calls_path);  // each connection waits
+    EXPECT_EQ(count_of(calls, "sqlite3_busy_handler\n"), count_of(calls, "sqlite3_open "));
 }
 
 }  // namespace

@@ -5,15 +5,10 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/inotify.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <cstddef>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <optional>
@@ -365,75 +360,6 @@ TEST_F(e2e_limiter, missing_notifier_loses_notices_only) {
     EXPECT_EQ(children_of(daemon->pid()), "");
     EXPECT_FALSE(fs::exists(notifications_path));
     EXPECT_FALSE(fs::exists(log_path));
-}
-
-// An address that takes callers and never answers them.
-class silent_service {
-  public:
-    silent_service() : fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        constexpr char name[] = "/var/run/zbservice/vpncaas";
-        memcpy(address.sun_path + 1, name, sizeof name - 1);
-        const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + sizeof name);
-        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), length), 0);
-        EXPECT_EQ(listen(fd, 8), 0);
-    }
-    ~silent_service() { close(fd); }
-    silent_service(const silent_service&) = delete;
-    silent_service& operator=(const silent_service&) = delete;
-
-    // Waits until somebody calls.
-    bool is_called() const {
-        pollfd event = {fd, POLLIN, 0};
-        return poll(&event, 1, patience_ms) == 1;
-    }
-
-  private:
-    int fd;
-};
-
-std::string count_in_file(const std::string& user) {
-    sqlite3* db = nullptr;
-    sqlite3_stmt* statement = nullptr;
-    std::string count = "(none)";
-    sqlite3_open_v2(db_path, &db, SQLITE_OPEN_READONLY, nullptr);
-    sqlite3_prepare_v2(db, "SELECT limit_count FROM privilege_user_block WHERE username = ?;", -1,
-                       &statement, nullptr);
-    sqlite3_bind_text(statement, 1, user.c_str(), -1, SQLITE_STATIC);
-    if (sqlite3_step(statement) == SQLITE_ROW) {
-        count = reinterpret_cast<const char*>(sqlite3_column_text(statement, 0));
-    }
-    sqlite3_finalize(statement);
-    sqlite3_close(db);
-    return count;
-}
-
-// The caller's own patience is five seconds as well, so it may hear nothing of the count that is
-// stored. The next request finds the daemon at work.
-TEST_F(e2e_limiter, hanging_settings_service_keeps_the_daemon_for_five_seconds_and_no_count) {
-    vpncaas.reset();
-    const silent_service hangs;
-    const auto start = std::chrono::steady_clock::now();
-    const pid_t caller = fork();
-    if (caller == 0) {
-        (void)fail("mallory");
-        _exit(0);
-    }
-    ASSERT_TRUE(hangs.is_called());
-    EXPECT_EQ(count_in_file("mallory"), "1");
-    EXPECT_EQ(wait_for_exit(caller), 0);
-    db_query_cond cond = {};
-    EXPECT_EQ(call("db_privilege_user_block_query",
-                   std::string(reinterpret_cast<const char*>(&cond), sizeof cond))
-                  .size(),
-              sizeof(db_privilege_user_block_query));
-    const std::chrono::duration<double> kept = std::chrono::steady_clock::now() - start;
-    EXPECT_GT(kept.count(), 4.5);
-    EXPECT_LT(kept.count(), 9.0);
-    EXPECT_EQ(counts(), texts{"mallory 1"});
-    EXPECT_NE(read_file(log_path).find("easy_zb_call: zb_call vpncaas.read_json"),
-              std::string::npos);
 }
 
 }  // namespace

@@ -160,6 +160,12 @@ const std::vector<hostile>& classes() {
         {"pragma_function", "(SELECT 1 FROM pragma_database_list)", SQLITE_ERROR},
         {"table_function", "(SELECT 1 FROM json_each(1))", SQLITE_ERROR},
         {"extension", "load_extension(\"/tmp/other.so\")", SQLITE_ERROR},
+        {"long_format", "format(\"%.100000c\", \"x\")", SQLITE_ERROR},
+        {"long_format_by_its_old_name", "PrintF(\"%.*c\", 100000, \"x\")", SQLITE_ERROR},
+        {"many_functions",
+         "abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+"
+         "abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+abs(1)+(1 LIKE 1)",
+         SQLITE_ERROR},
         {"huge_value", "length(hex(zeroblob(100000000)))", SQLITE_TOOBIG},
     };
     return all;

@@ -35,6 +35,7 @@ int select_event_data(db_query_cond* cond, db_event_query** result) {
     const sql_text statement = sql("SELECT * FROM event_log ORDER BY %s %s LIMIT %ld OFFSET %ld;",
                                    event_log.__db_fields[cond->order_by],
                                    direction(cond->order_style), cond->count, cond->start);
+    begin_operation(event_log);
     if (open_db(event_log) != SQLITE_OK) {
         sqlite3_close(event_log.__db__);
         event_log.__db__ = nullptr;

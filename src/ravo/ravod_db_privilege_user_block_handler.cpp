@@ -261,6 +261,7 @@ int clean_privilege_user_block() {
         });
     }
     for (const std::string& username : released) notify(ravo::nc_user_unblocked, username.c_str());
+    begin_operation(privilege_user_block.state);
     (void)run(privilege_user_block.state, sql("DELETE FROM privilege_user_block;"), at);
     return optimize_privilege_user_block_db();
 }

@@ -10,8 +10,9 @@
 // 2. Insert, delete, clean, optimize and finish report nothing to their caller; the log is the only
 //    witness.
 // 3. Log lines carry the name of the public operation that asked, handed down as a call_site.
-// 4. Requests come one at a time, so nothing is locked. Any lock on the database file that another
-//    program holds is waited for at most busy_timeout_ms; then the statement fails.
+// 4. Requests come one at a time, so nothing is locked. Locks on the database file that another
+//    program holds are waited for, all statements of an operation together, for at most
+//    lock_patience; then the statements fail.
 #ifndef TABLE_STORE_H
 #define TABLE_STORE_H
 
@@ -26,6 +27,7 @@
 #include <memory>
 #include <span>
 #include <string_view>
+#include <thread>
 #include <type_traits>
 
 #include "ravo_log.h"
@@ -39,18 +41,24 @@ inline constexpr int64_t row_cap = 101999;  // rows after any insert, at most
 inline constexpr int64_t trim_rows = 2000;  // oldest rows that go when the cap is passed
 inline constexpr int64_t visible_rows =
     100000;                                     // newest rows that a query sees, page and total cap
-inline constexpr int busy_timeout_ms = 500;     // waiting for another program's lock
 inline constexpr size_t statement_size = 4096;  // bytes of a statement buffer, its NUL included
 inline constexpr size_t field_cap = 128;        // column names that a module can hold
 inline constexpr size_t field_name_size = 40;   // bytes of a column name, its NUL included
 
-// A filter's column is the caller's text, so its statement is fenced in (see filter_fence). The
-// time is less than half of what any caller waits, because those behind it in the queue wait as
-// well. SQLite looks at the clock between its instructions only; the sizes keep each of them short.
+// Waiting for another program's lock. The time is less than half of what any caller waits, because
+// those behind it in the queue wait as well. It is looked for often, so that a program that lets go
+// for a moment only is not missed.
+inline constexpr std::chrono::seconds lock_patience{2};
+inline constexpr std::chrono::milliseconds lock_pause{2};
+
+// A filter's column is the caller's text, so its statement is fenced in (see filter_fence).
+// SQLite looks at the clock between some of its instructions only; the sizes keep each of them
+// short, and the number of functions what lies between two looks.
 inline constexpr std::chrono::seconds filter_budget{2};
 inline constexpr int filter_check_steps = 100;    // SQLite's instructions between two looks
 inline constexpr int filter_value_size = 16384;   // bytes of any value, above those of any row
 inline constexpr int filter_pattern_size = 1100;  // bytes of a LIKE pattern, above any text field
+inline constexpr int filter_functions = 16;       // functions and LIKEs in a filter
 
 // --- Columns ------------------------------------------------------------------------------------
 
@@ -96,8 +104,9 @@ struct table_state {
     std::span<const column> columns{};
 
     // What the operations keep. Private to the module, for the life of the process.
-    sqlite3* __db__ = nullptr;            // null: closed
-    char __db_file[statement_size] = {};  // empty until the first create
+    sqlite3* __db__ = nullptr;                       // null: closed
+    std::chrono::nanoseconds lock_patience_left{0};  // of the operation that runs
+    char __db_file[statement_size] = {};             // empty until the first create
     char __db_table_name_str[statement_size] = {};
     char __db_create_str[statement_size] = {};  // empty: not yet built
     char __db_insert_str[statement_size] = {};  // a template: one conversion for each value
@@ -198,12 +207,26 @@ inline void close_db(table_state& t, const call_site& at) {
     t.__db__ = nullptr;
 }
 
+// An operation of the store begins, with its whole patience.
+inline void begin_operation(table_state& t) { t.lock_patience_left = lock_patience; }
+
+// SQLite's busy handler: another program holds a lock. Returns 0 when the patience is at its end.
+inline int wait_for_lock(void* state, int /*tries*/) {
+    using clock = std::chrono::steady_clock;
+    auto& left = static_cast<table_state*>(state)->lock_patience_left;
+    if (left <= left.zero()) return 0;
+    const clock::time_point start = clock::now();
+    std::this_thread::sleep_for(lock_pause);
+    left -= clock::now() - start;
+    return 1;
+}
+
 // Opens the connection of a built module if it is closed. After a failure the handle may hold what
 // SQLite has to say about it. Returns SQLite's code.
 inline int open_db(table_state& t) {
     if (t.__db__ != nullptr || t.__db_file[0] == '\0') return SQLITE_OK;
     const int rc = sqlite3_open(t.__db_file, &t.__db__);
-    if (rc == SQLITE_OK) sqlite3_busy_timeout(t.__db__, busy_timeout_ms);
+    if (rc == SQLITE_OK) sqlite3_busy_handler(t.__db__, wait_for_lock, &t);
     return rc;
 }
 
@@ -325,6 +348,7 @@ inline void run_pragmas(table_state& t) {
 // Returns 0 with the connection left open, or -1 when the database cannot be opened or the CREATE
 // fails.
 inline int create_table(table_state& t, const call_site& at) {
+    begin_operation(t);
     const bool built = build_statements(t);
     if (open_db(t) != SQLITE_OK) {
         log_line(at, "ERROR", "rc NULL\n");
@@ -380,6 +404,7 @@ inline sql_text insert_statement(const table_state& t, const void* record) {
 
 // The transaction frame of every insert, and the row cap. Returns 0.
 inline int insert_row(table_state& t, const sql_text& insert, const call_site& at) {
+    begin_operation(t);
     const char* name = t.__db_table_name_str;
     (void)run(t, sql("BEGIN TRANSACTION;"), at);
     (void)run(t, insert, at);
@@ -400,6 +425,7 @@ inline int insert_row(table_state& t, const sql_text& insert, const call_site& a
 // rejects: the row goes, and an error is logged. When the buffer is full it stays as it is. Every
 // "%lu" in the text stands for the id. Returns 0.
 inline int delete_row(table_state& t, int64_t id, const call_site& at) {
+    begin_operation(t);
     (void)append(t.__db_delete_str, {" WHERE id = %lu;"});
     (void)run(t,
               expand(t.__db_delete_str,
@@ -411,6 +437,7 @@ inline int delete_row(table_state& t, int64_t id, const call_site& at) {
 // Deliberate: runs the same growing text, unformatted. Before any delete it empties the table;
 // after a delete SQLite rejects it, and after a clean every delete empties the table. Returns 0.
 inline int clean_table(table_state& t, const call_site& at) {
+    begin_operation(t);
     (void)append(t.__db_delete_str, {";"});
     (void)run(t, sql("%s", t.__db_delete_str), at);
     return 0;
@@ -454,12 +481,23 @@ class filter_fence {
   private:
     using clock = std::chrono::steady_clock;
 
-    // database is null where the statement names a table whose columns it does not read.
-    static int authorize(void* arg, int action, const char* table, const char* /*column*/,
+    // SQLite goes through all characters of a "%.2147483647c", half a minute long, though no value
+    // may be so large.
+    static bool may_take_long(const char* function) {
+        return sqlite3_stricmp(function, "printf") == 0 || sqlite3_stricmp(function, "format") == 0;
+    }
+    // column is the name where the action is a function. database is null where the statement names
+    // a table whose columns it does not read.
+    static int authorize(void* arg, int action, const char* table, const char* column,
                          const char* database, const char* /*trigger*/) {
-        if (action == SQLITE_SELECT || action == SQLITE_FUNCTION) return SQLITE_OK;
+        if (action == SQLITE_SELECT) return SQLITE_OK;
+        auto& self = *static_cast<filter_fence*>(arg);
+        if (action == SQLITE_FUNCTION) {
+            const bool is_allowed = !may_take_long(column) && --self.functions_left >= 0;
+            return is_allowed ? SQLITE_OK : SQLITE_DENY;
+        }
         if (action != SQLITE_READ) return SQLITE_DENY;
-        const table_state& own = static_cast<const filter_fence*>(arg)->t;
+        const table_state& own = self.t;
         const bool is_own =
             sqlite3_stricmp(table, own.name) == 0 &&
             (database == nullptr || strcmp(database, own.temporary ? "temp" : "main") == 0);
@@ -474,6 +512,7 @@ class filter_fence {
     const row_callback on_row;
     void* const arg;
     int64_t rows_left = visible_rows;
+    int functions_left = filter_functions;
     const clock::time_point end = clock::now() + filter_budget;
     int value_size = 0;
     int pattern_size = 0;
@@ -611,6 +650,7 @@ inline uint64_t query_total(table_state& t, const call_site& at) {
 inline int query_rows(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
                       uint64_t& total, const call_site& at) {
     if (!is_column_index(t, cond.order_by)) return -1;
+    begin_operation(t);
     select_page(t, cond, on_row, arg, at);
     total = query_total(t, at);
     return 0;

@@ -1,11 +1,11 @@
 // Preloaded into a ravod under test: writes down the calls that its entry makes, in order, and
 // makes one fail or a signal arrive on request. What it is told stands in the environment:
 //
-//   RAVOD_CALLS           the file that gets one line a call
-//   RAVOD_CALLS_FAIL      "NAME N": the N-th call of that name fails
-//   RAVOD_CALLS_OPEN_MAX  what sysconf(_SC_OPEN_MAX) says
-//   RAVOD_CALLS_BUSY_MS   how long a locked database is waited for, in place of what is asked for
-//   RAVOD_CALLS_RAISE     a signal that arrives once the endpoint is created
+//   RAVOD_CALLS            the file that gets one line a call
+//   RAVOD_CALLS_FAIL       "NAME N": the N-th call of that name fails
+//   RAVOD_CALLS_OPEN_MAX   what sysconf(_SC_OPEN_MAX) says
+//   RAVOD_CALLS_IMPATIENT  a locked database is not waited for
+//   RAVOD_CALLS_RAISE      a signal that arrives once the endpoint is created
 //
 // Closed numbers that go down by one are one line, "close FIRST..LAST". They are written down from
 // the asking for the limit on, and once after a file was unlocked.
@@ -228,10 +228,10 @@ int sqlite3_open(const char* path, sqlite3** db) {
     return next(&sqlite3_open, "sqlite3_open")(path, db);
 }
 
-int sqlite3_busy_timeout(sqlite3* db, int milliseconds) {
-    record("sqlite3_busy_timeout %d", milliseconds);
-    const long shorter = number_in("RAVOD_CALLS_BUSY_MS", milliseconds);
-    return next(&sqlite3_busy_timeout, "sqlite3_busy_timeout")(db, static_cast<int>(shorter));
+int sqlite3_busy_handler(sqlite3* db, int (*handler)(void*, int), void* arg) {
+    record("sqlite3_busy_handler");
+    if (getenv("RAVOD_CALLS_IMPATIENT") != nullptr) handler = nullptr;
+    return next(&sqlite3_busy_handler, "sqlite3_busy_handler")(db, handler, arg);
 }
 
 int sqlite3_close(sqlite3* db) {

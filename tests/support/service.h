@@ -34,6 +34,7 @@ class service_process {
     service_process(const service_process&) = delete;
     service_process& operator=(const service_process&) = delete;
 
+    void signal(int sig) const { kill(child, sig); }
     // Sends the signal and returns the exit status.
     int stop(int sig) {
         kill(child, sig);
