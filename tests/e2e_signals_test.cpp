@@ -248,7 +248,7 @@ void collect(answers_given& all, const answers_given& given) {
 }
 
 TEST_F(e2e_signals, stop_at_a_random_instant_under_load_ends_well) {
-    const size_t count = chosen("SIGNALS_STOPS", 20);
+    const size_t count = chosen("SIGNALS_STOPS", bus_test::sanitized ? 8 : 20);
     std::mt19937 random(20261121);
     adopt_orphans();
     const auto start_up = start_time();
@@ -366,7 +366,7 @@ void expect_one_winner(race& run, left_behind before) {
 }
 
 TEST_F(e2e_signals, of_daemons_that_start_at_once_over_one_pid_file_one_serves) {
-    const size_t count = chosen("SIGNALS_RACES", 12);
+    const size_t count = chosen("SIGNALS_RACES", bus_test::sanitized ? 4 : 12);
     std::mt19937 random(20261121);
     adopt_orphans();
     const auto start_up = start_time();

@@ -66,11 +66,14 @@ inline void expect_rows(const answers_given& given) {
     std::multiset<std::string> rest = values_in_database("SELECT username FROM conn_server_log;");
     for (const std::string& name : given.stored) {
         const auto row = rest.find(name);
-        EXPECT_NE(row, rest.end()) << name << " is lost";
-        if (row != rest.end()) rest.erase(row);
+        if (row == rest.end()) {
+            ADD_FAILURE() << name << " is lost";
+        } else {
+            rest.erase(row);
+        }
     }
     for (const std::string& name : given.unknown) rest.erase(name);
-    EXPECT_TRUE(rest.empty()) << rest.size() << " rows too many, " << *rest.begin();
+    if (!rest.empty()) ADD_FAILURE() << rest.size() << " rows too many, " << *rest.begin();
 }
 
 // --- Callers ------------------------------------------------------------------------------------
