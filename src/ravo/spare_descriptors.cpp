@@ -10,8 +10,9 @@
 
 namespace {
 
-constexpr rlim_t most_spare = 8;  // more than any request has open at once
-constexpr rlim_t bus_wants = 1;   // to serve
+constexpr rlim_t most_spare = 8;    // more than any request has open at once
+constexpr rlim_t bus_wants = 1;     // to serve
+constexpr rlim_t caller_wants = 2;  // a connection, and a journal
 
 bool are_set_aside = false;
 rlimit whole = {};
@@ -30,11 +31,10 @@ rlim_t next_number(rlim_t limit) {
 void set_descriptors_aside() {
     if (getrlimit(RLIMIT_NOFILE, &whole) != 0) return;
     const rlim_t next = next_number(whole.rlim_cur);
-    if (whole.rlim_cur <= next + bus_wants) {
-        (void)fputs("ravod: no descriptor is left for callers\n", stderr);
-        return;
+    const rlim_t left = whole.rlim_cur - std::min(next + bus_wants, whole.rlim_cur);
+    if (left < caller_wants) {
+        (void)fputs("ravod: the limit of open files is too low for callers\n", stderr);
     }
-    const rlim_t left = whole.rlim_cur - next - bus_wants;
     lowered = whole;
     lowered.rlim_cur -= std::min(most_spare, left / 2);
     are_set_aside = setrlimit(RLIMIT_NOFILE, &lowered) == 0;

@@ -8,7 +8,7 @@
 #define SPARE_DESCRIPTORS_H
 
 // Sets the spare ones aside: at most 8, and at most half of those that are free now. Where the
-// system does not allow it, there are none.
+// system does not allow it, there are none. Too few for one caller are told on standard error.
 void set_descriptors_aside();
 
 // The spare descriptors may be used for its lifetime.
