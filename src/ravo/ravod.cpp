@@ -21,6 +21,7 @@
 #include "ravod_db_list_handler.h"
 #include "ravod_db_privilege_user_block_handler.h"
 #include "ravod_handler.h"
+#include "spare_descriptors.h"
 #include "zbservice.h"
 
 namespace {
@@ -214,6 +215,7 @@ void release_pid_file() {
 // Called by the bus on the serving thread, never inside an interrupted call. Before the endpoint
 // exists a stop only removes the pid file, and start-up goes on.
 void handle_signal(int sig) {
+    const spare_descriptors spare;
     switch (sig) {
         case SIGHUP:
             (void)read_conf_file(1);
@@ -287,6 +289,7 @@ void finish_tables() {
 // has told why.
 void serve() {
     handle = zb_create(endpoint, 4, 1, ravod_method_handler);
+    set_descriptors_aside();
     zb_start(handle);
     zb_free(handle);
     handle = nullptr;

@@ -5,6 +5,7 @@
 
 #include "ravod_db.h"
 #include "ravod_mobile.h"
+#include "spare_descriptors.h"
 
 // The registry stands before any ordinary static object of the program is built: the map first, its
 // entries next. Smaller priorities come first, and those up to 100 belong to the compiler.
@@ -47,6 +48,7 @@ void ravod_method_handler(const char* method, zb_io* io, int fd) {
     if (fd >= 0) close(fd);
     const auto entry = ravod_method_list.find(method);
     if (entry == ravod_method_list.end()) return;
+    const spare_descriptors spare;
     if (entry->second(io) != 0) return;
     zb_io_free(io);
 }

@@ -130,6 +130,18 @@ pid_t ready_socket::wait() {
     return sender.pid;
 }
 
+bool ready_socket::wait_or_end(pid_t child) const {
+    const auto end = static_cast<int>(syscall(SYS_pidfd_open, child, 0));
+    if (end < 0) give_up("pidfd_open");
+    pollfd events[] = {{fd, POLLIN, 0}, {end, POLLIN, 0}};
+    int ready = 0;
+    while ((ready = poll(events, 2, patience_ms)) < 0 && errno == EINTR) {
+    }
+    if (ready < 1) give_up("neither READY=1 nor the end of process " + std::to_string(child));
+    close(end);
+    return (events[0].revents & POLLIN) != 0;
+}
+
 ravod_process::ravod_process(const std::vector<std::string>& options, const process_options& how) {
     ready_socket ready;
     std::vector<std::string> arguments = {ravod_path()};

@@ -44,6 +44,10 @@ class ready_socket {
     std::string environment() const;
     // Waits for the datagram and returns the sender's pid.
     pid_t wait();
+    // Waits for the datagram, which is not taken, or for the end of a child. Whether it has come.
+    bool wait_or_end(pid_t child) const;
+    // Readable when a datagram has come.
+    int descriptor() const { return fd; }
 
   private:
     std::string path;

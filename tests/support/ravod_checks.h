@@ -142,6 +142,12 @@ inline std::map<int, std::string> descriptors_of(pid_t pid) {
     return targets;
 }
 
+// How many descriptors a daemon has open when it waits for callers and has none.
+inline size_t idle_descriptors(pid_t pid) {
+    while (!proc_status(pid, "State").starts_with("S")) sched_yield();
+    return descriptors_of(pid).size();
+}
+
 // The flags with which a descriptor was opened, O_CLOEXEC included.
 inline int descriptor_flags(pid_t pid, int fd) {
     const std::string info = read_file(proc(pid, "fdinfo/" + std::to_string(fd)));

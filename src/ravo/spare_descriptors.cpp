@@ -1,0 +1,49 @@
+// Descriptors that only a request under way may use.
+#include "spare_descriptors.h"
+
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+constexpr rlim_t most_spare = 8;    // more than any request has open at once
+constexpr rlim_t bus_wants = 1;     // to serve
+constexpr rlim_t caller_wants = 2;  // a connection, and a journal
+
+bool are_set_aside = false;
+rlimit whole = {};
+rlimit lowered = {};
+
+// The lowest number that is free; the limit itself when none is.
+rlim_t next_number(rlim_t limit) {
+    const int fd = eventfd(0, EFD_CLOEXEC);
+    if (fd < 0) return limit;
+    close(fd);
+    return static_cast<rlim_t>(fd);
+}
+
+}  // namespace
+
+void set_descriptors_aside() {
+    if (getrlimit(RLIMIT_NOFILE, &whole) != 0) return;
+    const rlim_t next = next_number(whole.rlim_cur);
+    const rlim_t left = whole.rlim_cur - std::min(next + bus_wants, whole.rlim_cur);
+    if (left < caller_wants) {
+        (void)fputs("ravod: the limit of open files is too low for callers\n", stderr);
+    }
+    lowered = whole;
+    lowered.rlim_cur -= std::min(most_spare, left / 2);
+    are_set_aside = setrlimit(RLIMIT_NOFILE, &lowered) == 0;
+}
+
+spare_descriptors::spare_descriptors() {
+    if (are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &whole);
+}
+
+spare_descriptors::~spare_descriptors() {
+    if (are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &lowered);
+}
