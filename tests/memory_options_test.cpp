@@ -2,7 +2,10 @@
 // in a process of its own. The options file is then as before or as after, and nothing is kept.
 #include <gtest/gtest.h>
 #include <jansson.h>
+#include <sqlite3.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -13,9 +16,12 @@
 
 #include "global_options.h"
 #include "nc_msg_db.h"
+#include "ostra_config.h"
 #include "support/alloc_fault.h"
 #include "support/bus.h"
 #include "support/files.h"
+#include "support/recording_notifier.h"
+#include "zbservice.h"
 
 using alloc_fault::failing_allocation;
 
@@ -44,6 +50,7 @@ int zb_call(const char* /*path*/, const char* method, zb_io* io, int /*timeout_s
     (void)zb_io_realloc(io, 0);
     return zb_io_write(io, reply.data(), reply.size()) == 0 ? 0 : ZB_ERROR_MEMORY;
 }
+void __real__ZN4ravo5nclog11notify_sendEPKNS_13nc_msg_structEz(const ravo::nc_msg_struct* msg, ...);
 void __wrap__ZN4ravo5nclog11notify_sendEPKNS_13nc_msg_structEz() { ++notifications; }
 }
 #pragma GCC visibility pop
@@ -182,6 +189,66 @@ TEST_F(options, section_that_was_found_keeps_its_document) {
             EXPECT_EQ(alloc_fault::live_blocks() - blocks, expected);
         },
         restore);
+}
+
+// --- What the faults reach -----------------------------------------------------------------------
+
+// Whether a call fails when its first allocation does, and goes well when none does.
+void expect_met(const char* name, bool (*call)()) {
+    EXPECT_TRUE(call()) << name;
+    const failing_allocation fault(1);
+    EXPECT_FALSE(call()) << name;
+}
+
+TEST(failing_allocation, is_met_in_every_library) {
+    expect_met("sqlite", [] {
+        void* block = sqlite3_malloc(10);
+        sqlite3_free(block);
+        return block != nullptr;
+    });
+    expect_met("jansson", [] {
+        json_t* object = json_object();
+        json_decref(object);
+        return object != nullptr;
+    });
+    expect_met("C library", [] {
+        FILE* file = fopen("/dev/null", "re");
+        if (file != nullptr) (void)fclose(file);
+        return file != nullptr;
+    });
+    expect_met("reallocarray", [] {
+        void* block = reallocarray(nullptr, 2, 8);
+        free(block);
+        return block != nullptr;
+    });
+    expect_met("C++ library", [] {
+        try {
+            return !std::string(100, 'x').empty();
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    });
+    expect_met("bus", [] {
+        zb_io* io = zb_io_create();
+        zb_io_free(io);
+        return io != nullptr;
+    });
+    expect_met("file locks",
+               [] { return Ini_Conf_Unlock_File(Ini_Conf_Read_Lock_File(options_path)) == 0; });
+}
+
+// --- Notifications -------------------------------------------------------------------------------
+
+TEST(notification, is_whole_when_there_is_no_memory_at_all) {
+    const recording_notifier notifier;
+    {
+        const failing_allocation none(1, true);
+        __real__ZN4ravo5nclog11notify_sendEPKNS_13nc_msg_structEz(
+            &ravo::__NC_MSG_DB__[ravo::nc_user_unblocked], "alice", nullptr);
+    }
+    EXPECT_EQ(notifier.receive(),
+              recording_notifier::words("C001", "0021", "info",
+                                        "[{0}] Unblock the user: Username: {1}.", {"alice"}));
 }
 
 }  // namespace
