@@ -40,9 +40,9 @@ template <class Parse>
 json_ptr parse_json(size_t text_size, Parse parse) {
     json_workspace workspace(text_size);
     if (!workspace.is_ready()) return nullptr;
-    const json_t* document = parse();
+    const json_ptr document(parse());
     workspace.pause();
-    return json_ptr(json_deep_copy(document));
+    return json_ptr(json_deep_copy(document.get()));
 }
 
 // A text as a document, as json_loads() without flags reads it.
