@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "global_options.h"
+#include "json_texts.h"
 #include "nc_msg_db.h"
 #include "ostra_config.h"
 #include "support/alloc_fault.h"
@@ -235,6 +236,31 @@ TEST(failing_allocation, is_met_in_every_library) {
     });
     expect_met("file locks",
                [] { return Ini_Conf_Unlock_File(Ini_Conf_Read_Lock_File(options_path)) == 0; });
+}
+
+// --- JSON texts ----------------------------------------------------------------------------------
+
+std::string repeated(size_t count, const std::string& part) {
+    std::string text;
+    for (size_t n = 0; n < count; ++n) text += part;
+    return text;
+}
+
+// What takes the most memory for each of its bytes, and what grows the parser's buffer the most.
+TEST(json_texts, every_text_fits_into_its_workspace) {
+    std::string members = "{\"\":0";
+    for (int n = 0; n < 10000; ++n) members += ",\"" + std::to_string(n) + "\":{}";
+    for (const std::string& text :
+         {std::string("[]"), repeated(2000, "[") + repeated(2000, "]"),
+          repeated(2000, "{\"\":") + "0" + repeated(2000, "}"), "[0" + repeated(20000, ",0") + "]",
+          "[[]" + repeated(20000, ",[]") + "]", "[{}" + repeated(20000, ",{}") + "]", members + "}",
+          "[\"" + std::string(100000, 'x') + "\"]", "[0" + repeated(9000, ",\"\\u00e9\"") + "]"}) {
+        const json_ptr expected(json_loads(text.c_str(), 0, nullptr));
+        const json_ptr found = parse_text(text.c_str());
+        ASSERT_NE(expected, nullptr);
+        EXPECT_TRUE(json_equal(found.get(), expected.get())) << text.substr(0, 20);
+        EXPECT_NE(dump_json(found.get()), nullptr);
+    }
 }
 
 // --- Notifications -------------------------------------------------------------------------------
