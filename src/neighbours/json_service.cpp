@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "json_texts.h"
 #include "zbservice.h"
 
 namespace {
@@ -52,7 +53,7 @@ bool read_all(const descriptor& file, std::string& bytes) {
 // --- Serving -------------------------------------------------------------------------------------
 
 void send_answer(zb_io* io, const json_t* answer) {
-    const json_text text(json_dumps(answer, 0));
+    const json_text text = dump_json(answer);
     if (!text) return;
     (void)zb_io_realloc(io, 0);
     if (zb_io_write(io, text.get(), strlen(text.get())) == 0) (void)zb_reply(io);
@@ -97,7 +98,9 @@ bool read_bytes(const descriptor& found, std::string& bytes) {
 json_ptr read_document(const descriptor& found) {
     std::string bytes;
     if (!read_bytes(found, bytes)) return nullptr;
-    return json_ptr(json_loadb(bytes.data(), bytes.size(), JSON_DECODE_ANY, nullptr));
+    return parse_json(bytes.size(), [&] {
+        return json_loadb(bytes.data(), bytes.size(), JSON_DECODE_ANY, nullptr);
+    });
 }
 
 json_ptr answer_error(int error) { return json_ptr(json_pack("{s:i}", "error", error)); }

@@ -27,6 +27,7 @@
 #include "default_routes.h"
 #include "gateway_setting.h"
 #include "json_service.h"
+#include "json_texts.h"
 
 namespace {
 
@@ -53,8 +54,8 @@ json_ptr read_object(const char* path) {
 bool is_profile(const json_t* entry) { return json_is_string(json_object_get(entry, "profile")); }
 
 json_ptr list_profiles(const char* request_text) {
-    const json_ptr request(*request_text != '\0' ? json_loads(request_text, 0, nullptr)
-                                                 : json_object());
+    const json_ptr request =
+        *request_text != '\0' ? parse_text(request_text) : json_ptr(json_object());
     const json_t* key = json_object_get(request.get(), "key");
     if (!json_is_object(request.get()) || (key != nullptr && !json_is_string(key))) {
         return answer_error(bad_request);

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "json_service.h"
+#include "json_texts.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ bool is_below_settings_folder(const descriptor& file) {
 }
 
 json_ptr read_json(const char* request_text) {
-    const json_ptr request(json_loads(request_text, 0, nullptr));
+    const json_ptr request = parse_text(request_text);
     const char* path = json_string_value(json_object_get(request.get(), "path"));
     if (path == nullptr) return answer_error(bad_request);
     const descriptor found = find_file(path);

@@ -3,16 +3,19 @@
 #include "global_options.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 
-#include "json_ptr.h"
+#include "json_texts.h"
 #include "nc_msg_db.h"
 #include "ravo_log.h"
 #include "zbservice.h"
@@ -26,8 +29,6 @@ constexpr int call_timeout_seconds = 5;
 struct zb_io_deleter {
     void operator()(zb_io* io) const { zb_io_free(io); }
 };
-json_text dump(const json_t* value) { return json_text(json_dumps(value, 0)); }
-
 // A member as a text; empty when it is none.
 const char* text(const json_t* object, const char* key) {
     const char* value = json_string_value(json_object_get(object, key));
@@ -51,8 +52,7 @@ json_t* easy_zb_call(const char* domain, const char* method, const char* senddat
         log_line(HERE, "ERROR", "%s: zb_call %s.%s %s failed\n", __func__, domain, method, sent);
         return nullptr;
     }
-    const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
-    json_ptr root(json_loads(text, 0, nullptr));
+    json_ptr root = parse_text(static_cast<const char*>(zb_io_read(io.get(), nullptr)));
     if (!json_is_object(root.get())) {
         log_line(HERE, "ERROR", "%s: root isn't an object.\n", __func__);
         return nullptr;
@@ -73,7 +73,7 @@ std::string get_profile_name(std::string sname) {  // NOLINT(performance-unneces
     const json_ptr request(json_object());
     (void)json_object_set_new(request.get(), "key", json_string(sname.c_str()));
     // Deliberate: the text is not released.
-    const char* text = json_dumps(request.get(), 0);
+    const char* text = dump_json(request.get()).release();
     const json_ptr reply(easy_zb_call("NetworkService", "external_dev.list", text));
     if (!reply) return {};
     const json_t* device = json_object_get(json_object_get(reply.get(), "data"), sname.c_str());
@@ -181,25 +181,78 @@ file_ptr open_options(int flags, const char* mode) {
     return file;
 }
 
+// The bytes of a regular file.
+size_t size_of(FILE* file) {
+    struct stat found = {};
+    return fstat(fileno(file), &found) == 0 ? static_cast<size_t>(found.st_size) : 0;
+}
+
+// Tells why something has just failed: the C library says so whenever it has no memory, while
+// Jansson takes much of that for a fault of the text. Set errno to 0 before.
+bool is_out_of_memory() { return errno == ENOMEM; }
+
+// Reads the document. False: there was no memory for all of it, and it is not what the file holds.
+bool read_options(json_ptr& root, const call_site& at) {
+    errno = 0;
+    const options_lock lock(Ini_Conf_Read_Lock_File);
+    if (!lock.is_held()) {
+        log_line(at, "ERROR", "Ini_Conf_Read_Lock_File failed.");
+        root.reset(json_object());
+        return lock.error() != ostra_lock_out_of_memory;
+    }
+    const file_ptr file = open_options(O_RDONLY, "r");
+    if (!file) {
+        const bool is_complete = !is_out_of_memory();
+        log_line(at, "ERROR", "Open %s failed.", options_path);
+        root.reset(json_object());
+        return is_complete;
+    }
+    errno = 0;
+    root = parse_json(size_of(file.get()), [&] { return json_loadf(file.get(), 0, nullptr); });
+    if (json_is_object(root.get())) return true;
+    const bool is_complete = !is_out_of_memory();
+    log_line(at, "ERROR", "root isn't a object.");
+    root.reset(GlobalConfig().get_tmpl());
+    return is_complete;
+}
+
+// A notification for which there is no memory is lost; what it tells of is done all the same.
+void notify_gateways(json_t* raw_t, const call_site& at) {
+    try {
+        ravo_gw_nclog(raw_t);
+    } catch (const std::bad_alloc&) {
+        log_line(at, "ERROR", "ravo_gw_nclog: out of memory\n");
+    }
+}
+
 // The document, updated by raw, into the file. The lock is held until the notifications are sent
-// and the file is closed. Deliberate: opening it empties it, whatever comes of the rest.
+// and the file is closed. Deliberate: the file is emptied, whatever comes of the rest; but for want
+// of memory, which is found out before.
 bool write_options(json_t* root, const char* raw, const call_site& at) {
     const options_lock lock(Ini_Conf_Write_Lock_File);
     if (!lock.is_held()) return false;
-    file_ptr file = open_options(O_WRONLY | O_CREAT | O_TRUNC, "wb");
-    if (!file) return false;
-    const json_ptr raw_t(raw != nullptr ? json_loads(raw, 0, nullptr) : nullptr);
-    if (json_object_update_existing(root, raw_t.get()) != 0) {
-        log_line(at, "ERROR", "Update raw_t to root failed. %s\n",
-                 text_or_null(dump(raw_t.get()).get()));
+    errno = 0;
+    const json_ptr raw_t = raw != nullptr ? parse_text(raw) : nullptr;
+    const bool is_updated = json_object_update_existing(root, raw_t.get()) == 0;
+    const json_text document = is_updated ? dump_json(root) : nullptr;
+    if (!document && is_out_of_memory()) {
+        log_line(at, "ERROR", "No memory, nothing is saved.\n");
         return false;
     }
-    bool is_written = json_dumpf(root, file.get(), 0) == 0;
-    if (is_written) ravo_gw_nclog(raw_t.get());
-    if (fclose(file.release()) != 0) is_written = false;
-    if (!is_written) {
-        log_line(at, "ERROR", "Write %s to file failed\n", text_or_null(dump(root).get()));
+    file_ptr file = open_options(O_WRONLY | O_CREAT, "wb");
+    if (!file) return false;
+    // Only a regular file has a length.
+    if (ftruncate(fileno(file.get()), 0) != 0 && errno != EINVAL) return false;
+    if (!is_updated) {
+        log_line(at, "ERROR", "Update raw_t to root failed. %s\n",
+                 text_or_null(dump_json(raw_t.get()).get()));
+        return false;
     }
+    bool is_written = document && fputs(document.get(), file.get()) != EOF;
+    if (is_written) notify_gateways(raw_t.get(), at);
+    if (fclose(file.release()) != 0) is_written = false;
+    if (!is_written)
+        log_line(at, "ERROR", "Write %s to file failed\n", text_or_null(document.get()));
     return is_written;
 }
 
@@ -210,21 +263,9 @@ json_t* GlobalConfig::get_tmpl() {
 }
 
 json_t* GlobalConfig::load() {
-    const options_lock lock(Ini_Conf_Read_Lock_File);
-    if (!lock.is_held()) {
-        log_line(HERE, "ERROR", "Ini_Conf_Read_Lock_File failed.");
-        return json_object();
-    }
-    const file_ptr file = open_options(O_RDONLY, "r");
-    if (!file) {
-        log_line(HERE, "ERROR", "Open %s failed.", options_path);
-        return json_object();
-    }
-    json_ptr root(json_loadf(file.get(), 0, nullptr));
-    if (!json_is_object(root.get())) {
-        log_line(HERE, "ERROR", "root isn't a object.");
-        return get_tmpl();
-    }
+    call_site at = HERE;
+    json_ptr root;
+    (void)read_options(root, at);
     return root.release();
 }
 
@@ -241,12 +282,16 @@ int GlobalConfig::load(const char* section, JsonValue& data) {
     if (section == nullptr) return -1;
     const json_ptr root(load());
     json_t* found = json_object_get(root.get(), section);
-    data[section] = found != nullptr ? json_incref(found) : json_object();
+    JsonValue& place = data[section];
+    place = found != nullptr ? json_incref(found) : json_object();
     return 0;
 }
 
 int GlobalConfig::save(const char* raw) {
-    const json_ptr root(load());
+    call_site reading = HERE;
+    reading.function = "load";
+    json_ptr root;
+    if (!read_options(root, reading)) return 0;  // the rest of the document would be lost
     if (!write_options(root.get(), raw, HERE)) return 0;
     const json_ptr reply(easy_zb_call("NetworkService", "external_dev.update_vpn_gw", nullptr));
     if (!reply) log_line(HERE, "ERROR", "%s: zb_call failed\n", "update_vpn_gw");
@@ -268,49 +313,45 @@ connection connection_of(const json_t* gateway) {
     return {static_cast<TYPE>(number<uint16_t>(gateway, "type")), number<int>(gateway, "index")};
 }
 
-void set_number(json_t* object, const char* key, int value) {
-    (void)json_object_set_new(object, key, json_integer(value));
+// What changes a setting returns false when there is no memory for the change.
+bool set_number(json_t* object, const char* key, int value) {
+    return json_object_set_new(object, key, json_integer(value)) == 0;
 }
 
 // The backup's connection becomes the gateway's.
-void promote_backup(json_t* setting) {
-    if (!json_is_object(json_object_get(setting, "gw1"))) {
-        (void)json_object_set_new(setting, "gw1", json_object());
+bool promote_backup(json_t* setting) {
+    if (!json_is_object(json_object_get(setting, "gw1")) &&
+        json_object_set_new(setting, "gw1", json_object()) != 0) {
+        return false;
     }
     json_t* gateway = json_object_get(setting, "gw1");
     const json_t* backup = json_object_get(setting, "gw2");
-    set_number(gateway, "index", connection_of(backup).index);
-    set_number(gateway, "type", connection_of(backup).type);
-    (void)json_object_set_new(gateway, "sname", json_string(text(backup, "sname")));
+    return set_number(gateway, "index", connection_of(backup).index) &&
+           set_number(gateway, "type", connection_of(backup).type) &&
+           json_object_set_new(gateway, "sname", json_string(text(backup, "sname"))) == 0;
 }
 
-void remove_backup(json_t* setting) {
-    set_number(setting, "failover_en", 0);
+bool remove_backup(json_t* setting) {
     (void)json_object_del(setting, "failover_interval");
     (void)json_object_del(setting, "gw2");
+    return set_number(setting, "failover_en", 0);
 }
 
-void remove_gateway(json_t* setting) {
-    set_number(setting, "as_gw_en", 0);
+bool remove_gateway(json_t* setting) {
     (void)json_object_del(setting, "gw1");
+    return set_number(setting, "as_gw_en", 0);
 }
 
-// Takes a connection out of the setting. False: it is not in it. Deliberate: without a backup the
-// backup's connection is type 0, index 0, whatever stands in "gw2".
+// Takes a connection out of the setting. False: it is not in it, or there is no memory. Deliberate:
+// without a backup the backup's connection is type 0, index 0, whatever stands in "gw2".
 bool remove_connection(json_t* setting, const connection& gone) {
     const bool has_backup = number<int>(setting, "failover_en") != 0;
     const connection backup = connection_of(has_backup ? json_object_get(setting, "gw2") : nullptr);
     if (gone == connection_of(json_object_get(setting, "gw1"))) {
-        if (!has_backup) {
-            remove_gateway(setting);
-            return true;
-        }
-        promote_backup(setting);
-    } else if (gone != backup) {
-        return false;
+        if (!has_backup) return remove_gateway(setting);
+        return promote_backup(setting) && remove_backup(setting);
     }
-    remove_backup(setting);
-    return true;
+    return gone == backup && remove_backup(setting);
 }
 
 // Sends an entry about a "gw1" or "gw2".
@@ -352,9 +393,9 @@ int GlobalConfig::disable_gateway(TYPE type, int index) {
     json_t* setting = json_object_get(root.get(), "gw_setting");
     if (number<int>(setting, "as_gw_en") == 0) return 0;
     if (!remove_connection(setting, {type, index})) return 0;
-    const json_text raw = dump(root.get());
+    const json_text raw = dump_json(root.get());
     if (raw) (void)save(raw.get());  // an update that there was no memory for would empty the file
-    log_line(HERE, "ERROR", "gw changed, root=%s\n", text_or_null(dump(root.get()).get()));
+    log_line(HERE, "ERROR", "gw changed, root=%s\n", text_or_null(dump_json(root.get()).get()));
     return 0;
 }
 
@@ -377,7 +418,7 @@ namespace {
 // Prints a document as one line and releases it.
 void print_line(json_t* document) {
     const json_ptr owned(document);
-    const json_text line = ravo::dump(document);
+    const json_text line = dump_json(document);
     if (line) (void)puts(line.get());
 }
 

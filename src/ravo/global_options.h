@@ -154,9 +154,9 @@ class GlobalConfig {
     // does not have are ignored, so without a file nothing is stored but an empty object.
     //
     // Deliberate: a raw that is no JSON object empties the file, and so does a full disk. Readers
-    // then get the template. Readers who take the lock never see a half-written file. Returns 0,
-    // also when nothing could be written; all failures but those of the lock and of opening the
-    // file are logged.
+    // then get the template. Readers who take the lock never see a half-written file. For want of
+    // memory the file stays as it is. Returns 0, also when nothing could be written; all failures
+    // but those of the lock and of opening the file are logged.
     int save(const char* raw);
 
     // Sets data["type"] and data["index"] to the connection that is the default gateway now, as the

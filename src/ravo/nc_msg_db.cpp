@@ -59,7 +59,11 @@ struct argument_vector {
     char* slots[vector_slots + 1] = {};
     int used = 0;
 
-    void add(const char* word) { slots[used++] = strdup(word); }
+    // Without memory for a copy the word itself will do: nobody writes to it.
+    void add(const char* word) {
+        char* copy = strdup(word);
+        slots[used++] = copy != nullptr ? copy : const_cast<char*>(word);
+    }
     bool is_full() const { return used == vector_slots; }
 };
 

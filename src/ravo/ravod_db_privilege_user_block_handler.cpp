@@ -19,6 +19,7 @@
 
 #include "block_settings.h"
 #include "global_options.h"
+#include "json_texts.h"
 #include "nc_msg_db.h"
 #include "table_store.h"
 
@@ -40,16 +41,16 @@ constexpr int update_result_size = 64 * 1024;  // bytes of the UPDATE's second p
 
 // --- Settings -----------------------------------------------------------------------------------
 
+// Without memory for the question there are none.
 block_settings read_settings() {
-    json_t* request = json_pack("{s:s}", "path", block_settings_path);
-    char* text = json_dumps(request, 0);
-    json_t* reply = ravo::easy_zb_call("vpncaas", "read_json", text);
-    free(text);
-    json_decref(request);
-
-    const block_settings settings = to_block_settings(reply);
-    json_decref(reply);
-    return settings;
+    const json_ptr request(json_pack("{s:s}", "path", block_settings_path));
+    const json_text text = dump_json(request.get());
+    if (!text) {
+        log_line(HERE, "ERROR", "%s: out of memory\n", __func__);
+        return {};
+    }
+    const json_ptr reply(ravo::easy_zb_call("vpncaas", "read_json", text.get()));
+    return to_block_settings(reply.get());
 }
 
 bool is_at_limit(const block_settings& settings, int64_t count) {

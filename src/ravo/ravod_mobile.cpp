@@ -53,7 +53,6 @@ int ravo_mobile_gen_ravo_uuid(zb_io* io) {
     ravo_mobile_gen_uuid_data_get uuid = {};
     (void)ravo_uuid_gen(uuid.ravo_uuid);
     zb_io_realloc(io, 0);
-    zb_io_write(io, &uuid, sizeof uuid);
-    zb_reply(io);
+    if (zb_io_write(io, &uuid, sizeof uuid) == 0) zb_reply(io);
     return 0;
 }

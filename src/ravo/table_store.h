@@ -239,12 +239,29 @@ inline void reopen_db(table_state& t, const call_site& at) {
 
 using row_callback = int (*)(void* arg, int num_fields, char** p_fields, char** p_col_names);
 
+// Hands rows on, but ends the statement at one with a value that there was no memory for: SQLite
+// delivers that value as NULL, and fails only behind the row.
+struct whole_rows {
+    sqlite3* db;
+    row_callback on_row;
+    void* arg;
+
+    static int pass_row(void* rows, int num_fields, char** p_fields, char** p_col_names) {
+        const auto& self = *static_cast<const whole_rows*>(rows);
+        if (sqlite3_errcode(self.db) == SQLITE_NOMEM) return -1;
+        return self.on_row(self.arg, num_fields, p_fields, p_col_names);
+    }
+};
+
 // The second half. A connection that could not be opened makes the statement fail like any other.
 // Returns SQLite's code; operations that always succeed ignore it.
 inline int execute(table_state& t, const sql_text& text, const call_site& at,
                    row_callback on_row = nullptr, void* arg = nullptr) {
     char* error = nullptr;
-    const int rc = text ? sqlite3_exec(t.__db__, text.get(), on_row, arg, &error) : SQLITE_NOMEM;
+    whole_rows rows{t.__db__, on_row, arg};
+    const row_callback pass_row = on_row != nullptr ? whole_rows::pass_row : nullptr;
+    const int rc =
+        text ? sqlite3_exec(t.__db__, text.get(), pass_row, &rows, &error) : SQLITE_NOMEM;
     if (rc != SQLITE_OK) {
         log_line(at, "ERROR", "sql = %s, err = %s\n", text_or_null(text.get()),
                  text_or_null(error));
