@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <string_view>
@@ -18,6 +19,7 @@
 #include "frame.h"
 #include "payload.h"
 #include "peer.h"
+#include "report.h"
 #include "wait.h"
 
 namespace zb {
@@ -58,9 +60,18 @@ int connect_to(const socket_address& address, patient_wait& time, descriptor& co
     return ZB_OK;
 }
 
-// An abstract name has no owner on disk: anyone could have taken it first.
-bool is_trusted(int socket) {
-    return is_root_or_self(socket) || is_member(socket, deployment_group());
+// An abstract name has no owner on disk: anyone could have taken it first. The operator learns of
+// it.
+int check_holder(int socket, const socket_address& address) {
+    const uid_t user = user_of(socket);
+    if (is_root_or_self(user) || is_member(socket, deployment_group())) return ZB_OK;
+    const std::string_view name(address.name.sun_path + 1,
+                                address.length - offsetof(sockaddr_un, sun_path) - 1);
+    if (is_due(name)) {
+        report("\"@%.*s\" is held by user %u, who is not trusted: calls of it are refused",
+               static_cast<int>(name.size()), name.data(), user);
+    }
+    return ZB_ERROR_UNTRUSTED;
 }
 
 // ---- Sending -----------------------------------------------------------------------------------
@@ -225,7 +236,7 @@ int call(const char* path, const char* method, zb_io& io, int timeout_s, int fd)
     patient_wait time(timeout_s > 0 ? std::chrono::seconds(timeout_s) : usual_timeout);
     descriptor socket;
     if (const int error = connect_to(address, time, socket)) return error;
-    if (!is_trusted(socket.get())) return ZB_ERROR_UNTRUSTED;
+    if (const int error = check_holder(socket.get(), address)) return error;
     outgoing_request request(name, io.content, fd);
     if (const int error = send_request(socket.get(), request, time)) return error;
     return receive_reply(socket.get(), io.content, time);

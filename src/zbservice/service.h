@@ -43,18 +43,22 @@ struct zb_service {
     void handle(const epoll_event& event);
     void accept_one();
     void accept_failed(int error);
-    bool is_permitted(int socket) const;
+    bool is_permitted(uid_t user, int socket) const;
+    zb::connection* most_expendable();
+    void make_room_for(const zb::account& user);
     void pause_listening();
     void resume_listening();
 
     void read(zb::connection& c);
-    void bound_unfinished();
+    void bound_unfinished(const zb::account& user);
+    zb::connection* unfinished_to_drop(const zb::account& user);
     void enqueue(zb::connection& c);
     zb::connection* take_waiting();
 
     void run(zb::connection& c);
     void settle(zb::connection& c);
     bool admit_reply(zb::connection& c);
+    const zb::account* in_the_way_of(const zb::connection& c) const;
     void write(zb::connection& c);
 
     void poll(zb::connection& c, std::uint32_t events);
@@ -75,6 +79,7 @@ struct zb_service {
     std::atomic<bool> stop_requested_ = false;
     std::atomic<bool> serving_ = false;
 
+    zb::ledger ledger_;  // before the connections, which charge to it
     zb::connection_table connections_;
     zb::connection* first_waiting_ = nullptr;
     zb::connection* last_waiting_ = nullptr;
