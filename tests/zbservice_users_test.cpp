@@ -112,6 +112,7 @@ TEST_F(users, one_who_holds_most_connections_makes_room_when_the_endpoint_is_ful
 
 TEST_F(users, readers_of_one_within_his_share_are_given_a_second) {
     const std::string asks = request_frame("400000", "");
+    const auto start = std::chrono::steady_clock::now();
     std::vector<callers> readers;
     for (uid_t user = first_member; user < first_member + 4; ++user)
         readers.push_back(connect_many(user, member_connections - 1, asks));
@@ -119,9 +120,8 @@ TEST_F(users, readers_of_one_within_his_share_are_given_a_second) {
     for (callers& each : readers) {
         for (raw_stream& reader : each) ASSERT_EQ(reader.receive(16), header(1, 2, 0, 400000));
     }
-    const auto start = std::chrono::steady_clock::now();
     let_endpoint_catch_up();
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(readers.back().back().receive_all().size(), 400000U);
 }
 
@@ -212,15 +212,25 @@ std::size_t resident_bytes() {
     std::ifstream("/proc/self/statm") >> whole >> resident;
     return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
+
+// Takes no memory for what is received.
+std::size_t skip(const raw_stream& stream, std::size_t count) {
+    static char part[64 * 1024];
+    std::size_t skipped = 0;
+    for (ssize_t got = 1; got > 0 && skipped < count;
+         skipped += static_cast<std::size_t>(std::max<ssize_t>(got, 0)))
+        got = recv(stream.fd(), part, std::min(sizeof part, count - skipped), 0);
+    return skipped;
+}
 }  // namespace
 
 TEST_F(users, memory_of_a_long_reply_goes_back_as_it_is_read) {
     raw_stream reader = connect_as(first_member);
     EXPECT_TRUE(is_served(reader, request_frame(std::to_string(64 * mib), "")));
     const std::size_t before = resident_bytes();
-    for (int i = 0; i < 48; ++i) EXPECT_EQ(reader.receive(mib), std::string(mib, '\0'));
+    EXPECT_EQ(skip(reader, 48 * mib), 48 * mib);
     EXPECT_LT(resident_bytes(), before - 32 * mib);
-    EXPECT_EQ(reader.receive_all(), std::string(16 * mib, '\0'));
+    EXPECT_EQ(skip(reader, SIZE_MAX), 16 * mib);
 }
 
 // ---- Age ---------------------------------------------------------------------------------------

@@ -18,7 +18,7 @@ inline constexpr std::size_t max_reply_bytes = gib;  // also of any buffer
 
 // One endpoint. The connections leave most of the usual 1024 descriptors to the program.
 inline constexpr std::size_t max_connections = 256;
-inline constexpr int max_backlog = 256;                        // callers whom the kernel holds
+inline constexpr int max_backlog = 64;                         // callers whom the kernel holds
 inline constexpr std::size_t max_unfinished_bytes = 64 * mib;  // requests not started yet
 inline constexpr std::size_t max_unsent_bytes = 2 * gib;       // replies larger than the next
 inline constexpr std::size_t small_reply_bytes = mib;          // bounded by the connections alone
@@ -50,6 +50,9 @@ inline constexpr std::chrono::seconds flush_total{10};
 
 // How long an endpoint stops taking connections when there is nothing to take them with.
 inline constexpr std::chrono::milliseconds accept_pause{100};
+
+// How many callers without a complete request are taken at most before the others have their turn.
+inline constexpr int accepted_together = 16;
 
 // What is received or sent at most for one caller before the others have their turn.
 inline constexpr std::size_t receive_bytes = 64 * kib;

@@ -1,7 +1,6 @@
 // The calling side: one connection, one request, one reply.
 #include "call.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
@@ -32,29 +31,17 @@ int system_error() {
 
 // ---- Connecting --------------------------------------------------------------------------------
 
-// The endpoint's queue of callers is full. Only a blocking connect can wait for a place in it; it
-// wakes up every slice, to deliver signals and to look at the clock.
-int connect_in_slices(int socket, const socket_address& address, patient_wait& time) {
-    const timeval slice = {0, std::chrono::microseconds(patient_wait::slice).count()};
-    if (fcntl(socket, F_SETFL, 0) != 0 ||
-        setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice) != 0)
-        return system_error();
-    while (connect(socket, address.get(), address.length) != 0) {
-        if (errno == ECONNREFUSED) return ZB_ERROR_UNREACHABLE;
-        if (errno != EAGAIN && errno != EINTR) return system_error();
-        time.deliver_signals();
-        if (time.is_over()) return ZB_ERROR_TIMEOUT;
-    }
-    return ZB_OK;
-}
-
+// Also when the endpoint's queue of callers is full: then a place in it is tried for again and
+// again. Whoever waits for one inside the kernel waits behind all others who do, however many a
+// hostile user has sent there.
 int connect_to(const socket_address& address, patient_wait& time, descriptor& connected) {
     descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket.is_open()) return system_error();
-    if (connect(socket.get(), address.get(), address.length) != 0) {
+    while (connect(socket.get(), address.get(), address.length) != 0) {
         if (errno == ECONNREFUSED) return ZB_ERROR_UNREACHABLE;
         if (errno != EAGAIN && errno != EINTR) return system_error();
-        if (const int error = connect_in_slices(socket.get(), address, time)) return error;
+        time.pause();
+        if (time.is_over()) return ZB_ERROR_TIMEOUT;
     }
     connected = std::move(socket);
     return ZB_OK;

@@ -158,7 +158,7 @@ void zb_service::handle(const epoll_event& event) {
     std::uint64_t count = 0;
     switch (event.data.u64) {
         case listener_key:
-            accept_one();
+            accept_callers();
             return;
         case stop_key:
             (void)!::read(stop_wake_.get(), &count, sizeof count);
@@ -180,24 +180,32 @@ void zb_service::handle(const epoll_event& event) {
 
 // ---- New connections ---------------------------------------------------------------------------
 
-void zb_service::accept_one() {
+// A crowd that sends no requests costs each of those behind it as little time as it can.
+void zb_service::accept_callers() {
+    int taken = 1;
+    while (accept_one() && !first_waiting_ && taken < zb::accepted_together) ++taken;
+}
+
+// Whether there may be another one.
+bool zb_service::accept_one() {
     if (connections_.is_full() && !most_expendable()) {
         pause_listening();
-        return;
+        return false;
     }
     zb::descriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.is_open()) {
         accept_failed(errno);
-        return;
+        return false;
     }
     const uid_t user = zb::user_of(socket.get());
     if (!is_permitted(user, socket.get())) {
         zb::send_status(socket.get(), reply_status::refused);
-        return;
+        return true;
     }
     zb::account& account = ledger_.of(user);
     make_room_for(account);
     read(connections_.open(this, std::move(socket), account, now_));
+    return true;
 }
 
 // When the endpoint is full, the user who holds most of it makes room.

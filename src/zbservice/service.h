@@ -2,9 +2,9 @@
 //
 // One thread, one loop. Each turn runs at most one request, then looks at what the sockets offer,
 // so a queue of requests never keeps a reader of a long reply waiting. The listener is asked for
-// one caller per turn: the rest keep their place in the kernel's queue, which is the order of
-// arrival. A request is mostly there when its connection is accepted and is read at once; epoll
-// only ever learns of connections that have to be waited for.
+// callers until one has a complete request: the rest keep their place in the kernel's queue, which
+// is the order of arrival. A request is mostly there when its connection is accepted and is read at
+// once; epoll only ever learns of connections that have to be waited for.
 #ifndef ZBSERVICE_SERVICE_H
 #define ZBSERVICE_SERVICE_H
 
@@ -41,7 +41,8 @@ struct zb_service {
     zb::monotonic::time_point deadline(const zb::connection& c) const;
 
     void handle(const epoll_event& event);
-    void accept_one();
+    void accept_callers();
+    bool accept_one();
     void accept_failed(int error);
     bool is_permitted(uid_t user, int socket) const;
     zb::connection* most_expendable();
