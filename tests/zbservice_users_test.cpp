@@ -247,6 +247,19 @@ TEST_F(users, steady_drip_holds_no_connection_for_long) {
     EXPECT_TRUE(is_given_up(drips));
 }
 
+TEST_F(users, reader_without_progress_is_dropped_within_ten_seconds) {
+    raw_stream reader = connect_as(first_member);
+    EXPECT_TRUE(is_served(reader, request_frame("2000000", "")));
+    let_endpoint_catch_up();
+    pollfd hung_up = {reader.fd(), 0, 0};
+    seconds_ahead += 8;
+    let_endpoint_catch_up();
+    EXPECT_EQ(poll(&hung_up, 1, 0), 0);
+    seconds_ahead += 1;
+    let_endpoint_catch_up();
+    EXPECT_EQ(poll(&hung_up, 1, 0), 1);
+}
+
 // ---- Addresses that another user has taken -----------------------------------------------------
 
 namespace {
