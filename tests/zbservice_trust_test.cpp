@@ -1,71 +1,17 @@
 // Who may talk to whom. The kernel's word about the other side is replaced, per thread, so that
 // each side can be anybody for the other.
-#include <dlfcn.h>
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <cerrno>
-#include <csignal>
-#include <fstream>
-#include <optional>
 #include <string>
-#include <vector>
 
 #include "support/bus.h"
+#include "support/other_side.h"
 
 using namespace bus_test;
 
 namespace {
-struct identity {
-    uid_t user;
-    gid_t group;
-    std::vector<gid_t> groups;
-};
-
-// Who the other side is for this thread; nobody in particular: whoever it really is.
-thread_local std::optional<identity> other_side;
-
-int copy_credentials(void* value, socklen_t* length) {
-    const ucred peer = {1, other_side->user, other_side->group};
-    std::memcpy(value, &peer, sizeof peer);
-    *length = sizeof peer;
-    return 0;
-}
-
-int copy_groups(void* value, socklen_t* length) {
-    const auto needed = static_cast<socklen_t>(other_side->groups.size() * sizeof(gid_t));
-    const bool fits = *length >= needed;
-    *length = needed;
-    if (!fits) {
-        errno = ERANGE;
-        return -1;
-    }
-    if (needed > 0) std::memcpy(value, other_side->groups.data(), needed);
-    return 0;
-}
-}  // namespace
-
-// In the library's place for getsockopt too.
-extern "C" __attribute__((visibility("default"))) int getsockopt(int fd, int level, int name,
-                                                                 void* value,
-                                                                 socklen_t* length) noexcept {
-    using function = int (*)(int, int, int, void*, socklen_t*);
-    static const auto original = reinterpret_cast<function>(dlsym(RTLD_NEXT, "getsockopt"));
-    if (other_side && level == SOL_SOCKET && name == SO_PEERCRED)
-        return copy_credentials(value, length);
-    if (other_side && level == SOL_SOCKET && name == SO_PEERGROUPS)
-        return copy_groups(value, length);
-    return original(fd, level, name, value, length);
-}
-
-namespace {
-constexpr uid_t stranger = 4711;
-constexpr gid_t their_group = 4712;
-constexpr gid_t deployed_group = 4713;
-
-void deploy(const std::string& text) { std::ofstream("/etc/zbservice.conf") << text; }
-
 const identity an_outsider = {stranger, their_group, {their_group, 1, 2, 3}};
 const identity a_member = {stranger, deployed_group, {}};
 const identity a_member_by_another_group = {stranger, their_group, {1, 2, deployed_group, 3}};

@@ -18,16 +18,30 @@ inline constexpr std::size_t max_reply_bytes = gib;  // also of any buffer
 
 // One endpoint. The connections leave most of the usual 1024 descriptors to the program.
 inline constexpr std::size_t max_connections = 256;
-inline constexpr int max_backlog = 256;                        // callers whom the kernel holds
+inline constexpr int max_backlog = 64;                         // callers whom the kernel holds
 inline constexpr std::size_t max_unfinished_bytes = 64 * mib;  // requests not started yet
 inline constexpr std::size_t max_unsent_bytes = 2 * gib;       // replies larger than the next
 inline constexpr std::size_t small_reply_bytes = mib;          // bounded by the connections alone
 
+// What one user may hold of that: root and the endpoint's own user, and anybody else each. A share
+// leaves the others room for a request and for the largest usual reply. A connection has at most
+// one descriptor besides its own.
+inline constexpr std::size_t own_connections = 192;
+inline constexpr std::size_t other_connections = 64;
+inline constexpr std::size_t own_unfinished_bytes = 48 * mib;
+inline constexpr std::size_t other_unfinished_bytes = 16 * mib;
+inline constexpr std::size_t own_unsent_bytes = 1536 * mib;
+inline constexpr std::size_t other_unsent_bytes = gib;
+
 // Time without progress after which a caller is dropped.
 inline constexpr std::chrono::seconds request_stall{5};  // in the middle of its request
-inline constexpr std::chrono::seconds reply_stall{10};   // in the middle of its reply
+inline constexpr std::chrono::seconds reply_stall{9};    // in the middle of its reply
 
-// A reader that has been at it for less is not dropped to make room for others.
+// A request takes no longer than this in all, however steadily its bytes drip.
+inline constexpr std::chrono::seconds request_total{30};
+
+// A reader without progress for less is not dropped to make room, unless its user holds a full
+// share.
 inline constexpr std::chrono::seconds reply_grace{1};
 
 // How long zb_start goes on sending finished replies after zb_stop.
@@ -37,9 +51,15 @@ inline constexpr std::chrono::seconds flush_total{10};
 // How long an endpoint stops taking connections when there is nothing to take them with.
 inline constexpr std::chrono::milliseconds accept_pause{100};
 
+// How many callers without a complete request are taken at most before the others have their turn.
+inline constexpr int accepted_together = 16;
+
 // What is received or sent at most for one caller before the others have their turn.
 inline constexpr std::size_t receive_bytes = 64 * kib;
 inline constexpr std::size_t send_bytes = 256 * kib;
+
+// The memory of a long reply goes back to the system in steps of this, as it is sent.
+inline constexpr std::size_t release_bytes = 4 * mib;
 
 }  // namespace zb
 

@@ -1,13 +1,13 @@
 // The calling side: one connection, one request, one reply.
 #include "call.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <iterator>
 #include <string_view>
@@ -18,6 +18,7 @@
 #include "frame.h"
 #include "payload.h"
 #include "peer.h"
+#include "report.h"
 #include "wait.h"
 
 namespace zb {
@@ -30,37 +31,34 @@ int system_error() {
 
 // ---- Connecting --------------------------------------------------------------------------------
 
-// The endpoint's queue of callers is full. Only a blocking connect can wait for a place in it; it
-// wakes up every slice, to deliver signals and to look at the clock.
-int connect_in_slices(int socket, const socket_address& address, patient_wait& time) {
-    const timeval slice = {0, std::chrono::microseconds(patient_wait::slice).count()};
-    if (fcntl(socket, F_SETFL, 0) != 0 ||
-        setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &slice, sizeof slice) != 0)
-        return system_error();
-    while (connect(socket, address.get(), address.length) != 0) {
-        if (errno == ECONNREFUSED) return ZB_ERROR_UNREACHABLE;
-        if (errno != EAGAIN && errno != EINTR) return system_error();
-        time.deliver_signals();
-        if (time.is_over()) return ZB_ERROR_TIMEOUT;
-    }
-    return ZB_OK;
-}
-
+// Also when the endpoint's queue of callers is full: then a place in it is tried for again and
+// again. Whoever waits for one inside the kernel waits behind all others who do, however many a
+// hostile user has sent there.
 int connect_to(const socket_address& address, patient_wait& time, descriptor& connected) {
     descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!socket.is_open()) return system_error();
-    if (connect(socket.get(), address.get(), address.length) != 0) {
+    while (connect(socket.get(), address.get(), address.length) != 0) {
         if (errno == ECONNREFUSED) return ZB_ERROR_UNREACHABLE;
         if (errno != EAGAIN && errno != EINTR) return system_error();
-        if (const int error = connect_in_slices(socket.get(), address, time)) return error;
+        time.pause();
+        if (time.is_over()) return ZB_ERROR_TIMEOUT;
     }
     connected = std::move(socket);
     return ZB_OK;
 }
 
-// An abstract name has no owner on disk: anyone could have taken it first.
-bool is_trusted(int socket) {
-    return is_root_or_self(socket) || is_member(socket, deployment_group());
+// An abstract name has no owner on disk: anyone could have taken it first. The operator learns of
+// it.
+int check_holder(int socket, const socket_address& address) {
+    const uid_t user = user_of(socket);
+    if (is_root_or_self(user) || is_member(socket, deployment_group())) return ZB_OK;
+    const std::string_view name(address.name.sun_path + 1,
+                                address.length - offsetof(sockaddr_un, sun_path) - 1);
+    if (is_due(name)) {
+        report("\"@%.*s\" is held by user %u, who is not trusted: calls of it are refused",
+               static_cast<int>(name.size()), name.data(), user);
+    }
+    return ZB_ERROR_UNTRUSTED;
 }
 
 // ---- Sending -----------------------------------------------------------------------------------
@@ -225,7 +223,7 @@ int call(const char* path, const char* method, zb_io& io, int timeout_s, int fd)
     patient_wait time(timeout_s > 0 ? std::chrono::seconds(timeout_s) : usual_timeout);
     descriptor socket;
     if (const int error = connect_to(address, time, socket)) return error;
-    if (!is_trusted(socket.get())) return ZB_ERROR_UNTRUSTED;
+    if (const int error = check_holder(socket.get(), address)) return error;
     outgoing_request request(name, io.content, fd);
     if (const int error = send_request(socket.get(), request, time)) return error;
     return receive_reply(socket.get(), io.content, time);

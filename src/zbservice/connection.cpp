@@ -5,8 +5,8 @@
 
 namespace zb {
 namespace {
-bool holds_large_reply(const connection& c) {
-    return c.at == stage::sending && c.reply.size() > small_reply_bytes;
+bool has_longer_stalled(const connection& a, const connection& b) {
+    return a.progressed < b.progressed;
 }
 }  // namespace
 
@@ -15,10 +15,11 @@ connection_table::connection_table() {
         free_[i] = static_cast<std::uint16_t>(free_.size() - 1 - i);
 }
 
-connection& connection_table::open(zb_service* service, descriptor&& socket,
+connection& connection_table::open(zb_service* service, descriptor&& socket, account& user,
                                    monotonic::time_point now) {
     connection& c = slots_[free_[max_connections - ++open_count_]];
     c.service = service;
+    c.held.open(user);
     c.socket = std::move(socket);
     c.at = stage::reading;
     c.answered = false;
@@ -32,6 +33,7 @@ void connection_table::close(connection& c) {
     c.passed.reset();
     c.request.reset();
     c.reply.reset();
+    c.held.give_back();
     c.at = stage::closed;
     c.polled = false;
     ++c.number;
@@ -49,55 +51,49 @@ connection* connection_table::find(std::uint64_t key) {
     return c.at != stage::closed && c.number == key >> 32 ? &c : nullptr;
 }
 
-connection* connection_table::most_expendable(monotonic::time_point now) {
-    if (connection* c = oldest_at(stage::reading)) return c;
-    connection* c = oldest_at(stage::sending);
-    return c && now - c->since >= reply_grace ? c : nullptr;
-}
-
-connection* connection_table::oldest_at(stage at) {
-    connection* oldest = nullptr;
+// Of the user's connections that pass the test, the one that goes before all others.
+template <class Test, class Before>
+connection* connection_table::first(const account& user, Test may_be, Before goes_before) {
+    connection* found = nullptr;
     for (connection& c : slots_) {
-        if (c.at == at && (!oldest || c.since < oldest->since)) oldest = &c;
+        if (c.at == stage::closed || &c.held.owner() != &user || !may_be(c)) continue;
+        if (!found || goes_before(c, *found)) found = &c;
     }
-    return oldest;
+    return found;
 }
 
-connection* connection_table::largest_unfinished() {
-    connection* largest = nullptr;
+connection* connection_table::most_expendable(const account& user, monotonic::time_point now) {
+    const auto is_unfinished = [](const connection& c) { return c.at == stage::reading; };
+    const auto is_older = [](const connection& a, const connection& b) {
+        return a.since < b.since;
+    };
+    if (connection* c = first(user, is_unfinished, is_older)) return c;
+    const bool is_full =
+        !user.may_hold(resource::connections, user.held[resource::connections] + 1);
+    const auto grace = is_full ? monotonic::duration{0} : monotonic::duration{reply_grace};
+    const auto has_stalled = [=](const connection& c) {
+        return c.at == stage::sending && now - c.progressed >= grace;
+    };
+    return first(user, has_stalled, has_longer_stalled);
+}
+
+connection* connection_table::largest_unfinished(const account& user) {
+    const auto is_large = [](const connection& c) {
+        return c.at == stage::reading && c.request.memory() > receive_bytes;
+    };
     const auto goes_before = [](const connection& a, const connection& b) {
         if (a.request.memory() != b.request.memory())
             return a.request.memory() > b.request.memory();
         return a.since < b.since;
     };
-    for (connection& c : slots_) {
-        if (c.at == stage::reading && (!largest || goes_before(c, *largest))) largest = &c;
-    }
-    return largest;
+    return first(user, is_large, goes_before);
 }
 
-connection* connection_table::most_stalled_reader(monotonic::time_point now) {
-    connection* stalled = nullptr;
-    for (connection& c : slots_) {
-        if (holds_large_reply(c) && (!stalled || c.progressed < stalled->progressed)) stalled = &c;
-    }
-    return stalled && now - stalled->progressed >= reply_grace ? stalled : nullptr;
-}
-
-std::size_t connection_table::unfinished_bytes() const {
-    std::size_t sum = 0;
-    for (const connection& c : slots_) {
-        if (c.at == stage::reading || c.at == stage::waiting) sum += c.request.memory();
-    }
-    return sum;
-}
-
-std::size_t connection_table::unsent_bytes() const {
-    std::size_t sum = 0;
-    for (const connection& c : slots_) {
-        if (holds_large_reply(c)) sum += c.reply.size();
-    }
-    return sum;
+connection* connection_table::most_stalled_reader(const account& user, monotonic::time_point now) {
+    const auto has_stalled = [now](const connection& c) {
+        return c.at == stage::sending && c.reply.is_large() && now - c.progressed >= reply_grace;
+    };
+    return first(user, has_stalled, has_longer_stalled);
 }
 
 }  // namespace zb

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "account.h"
 #include "bounds.h"
 #include "descriptor.h"
 #include "reply_writer.h"
@@ -27,6 +28,7 @@ enum class stage : std::uint8_t {
 
 struct connection {
     zb_service* service = nullptr;
+    holding held;  // what all of this costs the caller's user
     descriptor socket;
     descriptor passed;  // came with the request; the entry's once that is called
     stage at = stage::closed;
@@ -49,28 +51,26 @@ class connection_table {
     bool is_full() const { return open_count_ == max_connections; }
 
     // Takes a free slot; there must be one.
-    connection& open(zb_service* service, descriptor&& socket, monotonic::time_point now);
+    connection& open(zb_service* service, descriptor&& socket, account& user,
+                     monotonic::time_point now);
     void close(connection& c);
 
     // An event's number for a connection, and the way back: null when it is closed meanwhile.
     std::uint64_t key(const connection& c) const;
     connection* find(std::uint64_t key);
 
-    // The oldest connection that may be dropped to make room for another: the one that has waited
-    // longest for the end of its own request, else the one that has read longest at its reply, if
-    // that is long enough. Null: none.
-    connection* most_expendable(monotonic::time_point now);
-    connection* oldest_at(stage at);
+    // The user's connection that may be dropped to make room for another: the one that has waited
+    // longest for the end of its own request, else the reader that has taken nothing for longest,
+    // if that is long enough or the user holds a full share. Null: none.
+    connection* most_expendable(const account& user, monotonic::time_point now);
 
-    // The unfinished request that holds the most memory; of several the oldest. Null: none.
-    connection* largest_unfinished();
+    // The user's unfinished request that holds the most memory, and more than comes with one
+    // receive; of several the oldest. Null: none.
+    connection* largest_unfinished(const account& user);
 
-    // The reader of a large reply that has taken nothing for longest, if that is long enough.
-    connection* most_stalled_reader(monotonic::time_point now);
-
-    // Memory held by requests that have not started, and by large replies that are not sent.
-    std::size_t unfinished_bytes() const;
-    std::size_t unsent_bytes() const;
+    // The user's reader of a large reply that has taken nothing for longest, if that is long
+    // enough. Null: none.
+    connection* most_stalled_reader(const account& user, monotonic::time_point now);
 
     connection* begin() { return slots_.data(); }
     connection* end() { return slots_.data() + slots_.size(); }
@@ -78,6 +78,9 @@ class connection_table {
     const connection* end() const { return slots_.data() + slots_.size(); }
 
   private:
+    template <class Test, class Before>
+    connection* first(const account& user, Test may_be, Before goes_before);
+
     std::array<connection, max_connections> slots_;
     std::array<std::uint16_t, max_connections> free_;  // the last one is taken next
     std::size_t open_count_ = 0;

@@ -1,7 +1,11 @@
 // The bytes of one payload.
 #include "payload.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -20,8 +24,8 @@ payload& payload::operator=(payload&& other) noexcept {
     return *this;
 }
 
-bool payload::append(const void* data, std::size_t length) {
-    if (length > max_reply_bytes - length_ || !reserve(length_ + length)) return false;
+bool payload::append(const void* data, std::size_t length, std::size_t limit) {
+    if (length > max_reply_bytes - length_ || !reserve(length_ + length, limit)) return false;
     if (length > 0) std::memcpy(block_ + length_, data, length);
     set_length(length_ + length);
     return true;
@@ -56,6 +60,14 @@ char* payload::make_room(std::size_t limit, std::size_t& room) {
 
 void payload::extend(std::size_t received) { set_length(length_ + received); }
 
+void payload::forget(std::size_t length) {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto start = reinterpret_cast<std::uintptr_t>(block_);
+    const std::uintptr_t lead = (page - start % page) % page;  // its page is shared
+    if (length <= lead) return;
+    (void)madvise(block_ + lead, (length - lead) / page * page, MADV_DONTNEED);
+}
+
 void payload::reset() {
     if (capacity_ > kept_block) {
         clear();
@@ -76,10 +88,12 @@ void payload::swap(payload& other) noexcept {
     std::swap(capacity_, other.capacity_);
 }
 
-bool payload::reserve(std::size_t length) {
+bool payload::reserve(std::size_t length, std::size_t limit) {
     if (length < capacity_) return true;
     const std::size_t exact = length + 1;
-    return reallocate(std::max({exact, 2 * capacity_, smallest_block})) || reallocate(exact);
+    const std::size_t grown = std::max(2 * capacity_, smallest_block);
+    const std::size_t most = std::max(limit, limit + 1);  // no limit stays none
+    return reallocate(std::max(exact, std::min(grown, most))) || reallocate(exact);
 }
 
 bool payload::reallocate(std::size_t capacity) {

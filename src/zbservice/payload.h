@@ -3,6 +3,7 @@
 #define ZBSERVICE_PAYLOAD_H
 
 #include <cstddef>
+#include <cstdint>
 
 namespace zb {
 
@@ -24,7 +25,8 @@ class payload {
     std::size_t capacity() const { return capacity_; }
 
     // Each returns false, with the content as it was, when out of memory or over max_reply_bytes.
-    bool append(const void* data, std::size_t length);
+    // A content that will not grow beyond `limit` gets no more memory than for that.
+    bool append(const void* data, std::size_t length, std::size_t limit = SIZE_MAX);
     bool assign(const void* data, std::size_t length);
     bool resize(std::size_t length);
 
@@ -33,13 +35,16 @@ class payload {
     char* make_room(std::size_t limit, std::size_t& room);
     void extend(std::size_t received);
 
+    // The first bytes are not read again: their pages go back to the system, and read as zero.
+    void forget(std::size_t length);
+
     // Empties it; a block that is worth giving back is given back.
     void reset();
     void clear();
     void swap(payload& other) noexcept;
 
   private:
-    bool reserve(std::size_t length);
+    bool reserve(std::size_t length, std::size_t limit = SIZE_MAX);
     bool reallocate(std::size_t capacity);
     void set_length(std::size_t length);
 

@@ -65,10 +65,10 @@ void read_line(char* line, gid_t& group) {
 }
 
 ucred credentials(int socket) {
-    ucred peer = {0, static_cast<uid_t>(-1), no_group};
+    ucred peer = {0, no_user, no_group};
     socklen_t length = sizeof peer;
     if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
-        return {0, static_cast<uid_t>(-1), no_group};
+        return {0, no_user, no_group};
     return peer;
 }
 }  // namespace
@@ -85,10 +85,9 @@ gid_t deployment_group() {
     return group;
 }
 
-bool is_root_or_self(int socket) {
-    const uid_t user = credentials(socket).uid;
-    return user == 0 || (user != static_cast<uid_t>(-1) && user == geteuid());
-}
+uid_t user_of(int socket) { return credentials(socket).uid; }
+
+bool is_root_or_self(uid_t user) { return user == 0 || (user != no_user && user == geteuid()); }
 
 bool is_member(int socket, gid_t group) {
     if (group == no_group) return false;

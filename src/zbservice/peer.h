@@ -13,10 +13,14 @@ inline constexpr gid_t no_group = static_cast<gid_t>(-1);
 // used is told to the log and names none.
 gid_t deployment_group();
 
-// Whether the process behind a connected socket is root's or of this process's own user.
-bool is_root_or_self(int socket);
+// The user of the process behind a connected socket; no_user when the kernel does not tell.
+inline constexpr uid_t no_user = static_cast<uid_t>(-1);
+uid_t user_of(int socket);
 
-// Whether it belongs to the group, by its primary or any other group.
+// Whether that is root or this process's own user.
+bool is_root_or_self(uid_t user);
+
+// Whether the process behind a socket belongs to the group, by its primary or any other group.
 bool is_member(int socket, gid_t group);
 
 }  // namespace zb

@@ -18,12 +18,14 @@ void reply_writer::start(payload&& content) {
     block_ = encode_header({frame_kind::reply, status, content.size()});
     content_ = std::move(content);
     sent_ = 0;
+    released_ = 0;
     state_ = write_state::unsent;
 }
 
 void reply_writer::reset() {
     content_.clear();
     sent_ = 0;
+    released_ = 0;
     state_ = write_state::unsent;
 }
 
@@ -45,7 +47,14 @@ write_state reply_writer::send(int socket) {
     }
     sent_ += static_cast<std::size_t>(step);
     if (sent_ == header_bytes + content_.size()) state_ = write_state::sent;
+    release_sent();
     return state_;
+}
+
+void reply_writer::release_sent() {
+    if (sent_ < header_bytes + released_ + release_bytes) return;
+    released_ = sent_ - header_bytes;
+    content_.forget(released_);
 }
 
 void reply_writer::abandon() {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 
+#include "bounds.h"
 #include "frame.h"
 #include "payload.h"
 
@@ -24,13 +25,18 @@ class reply_writer {
     void abandon();
 
     write_state state() const { return state_; }
-    std::size_t size() const { return content_.size(); }
+    // A large reply is charged for as long as it waits, a small one is not.
+    bool is_large() const { return content_.size() > small_reply_bytes; }
+    std::size_t charge() const { return is_large() ? content_.size() - released_ : 0; }
     std::size_t sent() const { return sent_; }
 
   private:
+    void release_sent();
+
     header_block block_{};
     payload content_;
-    std::size_t sent_ = 0;  // bytes of header and content
+    std::size_t sent_ = 0;      // bytes of header and content
+    std::size_t released_ = 0;  // bytes of the content whose memory is given back
     write_state state_ = write_state::unsent;
 };
 

@@ -19,7 +19,7 @@ read_state request_reader::feed(const char* data, std::size_t length) {
     }
     // One request per connection: what follows it has no meaning.
     if (length > header_.length - body_.size()) return read_state::malformed;
-    if (!body_.append(data, length)) return read_state::out_of_memory;
+    if (!body_.append(data, length, header_.length)) return read_state::out_of_memory;
     return body_.size() == header_.length ? read_state::complete : read_state::incomplete;
 }
 

@@ -25,6 +25,7 @@ namespace {
 using zb::connection;
 using zb::monotonic;
 using zb::reply_status;
+using zb::resource;
 using zb::stage;
 
 // Keys of what is not a connection: no slot has so high a number.
@@ -135,9 +136,10 @@ bool zb_service::wait(int timeout_ms) {
     return true;
 }
 
-// When a connection that makes no progress is given up.
+// When a connection is given up, unless it makes progress.
 monotonic::time_point zb_service::deadline(const connection& c) const {
-    return c.progressed + (c.at == stage::reading ? zb::request_stall : reply_patience_);
+    if (c.at != stage::reading) return c.progressed + reply_patience_;
+    return std::min(c.progressed + zb::request_stall, c.since + zb::request_total);
 }
 
 // -1, no limit, unless a connection or the listener waits for a moment.
@@ -156,7 +158,7 @@ void zb_service::handle(const epoll_event& event) {
     std::uint64_t count = 0;
     switch (event.data.u64) {
         case listener_key:
-            accept_one();
+            accept_callers();
             return;
         case stop_key:
             (void)!::read(stop_wake_.get(), &count, sizeof count);
@@ -178,22 +180,50 @@ void zb_service::handle(const epoll_event& event) {
 
 // ---- New connections ---------------------------------------------------------------------------
 
-void zb_service::accept_one() {
-    if (connections_.is_full() && !connections_.most_expendable(now_)) {
+// A crowd that sends no requests costs each of those behind it as little time as it can.
+void zb_service::accept_callers() {
+    int taken = 1;
+    while (accept_one() && !first_waiting_ && taken < zb::accepted_together) ++taken;
+}
+
+// Whether there may be another one.
+bool zb_service::accept_one() {
+    if (connections_.is_full() && !most_expendable()) {
         pause_listening();
-        return;
+        return false;
     }
     zb::descriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.is_open()) {
         accept_failed(errno);
-        return;
+        return false;
     }
-    if (!is_permitted(socket.get())) {
+    const uid_t user = zb::user_of(socket.get());
+    if (!is_permitted(user, socket.get())) {
         zb::send_status(socket.get(), reply_status::refused);
-        return;
+        return true;
     }
-    if (connections_.is_full()) give_up(*connections_.most_expendable(now_));
-    read(connections_.open(this, std::move(socket), now_));
+    zb::account& account = ledger_.of(user);
+    make_room_for(account);
+    read(connections_.open(this, std::move(socket), account, now_));
+    return true;
+}
+
+// When the endpoint is full, the user who holds most of it makes room.
+connection* zb_service::most_expendable() {
+    return connections_.most_expendable(ledger_.heaviest(resource::connections), now_);
+}
+
+// A user with a full share makes room for himself, and nobody else does. Requests that are complete
+// stay: they are run in the order of their arrival.
+void zb_service::make_room_for(const zb::account& user) {
+    connection* own = nullptr;
+    if (!user.may_hold(resource::connections, user.held[resource::connections] + 1))
+        own = connections_.most_expendable(user, now_);
+    if (own) {
+        give_up(*own);
+    } else if (connections_.is_full()) {
+        give_up(*most_expendable());
+    }
 }
 
 // The caller stays in the kernel's queue when there is nothing to take it with, and the listener
@@ -201,16 +231,18 @@ void zb_service::accept_one() {
 void zb_service::accept_failed(int error) {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
     const bool shortage = error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-    connection* oldest = shortage ? connections_.oldest_at(stage::reading) : nullptr;
-    if (oldest) {
-        give_up(*oldest);
+    connection* expendable = nullptr;
+    if (shortage)
+        expendable = connections_.most_expendable(ledger_.heaviest(resource::descriptors), now_);
+    if (expendable) {
+        give_up(*expendable);
     } else {
         pause_listening();
     }
 }
 
-bool zb_service::is_permitted(int socket) const {
-    return zb::is_root_or_self(socket) || zb::is_member(socket, group_);
+bool zb_service::is_permitted(uid_t user, int socket) const {
+    return zb::is_root_or_self(user) || zb::is_member(socket, group_);
 }
 
 void zb_service::pause_listening() {
@@ -238,10 +270,14 @@ void zb_service::read(connection& c) {
         return;
     }
     c.progressed = now_;
-    switch (c.request.feed(received_.data(), static_cast<std::size_t>(received))) {
+    const zb::read_state state =
+        c.request.feed(received_.data(), static_cast<std::size_t>(received));
+    c.held.set(resource::descriptors, c.passed.is_open() ? 2 : 1);
+    c.held.set(resource::unfinished_bytes, c.request.memory());
+    switch (state) {
         case zb::read_state::incomplete:
             poll(c, EPOLLIN);
-            bound_unfinished();
+            bound_unfinished(c.held.owner());
             return;
         case zb::read_state::complete:
             enqueue(c);
@@ -260,12 +296,18 @@ void zb_service::read(connection& c) {
 
 // Unfinished requests that hold too much memory together: the largest of them go until the rest has
 // room. So it meets those who fill the memory, never a slow caller with little to say.
-void zb_service::bound_unfinished() {
-    while (connections_.unfinished_bytes() > zb::max_unfinished_bytes) {
-        connection* largest = connections_.largest_unfinished();
-        if (!largest || largest->request.memory() <= zb::receive_bytes) return;
-        give_up(*largest);
+void zb_service::bound_unfinished(const zb::account& user) {
+    while (connection* c = unfinished_to_drop(user)) give_up(*c);
+}
+
+// After more of this user's bytes have come. Null: none is to be dropped, or none can be.
+connection* zb_service::unfinished_to_drop(const zb::account& user) {
+    constexpr auto bytes = resource::unfinished_bytes;
+    if (user.may_hold(bytes, user.held[bytes])) {
+        if (ledger_.total(bytes) <= zb::max_unfinished_bytes) return nullptr;
+        if (connection* c = connections_.largest_unfinished(ledger_.heaviest(bytes))) return c;
     }
+    return connections_.largest_unfinished(user);
 }
 
 void zb_service::enqueue(connection& c) {
@@ -305,6 +347,8 @@ void zb_service::run(connection& c) {
     c.io->content = std::move(c.request.body());
     c.io->request = &c;
     c.at = stage::running;
+    c.held.set(resource::unfinished_bytes, 0);
+    c.held.set(resource::descriptors, 1);
     entry_(c.request.method(), c.io, c.passed.release());
     settle(c);
 }
@@ -335,6 +379,7 @@ int zb_service::reply(connection& c) {
         c.reply.abandon();
         return -1;
     }
+    c.held.set(resource::unsent_bytes, c.reply.charge());
     return c.reply.send(c.socket.get()) == zb::write_state::broken ? -1 : 0;
 }
 
@@ -342,10 +387,10 @@ int zb_service::reply(connection& c) {
 // their time make room; the new reply is given up only when there are none. The time may have
 // passed in the entry, so each has another try first.
 bool zb_service::admit_reply(connection& c) {
-    if (c.reply.size() <= zb::small_reply_bytes) return true;
+    if (!c.reply.is_large()) return true;
     now_ = monotonic::now();
-    while (connections_.unsent_bytes() + c.reply.size() > zb::max_unsent_bytes) {
-        connection* slow = connections_.most_stalled_reader(now_);
+    while (const zb::account* user = in_the_way_of(c)) {
+        connection* slow = connections_.most_stalled_reader(*user, now_);
         if (!slow) return false;
         write(*slow);
         if (slow->at == stage::sending && slow->progressed != now_) drop(*slow);
@@ -353,10 +398,21 @@ bool zb_service::admit_reply(connection& c) {
     return true;
 }
 
+// Whose unsent replies leave no room for this one: its own user's over his share, else those of the
+// user who holds most. Null: there is room.
+const zb::account* zb_service::in_the_way_of(const connection& c) const {
+    constexpr auto bytes = resource::unsent_bytes;
+    const zb::account& own = c.held.owner();
+    if (!own.may_hold(bytes, own.held[bytes] + c.reply.charge())) return &own;
+    const bool has_room = ledger_.total(bytes) + c.reply.charge() <= zb::max_unsent_bytes;
+    return has_room ? nullptr : &ledger_.heaviest(bytes);
+}
+
 void zb_service::write(connection& c) {
     const std::size_t before = c.reply.sent();
     const zb::write_state state = c.reply.send(c.socket.get());
     if (c.reply.sent() != before) c.progressed = now_;
+    c.held.set(resource::unsent_bytes, c.reply.charge());
     if (state == zb::write_state::sent) {
         close(c);
     } else if (state == zb::write_state::broken) {

@@ -2,9 +2,9 @@
 //
 // One thread, one loop. Each turn runs at most one request, then looks at what the sockets offer,
 // so a queue of requests never keeps a reader of a long reply waiting. The listener is asked for
-// one caller per turn: the rest keep their place in the kernel's queue, which is the order of
-// arrival. A request is mostly there when its connection is accepted and is read at once; epoll
-// only ever learns of connections that have to be waited for.
+// callers until one has a complete request: the rest keep their place in the kernel's queue, which
+// is the order of arrival. A request is mostly there when its connection is accepted and is read at
+// once; epoll only ever learns of connections that have to be waited for.
 #ifndef ZBSERVICE_SERVICE_H
 #define ZBSERVICE_SERVICE_H
 
@@ -41,20 +41,25 @@ struct zb_service {
     zb::monotonic::time_point deadline(const zb::connection& c) const;
 
     void handle(const epoll_event& event);
-    void accept_one();
+    void accept_callers();
+    bool accept_one();
     void accept_failed(int error);
-    bool is_permitted(int socket) const;
+    bool is_permitted(uid_t user, int socket) const;
+    zb::connection* most_expendable();
+    void make_room_for(const zb::account& user);
     void pause_listening();
     void resume_listening();
 
     void read(zb::connection& c);
-    void bound_unfinished();
+    void bound_unfinished(const zb::account& user);
+    zb::connection* unfinished_to_drop(const zb::account& user);
     void enqueue(zb::connection& c);
     zb::connection* take_waiting();
 
     void run(zb::connection& c);
     void settle(zb::connection& c);
     bool admit_reply(zb::connection& c);
+    const zb::account* in_the_way_of(const zb::connection& c) const;
     void write(zb::connection& c);
 
     void poll(zb::connection& c, std::uint32_t events);
@@ -75,6 +80,7 @@ struct zb_service {
     std::atomic<bool> stop_requested_ = false;
     std::atomic<bool> serving_ = false;
 
+    zb::ledger ledger_;  // before the connections, which charge to it
     zb::connection_table connections_;
     zb::connection* first_waiting_ = nullptr;
     zb::connection* last_waiting_ = nullptr;

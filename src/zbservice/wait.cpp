@@ -8,6 +8,9 @@
 #include "signals.h"
 
 namespace zb {
+namespace {
+constexpr int pause_milliseconds = 1;
+}
 
 patient_wait::patient_wait(std::chrono::seconds patience) : patience_(patience) { restart(); }
 
@@ -15,23 +18,27 @@ void patient_wait::restart() { deadline_ = clock::now() + patience_; }
 
 bool patient_wait::is_over() const { return clock::now() >= deadline_; }
 
-void patient_wait::deliver_signals() {
-    if (delivers_signals_here()) zb::deliver_signals();
-}
+void patient_wait::pause() { (void)poll_once(-1, 0, pause_milliseconds); }
 
 short patient_wait::wait(int socket, short events) {
     while (true) {
-        const bool delivers = delivers_signals_here();
-        pollfd polled[] = {{socket, events, 0}, {delivers ? signal_wake_fd() : -1, POLLIN, 0}};
-        const int count = poll(polled, delivers ? 2 : 1, milliseconds_left());
-        if (count < 0 && errno != EINTR) return POLLERR;  // the socket call that follows says why
-        if (delivers) {
-            if (polled[1].revents != 0) drain_signal_wake();
-            zb::deliver_signals();
-        }
-        if (count > 0 && polled[0].revents != 0) return polled[0].revents;
+        const short ready = poll_once(socket, events, milliseconds_left());
+        if (ready != 0) return ready;
         if (is_over()) return 0;
     }
+}
+
+// Returns 0 also when a signal was delivered.
+short patient_wait::poll_once(int socket, short events, int milliseconds) {
+    const bool delivers = delivers_signals_here();
+    pollfd polled[] = {{socket, events, 0}, {delivers ? signal_wake_fd() : -1, POLLIN, 0}};
+    const int count = poll(polled, delivers ? 2 : 1, milliseconds);
+    if (count < 0 && errno != EINTR) return POLLERR;  // the socket call that follows says why
+    if (delivers) {
+        if (polled[1].revents != 0) drain_signal_wake();
+        zb::deliver_signals();
+    }
+    return count > 0 ? polled[0].revents : short{0};
 }
 
 // Rounded up, so that a wait never ends just before the deadline only to start again.

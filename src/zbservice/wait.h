@@ -20,13 +20,12 @@ class patient_wait {
     // what poll reports, 0 when the time is over.
     short wait(int socket, short events);
 
-    // For what can only wait inside a system call: it comes back at least this often, and calls
-    // this in between.
-    static constexpr std::chrono::milliseconds slice{100};
-    void deliver_signals();
+    // Between two tries of what cannot be waited for. Signals are delivered alike.
+    void pause();
 
   private:
     using clock = std::chrono::steady_clock;
+    short poll_once(int socket, short events, int milliseconds);
     int milliseconds_left() const;
 
     std::chrono::seconds patience_;

@@ -16,7 +16,8 @@
  *     refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that
  *     anybody else holds before it sends a byte.
  *  6. What an endpoint cannot do (create itself, go on serving) is told to the system log (facility
- *     daemon) and, in one line, to standard error. */
+ *     daemon) and, in one line, to standard error. So is, once a minute for each address, that a
+ *     call refused an endpoint because of who holds it. */
 #ifndef ZBSERVICE_H
 #define ZBSERVICE_H
 
