@@ -112,7 +112,8 @@ class run {
         }
         if (status.st_size == 0) return told(exit_status::may_start, "empty, as a new one");
         (void)remove_leftover(path);  // one that stays is told when it is in the way
-        const check_result checked = check_database(path.c_str(), time_left());
+        const check_result checked =
+            check_database(path.c_str(), within(check_budget(int64_t{status.st_size})));
         switch (checked.found) {
             case finding::sound:
                 return told(exit_status::may_start, "sound");
@@ -136,8 +137,8 @@ class run {
         return told(result, before + strerror(error));
     }
 
-    deadline time_left() const {
-        return deadline(budget ? *budget : budget_of(int64_t{status.st_size}));
+    deadline within(deadline::clock::duration usual) const {
+        return deadline(budget ? *budget : usual);
     }
 
     // A look before the opening, which can do something of its own to what is no file.
@@ -163,7 +164,7 @@ class run {
         int code = saved.create(salvage_path(path));
         salvage_result result;
         if (code == SQLITE_OK) {
-            const deadline end = time_left();
+            const deadline end = within(salvage_budget);
             result = salvage(page_file(file.get(), end), saved, end);
             code = result.code;
         }
