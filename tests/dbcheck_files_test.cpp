@@ -384,7 +384,7 @@ TEST(dbcheck_files, salvage_that_takes_too_long_ends_with_what_it_has) {
     EXPECT_EQ(read_file(kept_file()), image);
 }
 
-// Pages of cells that are one cell, whose megabyte goes round in its page.
+// Pages of cells that are all one cell, whose megabyte goes round in the last page.
 TEST(dbcheck_files, rows_that_take_too_long_end_in_time) {
     std::string page(2048, '\0');
     page[0] = 0x0d;
@@ -401,10 +401,11 @@ TEST(dbcheck_files, rows_that_take_too_long_end_in_time) {
         0x800000 | (payload >> 14) << 16 | 0x8000 | (payload >> 7 & 0x7fU) << 8 | (payload & 0x7fU),
         3);
     page[cell + 3] = 1;
-    put(cell + 4 + 232, 1, 4);
-    put(0, 0x0d000000, 4);
+    const int pages = 100;
+    put(cell + 4 + 232, pages, 4);
     std::string image;
-    for (int n = 0; n < 200; ++n) image += page;
+    for (int n = 1; n < pages; ++n) image += page;
+    image += std::string("\0\0\0", 3) + static_cast<char>(pages) + std::string(2044, 'x');
     set_image(image);
     const auto start = std::chrono::steady_clock::now();
     const outcome done = check_and_repair(db_path, std::chrono::milliseconds(50));

@@ -71,8 +71,9 @@ class Database:
         took = time.monotonic() - begin
         self.figures["longest check, ms"] = max(self.figures["longest check, ms"],
                                                 round(took * 1000))
-        if done.returncode != 0 or took > 10:
-            sys.exit(f"exit status {done.returncode}, {took:.1f} s: {done.stdout}")
+        if done.returncode != 0:
+            sys.exit(f"exit status {done.returncode}: {done.stdout}")
+        self.figures["checks above 10 s"] += took > 10
         return ": damaged (" in done.stdout
 
     def rows(self):
@@ -145,7 +146,7 @@ def fill_to_row_cap(database):
     ravo.add_connection(**row_of(ROW_CAP + 1, False))
     end = time.monotonic()
     daemon.stop()
-    return end - writing.begin()
+    return max(end - writing.begin(), 0.005)  # on a busy machine the watch may be late
 
 
 class WritingWatch(threading.Thread):
@@ -321,7 +322,7 @@ def main():
     print(f"damaged images: {images_of(figures)}")
     for name, number in figures.items():
         print(f"{name}: {number}")
-    sys.exit(1 if figures["failed images"] else 0)
+    sys.exit(1 if figures["failed images"] or figures["checks above 10 s"] else 0)
 
 
 if __name__ == "__main__":
