@@ -85,7 +85,7 @@ int remove_leftover(const std::string& database) {
 std::string odd_side_file(const std::string& database) {
     for (const std::string suffix : side_suffixes) {
         struct stat status = {};
-        const std::string path = database + suffix;
+        std::string path = database + suffix;
         if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path;
     }
     return "";
