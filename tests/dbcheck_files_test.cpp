@@ -74,6 +74,12 @@ TEST(dbcheck_files, empty_database_is_left_to_the_daemon) {
     EXPECT_TRUE(names_beside().empty());
 }
 
+TEST(dbcheck_files, leftover_that_stays_is_in_nobodys_way) {
+    (void)mixed_database();
+    fs::create_directory(std::string(db_path) + "-salvage");
+    expect_line(check(), 0, "sound");
+}
+
 TEST(dbcheck_files, arguments_are_refused) {
     EXPECT_EQ(run_process({DBCHECK, "x"}, {.output = "/tmp/out"}), 1);
     EXPECT_EQ(run_process({DBCHECK, "--help"}, {.output = "/tmp/out"}), 0);
@@ -100,6 +106,14 @@ TEST(dbcheck_files, hot_journal_is_rolled_back_first) {
 }
 
 // --- A damaged database -------------------------------------------------------------------------
+
+// Damages the database as it is now in the first page of a table, which has no rows behind it.
+std::string damage_first_table() {
+    std::string image = read_file(db_path);
+    image[server_root] = 0;
+    set_image(image);
+    return image;
+}
 
 TEST(dbcheck_files, line_tells_what_was_found_saved_and_not_saved) {
     (void)damaged_database();
@@ -158,6 +172,47 @@ TEST(dbcheck_files, ids_go_on_behind_the_last_one_ever_given) {
     EXPECT_EQ(ask("SELECT seq FROM sqlite_sequence WHERE name = 'conn_client_log'"), "60");
 }
 
+TEST(dbcheck_files, id_behind_which_there_is_none_is_given_anew) {
+    (void)mixed_database();
+    ASSERT_EQ(run_sql("INSERT INTO privilege_user_block (id, username) VALUES (-5, 'before'), "
+                      "(9223372036854775807, 'last')"),
+              SQLITE_OK);
+    (void)damage_first_table();
+    EXPECT_EQ(check().status, 0);
+    EXPECT_EQ(ask("SELECT id FROM privilege_user_block WHERE username = 'before'"), "-5");
+    EXPECT_EQ(ask("SELECT id FROM privilege_user_block WHERE username = 'last'"), "54");
+    EXPECT_EQ(run_sql("INSERT INTO privilege_user_block (username) VALUES ('next')"), SQLITE_OK);
+}
+
+const std::string notes_like_blocks =
+    "CREATE TABLE notes (id INTEGER PRIMARY KEY, a TEXT, b INTEGER, c INTEGER);"
+    "WITH RECURSIVE n(i) AS (SELECT 100 UNION ALL SELECT i + 1 FROM n WHERE i < 300) "
+    "INSERT INTO notes SELECT i, 'note ' || i, i, i FROM n;";
+
+TEST(dbcheck_files, rows_of_another_table_are_not_taken) {
+    (void)mixed_database();
+    const row_map rows = read_rows();
+    ASSERT_EQ(run_sql(notes_like_blocks), SQLITE_OK);
+    (void)damage_first_table();
+    EXPECT_EQ(check().status, 0);
+    EXPECT_EQ(read_rows(), rows);
+}
+
+// Nobody can tell the rows of a table whose name is lost from those of another one.
+TEST(dbcheck_files, rows_of_a_table_without_its_name_are_taken) {
+    (void)mixed_database();
+    const row_map rows = read_rows();
+    std::string image = read_file(db_path);
+    const std::string name = "privilege_user_block";
+    for (size_t at = image.find(name); at != std::string::npos; at = image.find(name)) {
+        image[at] = 'q';
+    }
+    set_image(image);
+    (void)damage_first_table();
+    EXPECT_EQ(check().status, 0);
+    EXPECT_EQ(read_rows(), rows);
+}
+
 TEST(dbcheck_files, values_of_every_kind_come_back) {
     (void)mixed_database();
     ASSERT_EQ(run_sql("INSERT INTO conn_server_log (username, uptime, time, tx_rate, rx_rate, "
@@ -204,6 +259,35 @@ TEST(dbcheck_files, side_files_of_the_damaged_file_go_along) {
     EXPECT_EQ(read_file(kept_file() + "-commit"), "x");
 }
 
+// SQLite brings a log into the file when it can open that.
+TEST(dbcheck_files, write_ahead_log_is_read_or_told_of) {
+    (void)mixed_database();
+    sqlite3* db = nullptr;
+    sqlite3_open(db_path, &db);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "PRAGMA journal_mode = WAL; PRAGMA wal_autocheckpoint = 0; INSERT INTO "
+                           "privilege_user_block (username) VALUES ('in the log')",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    const std::string log_suffix = "-wal";
+    const std::string image = read_file(db_path);
+    const std::string log = read_file(db_path + log_suffix);
+    sqlite3_close(db);
+    for (const bool is_header_lost : {false, true}) {
+        SCOPED_TRACE(is_header_lost);
+        std::string damaged = image;
+        damaged.replace(is_header_lost ? 0 : server_root, 100, 100, 0);
+        set_image(damaged);
+        write_file(db_path + log_suffix, log);
+        const result done = check();
+        EXPECT_TRUE(was_damaged(done)) << done.line;
+        EXPECT_EQ(done.line.find("; its write-ahead log was not read;") != std::string::npos,
+                  is_header_lost)
+            << done.line;
+        EXPECT_EQ(read_rows().size(), is_header_lost ? 173U : 174U);
+    }
+}
+
 TEST(dbcheck_files, linked_database_is_repaired_where_it_is) {
     const std::string image = damaged_database();
     fs::remove(db_path);
@@ -245,6 +329,43 @@ TEST(dbcheck_files, damaged_file_of_a_clock_set_back_is_kept) {
     EXPECT_EQ(read_file(std::string(folder) + "/" + *names.begin()), image);
 }
 
+TEST(dbcheck_files, link_with_the_name_of_a_kept_file_is_none) {
+    const std::string image = damaged_database();
+    const std::string link = std::string(folder) + "/" + kept_start + "20200101T000000Z";
+    fs::create_symlink(db_path, link);
+    EXPECT_EQ(check().status, 0);
+    EXPECT_EQ(names_beside().size(), 2U);
+    fs::remove(link);
+    EXPECT_EQ(read_file(kept_file()), image);
+}
+
+TEST(dbcheck_files, file_that_a_person_has_named_is_not_removed) {
+    (void)damaged_database();
+    const std::string named = std::string(folder) + "/" + kept_start + "copy_for_support";
+    write_file(named, "");
+    for (const char* year : {"2020", "2021", "2022"}) {
+        write_file(std::string(folder) + "/" + kept_start + year + "0101T000000Z", year);
+    }
+    EXPECT_EQ(check().status, 0);
+    EXPECT_TRUE(fs::exists(named));
+    EXPECT_EQ(names_beside().size(), 4U);
+}
+
+TEST(dbcheck_files, names_in_the_damaged_file_leave_the_line_one_line) {
+    (void)mixed_database();
+    ASSERT_EQ(
+        run_sql("PRAGMA writable_schema = 1; UPDATE sqlite_master SET sql = 'CREATE TABLE x', "
+                "name = char(10, 27) || printf('%.*c', 999, 'x') WHERE name = "
+                "'conn_client_log'"),
+        SQLITE_OK);
+    const result done = check();
+    EXPECT_TRUE(done.line.find("malformed database schema (??xxx") != std::string::npos)
+        << done.line;
+    EXPECT_EQ(count_of(done.line, "\n"), 1U);
+    EXPECT_LT(done.line.size(), 600U);
+    EXPECT_EQ(read_rows().size(), 173U);
+}
+
 const std::string many_rows =
     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 20000) INSERT INTO "
     "conn_client_log (username) SELECT 'client' FROM n";
@@ -260,6 +381,36 @@ TEST(dbcheck_files, salvage_that_takes_too_long_ends_with_what_it_has) {
     EXPECT_NE(done.line.find("the time was over, and the rest was not read"), std::string::npos)
         << done.line;
     EXPECT_EQ(integrity(), "ok");
+    EXPECT_EQ(read_file(kept_file()), image);
+}
+
+// Pages of cells that are all one cell, whose megabyte goes round in the last page.
+TEST(dbcheck_files, rows_that_take_too_long_end_in_time) {
+    std::string page(2048, '\0');
+    page[0] = 0x0d;
+    const size_t cell = 1800, cells = (cell - 8) / 2;
+    const auto put = [&](size_t at, uint64_t number, size_t size) {
+        for (size_t n = 0; n < size; ++n) {
+            page[at + n] = static_cast<char>(number >> 8 * (size - 1 - n));
+        }
+    };
+    put(3, cells, 2);
+    for (size_t n = 0; n < cells; ++n) put(8 + 2 * n, cell, 2);
+    const size_t payload = 512 * 2044 + 232;  // of which 232 bytes are in the cell
+    put(cell,
+        0x800000 | (payload >> 14) << 16 | 0x8000 | (payload >> 7 & 0x7fU) << 8 | (payload & 0x7fU),
+        3);
+    page[cell + 3] = 1;
+    const int pages = 100;
+    put(cell + 4 + 232, pages, 4);
+    std::string image;
+    for (int n = 1; n < pages; ++n) image += page;
+    image += std::string("\0\0\0", 3) + static_cast<char>(pages) + std::string(2044, 'x');
+    set_image(image);
+    const auto start = std::chrono::steady_clock::now();
+    const outcome done = check_and_repair(db_path, std::chrono::milliseconds(50));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_NE(done.line.find("the time was over"), std::string::npos) << done.line;
     EXPECT_EQ(read_file(kept_file()), image);
 }
 
@@ -284,6 +435,40 @@ TEST(dbcheck_files, what_is_no_file_is_refused) {
     fs::remove(db_path);
     fs::create_symlink(db_path, db_path);
     expect_line(check(), 2, "Too many levels of symbolic links");
+}
+
+// SQLite would wait for ever for somebody at the other end of a pipe.
+TEST(dbcheck_files, side_file_that_is_no_file_is_refused) {
+    const std::string image = damaged_database();
+    for (const std::string suffix : {"-journal", "-wal", "-shm", "-commit"}) {
+        const std::string path = db_path + suffix;
+        ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+        expect_line(check(), 2, path + " is not a regular file");
+        fs::remove(path);
+        fs::create_symlink("/tmp/elsewhere", path);
+        expect_line(check(), 2, path + " is not a regular file");
+        fs::remove(path);
+    }
+    EXPECT_EQ(read_file(db_path), image);
+}
+
+TEST(dbcheck_files, leftover_that_stays_keeps_a_damaged_file) {
+    const std::string image = damaged_database();
+    const std::string leftover = std::string(db_path) + "-salvage";
+    fs::create_directory(leftover);
+    const result done = check();
+    EXPECT_EQ(done.status, 4);
+    EXPECT_TRUE(done.line.ends_with("; " + leftover + ": Is a directory\n")) << done.line;
+    EXPECT_EQ(read_file(db_path), image);
+}
+
+TEST(dbcheck_files, file_that_may_not_grow_is_as_a_full_disk) {
+    const std::string image = damaged_database();
+    const std::string limited = std::string("ulimit -f 8; exec ") + DBCHECK;
+    EXPECT_EQ(run_process({"/bin/bash", "-c", limited}, {.output = "/tmp/out"}), 4)
+        << read_file("/tmp/out");
+    EXPECT_EQ(read_file(db_path), image);
+    EXPECT_TRUE(names_beside().empty());
 }
 
 TEST(dbcheck_files, file_without_the_right_to_write_is_refused) {
@@ -318,6 +503,23 @@ TEST(dbcheck_files, locked_database_is_refused) {
     }
 }
 
+// It would go on writing to the file that is set aside.
+TEST(dbcheck_files, damaged_database_that_a_daemon_has_open_is_refused) {
+    (void)mixed_database();
+    open_store();
+    expect_line(check(), 0, "sound");
+    const std::string sound = read_file(db_path);
+    const int fd = open(db_path, O_WRONLY | O_CLOEXEC);
+    ASSERT_EQ(pwrite(fd, "", 1, server_root), 1);
+    close(fd);
+    const result done = check();
+    EXPECT_EQ(done.status, 3);
+    EXPECT_TRUE(done.line.ends_with("; another program has it open\n")) << done.line;
+    EXPECT_TRUE(names_beside().empty());
+    close_store();
+    EXPECT_EQ(check().status, 0);
+}
+
 // SQLite meets the damage before it asks for the lock.
 TEST(dbcheck_files, damaged_database_that_somebody_reads_is_refused) {
     const std::string image = "no database" + std::string(5000, '\n');
@@ -342,6 +544,27 @@ TEST(dbcheck_files, second_run_at_the_same_time_is_refused) {
     close(fd);
     EXPECT_EQ(read_file(db_path), image);
     EXPECT_EQ(check().status, 0);
+}
+
+TEST(dbcheck_files, of_many_runs_at_the_same_time_one_repairs) {
+    const std::string image = damaged_database();
+    const std::string many = std::string("for n in {1..8}; do { ") + DBCHECK +
+                             " >/tmp/run.$n; echo $? >>/tmp/run.$n; } & done; wait";
+    EXPECT_EQ(run_process({"/bin/bash", "-c", many}, {}), 0);
+    size_t repaired = 0;
+    for (int n = 1; n <= 8; ++n) {
+        const std::string told = read_file("/tmp/run." + std::to_string(n));
+        SCOPED_TRACE(told);
+        if (told.find("the damaged file is") != std::string::npos) {
+            ++repaired;
+            continue;
+        }
+        EXPECT_TRUE(told.ends_with("another check is at work\n3\n") ||
+                    told.ends_with("sound\n0\n"));
+    }
+    EXPECT_EQ(repaired, 1U);
+    EXPECT_EQ(read_file(kept_file()), image);
+    EXPECT_EQ(read_rows().size(), 173U);
 }
 
 // --- Rows ---------------------------------------------------------------------------------------

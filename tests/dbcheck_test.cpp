@@ -226,15 +226,18 @@ TEST_F(cut_transaction, insert_of_large_row_loses_no_answered_row) {
     expect_answered_rows();
 }
 
+// Whether the first text of a row is anywhere in the file.
+bool stands_in(const std::string& image, const std::string& values) {
+    return image.find(values.substr(2, values.find('|') - 2)) != std::string::npos;
+}
+
 // When a table outgrows its first page, SQLite empties that page before it writes the rows to
 // another one. What a cut takes there is nowhere in the file.
 TEST_F(cut_transaction, first_growth_loses_what_is_not_in_the_file_any_more) {
     for (int number = 1; number <= 14; ++number) insert_server_row(number);
     start_recording();
     for (int number = 15; number <= 26; ++number) end_step([=] { insert_server_row(number); });
-    expect_answered_rows([](const std::string& image, const std::string& values) {
-        return image.find(values.substr(2, values.find('|') - 2)) != std::string::npos;
-    });
+    expect_answered_rows(stands_in);
 }
 
 // The statements of a trim and of the others, on fewer rows.
@@ -250,6 +253,20 @@ TEST_F(cut_transaction, trim_of_large_rows_loses_no_answered_row) {
     start_recording();
     end_step([] { run_sql(trim_text(20)); });
     expect_answered_rows();
+}
+
+// The limiter's own statements. Eight such names fill a page, and a row grows with its count, so
+// rows move to the next page. SQLite writes the page that they leave first.
+TEST_F(cut_transaction, update_loses_what_is_not_in_the_file_any_more) {
+    const auto fail = [](int number) {
+        std::string name = std::to_string(number);
+        name.resize(240, 'x');
+        EXPECT_EQ(insert_privilege_user_block(name.data()), 0);
+    };
+    for (int number = 1; number <= 60; ++number) fail(number);
+    start_recording();
+    for (int number = 1; number <= 60; number += 4) end_step([=] { fail(number); });
+    expect_answered_rows(stands_in);
 }
 
 TEST_F(cut_transaction, delete_loses_no_other_row) {

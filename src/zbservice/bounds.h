@@ -46,7 +46,7 @@ inline constexpr std::chrono::seconds reply_grace{1};
 
 // How long zb_start goes on sending finished replies after zb_stop.
 inline constexpr std::chrono::seconds flush_stall{2};
-inline constexpr std::chrono::seconds flush_total{10};
+inline constexpr std::chrono::seconds flush_total{4};
 
 // How long an endpoint stops taking connections when there is nothing to take them with.
 inline constexpr std::chrono::milliseconds accept_pause{100};

@@ -55,7 +55,7 @@ module_registration::module_registration(table_state& state) {
     modules().push_back({state, state});
 }
 
-void begin() {
+void forget() {
     expect_throw_away_root();
     fuzz::expect(modules().size() == std::size(tables), "every table's module is here");
     for (module& each : modules()) {
@@ -65,6 +65,10 @@ void begin() {
     }
     std::filesystem::remove(database_path);
     std::filesystem::remove(log_path);
+}
+
+void begin() {
+    forget();
     for (const auto create :
          {create_conn_server_log_db, create_conn_client_log_db, create_server_list_db,
           create_device_info_db, create_privilege_user_block_db}) {

@@ -24,8 +24,9 @@ class module_registration {
     explicit module_registration(table_state& state);
 };
 
-// All modules as unbuilt as they start, no file and no log; then the tables, created in the
-// daemon's order.
+// All modules as unbuilt as they start, no file and no log.
+void forget();
+// The same; then the tables, created in the daemon's order.
 void begin();
 
 // --- The tables ----------------------------------------------------------------------------------

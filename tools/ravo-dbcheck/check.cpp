@@ -1,10 +1,12 @@
 // Whether a database file is sound.
 #include "check.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <cstddef>
 
 namespace {
 
+constexpr size_t longest_reason = 200;
 constexpr int lock_patience_ms = 500;
 constexpr int steps_between_looks = 1000;  // SQLite's instructions between two looks at the clock
 
@@ -37,9 +39,17 @@ finding finding_of(int code) {
     }
 }
 
+// SQLite's words may hold names out of the damaged file.
+std::string plain(std::string words) {
+    words.resize(std::min(words.size(), longest_reason));
+    std::ranges::replace_if(
+        words, [](char c) { return c < ' ' || c > '~'; }, '?');
+    return words;
+}
+
 check_result result_of(int code, sqlite3* db) {
     const finding found = finding_of(code);
-    return {found, found == finding::sound ? "" : sqlite3_errmsg(db)};
+    return {found, found == finding::sound ? "" : plain(sqlite3_errmsg(db))};
 }
 
 int prepare(sqlite3* db, const char* text, statement_handle& prepared) {
@@ -59,7 +69,7 @@ check_result check_structure(sqlite3* db) {
     const auto* words = reinterpret_cast<const char*>(sqlite3_column_text(pragma.get(), 0));
     const std::string verdict = words != nullptr ? words : "no verdict";
     if (verdict == "ok") return {finding::sound, ""};
-    return {finding::damaged, verdict.substr(verdict.rfind('\n') + 1)};
+    return {finding::damaged, plain(verdict.substr(verdict.rfind('\n') + 1))};
 }
 
 }  // namespace

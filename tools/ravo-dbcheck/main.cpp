@@ -2,6 +2,7 @@
 // the place of a damaged one.
 //
 //   ravo-dbcheck [--help]
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 
@@ -29,6 +30,8 @@ int tell(const outcome& result) {
 
 int main(int argc, char** argv) {
     if (argc == 1) {
+        // A file that may not grow any more is then as a full disk.
+        (void)signal(SIGXFSZ, SIG_IGN);
         // A commit that a killed daemon has left unfinished is finished first.
         (void)register_commit_vfs(commit_strength::kill_safe);
         return tell(check_and_repair(database_path));

@@ -88,7 +88,7 @@ std::optional<uint64_t> take_varint(byte_view& from) {
 
 // The header may be what is damaged. Of its page size and the usual one that is taken with which
 // more pages make sense.
-page_file::page_file(int opened) : fd(opened) {
+page_file::page_file(int opened, deadline time) : fd(opened), end(time) {
     struct stat status = {};
     if (fstat(fd, &status) == 0) file_bytes = static_cast<uint64_t>(status.st_size);
     use_page_size(usual_page_size);
@@ -108,7 +108,8 @@ void page_file::read_header() {
     const uint32_t number = number32(page, page_count_place);
     if (number > 0 && number < count) stated = number;
     has_page_map = number32(page, map_flag_place) != 0;
-    for (uint32_t behind = stated + 1; behind <= count && behind != 0; ++behind) {
+    for (uint32_t behind = stated + 1; behind <= count && behind != 0 && !end.has_passed();
+         ++behind) {
         if (read(behind, page)) moved.insert(content_hash(page));
     }
 }
@@ -121,7 +122,7 @@ void page_file::use_page_size(size_t bytes_of_page) {
 uint64_t page_file::count_tree_pages() const {
     std::vector<uint8_t> page;
     uint64_t found = 0;
-    for (uint32_t number = 1; number <= count && number != 0; ++number) {
+    for (uint32_t number = 1; number <= count && number != 0 && !end.has_passed(); ++number) {
         if (read(number, page) && is_whole_tree_page(number, page)) ++found;
     }
     return found;

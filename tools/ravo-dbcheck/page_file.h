@@ -30,6 +30,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "deadline.h"
+
 using byte_view = std::span<const uint8_t>;
 
 // Takes a varint off the front. Nothing: it goes on behind the end.
@@ -47,8 +49,8 @@ struct row_cell {
 
 class page_file {
   public:
-    // fd stays the caller's.
-    explicit page_file(int fd);
+    // fd stays the caller's. Looks at all pages before it knows what they are, until the end.
+    page_file(int fd, deadline end);
 
     uint32_t page_count() const { return count; }
     size_t page_size() const { return size; }
@@ -82,6 +84,7 @@ class page_file {
     uint32_t mapped_owner(uint32_t number) const;
 
     int fd;
+    deadline end;
     uint64_t file_bytes = 0;
     size_t size = 0;
     uint32_t count = 0;

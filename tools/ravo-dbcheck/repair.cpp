@@ -46,16 +46,15 @@ exit_status status_of(int error) {
                                                                : exit_status::not_repaired;
 }
 
-// One run at a time. The lock is the folder's, so it needs no file of its own.
-descriptor lock_folder(const std::string& path) {
-    const std::string folder = std::filesystem::path(path).parent_path().string();
-    descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (opened.is_open() && flock(opened.get(), LOCK_EX | LOCK_NB) == 0) return opened;
-    return {};
+// One run at a time. The lock is the folder's, so it needs no file of its own. Returns 0 or errno.
+int lock_folder(const std::string& path, descriptor& folder) {
+    const std::string name = std::filesystem::path(path).parent_path().string();
+    folder = descriptor(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.is_open() && flock(folder.get(), LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
 }
 
 // The bytes that SQLite locks, all of them: no other program reads or writes the file through
-// SQLite meanwhile. An open connection that does nothing holds no lock and is not met here.
+// SQLite meanwhile.
 bool lock_out_others(int fd) {
     struct flock all = {};
     all.l_type = F_WRLCK;
@@ -63,6 +62,14 @@ bool lock_out_others(int fd) {
     all.l_start = 0x40000000;
     all.l_len = 512;
     return fcntl(fd, F_OFD_SETLK, &all) == 0;
+}
+
+// A daemon that waits for calls holds no lock, but has the file open. The kernel leases a file only
+// to somebody who alone has it open; where it has no leases to give, nothing is known.
+bool is_open_elsewhere(int fd) {
+    if (fcntl(fd, F_SETLEASE, F_WRLCK) != 0) return errno == EAGAIN;
+    (void)fcntl(fd, F_SETLEASE, F_UNLCK);
+    return false;
 }
 
 // --- The line -----------------------------------------------------------------------------------
@@ -94,15 +101,19 @@ class run {
         : name(std::move(given)), path(std::move(resolved)), budget(time) {}
 
     outcome go() {
+        if (const int error = lock_folder(path, folder); error != 0) {
+            if (error == EWOULDBLOCK) return told(exit_status::in_use, "another check is at work");
+            return failed(exit_status::no_access, error, "its folder: ");
+        }
         if (const int error = open_file(); error != 0) return failed(status_of(error), error);
         if (!S_ISREG(status.st_mode)) return told(exit_status::no_access, "not a regular file");
-        if (status.st_size == 0) return told(exit_status::may_start, "empty, as a new one");
-        folder = lock_folder(path);
-        if (!folder.is_open()) return told(exit_status::in_use, "another check is at work");
-        if (const int error = remove_leftover(path); error != 0) {
-            return failed(status_of(error), error);
+        if (const std::string odd = odd_side_file(path); !odd.empty()) {
+            return told(exit_status::no_access, odd + " is not a regular file");
         }
-        const check_result checked = check_database(path.c_str(), time_left());
+        if (status.st_size == 0) return told(exit_status::may_start, "empty, as a new one");
+        (void)remove_leftover(path);  // one that stays is told when it is in the way
+        const check_result checked =
+            check_database(path.c_str(), within(check_budget(int64_t{status.st_size})));
         switch (checked.found) {
             case finding::sound:
                 return told(exit_status::may_start, "sound");
@@ -126,8 +137,8 @@ class run {
         return told(result, before + strerror(error));
     }
 
-    deadline time_left() const {
-        return deadline(budget ? *budget : budget_of(int64_t{status.st_size}));
+    deadline within(deadline::clock::duration usual) const {
+        return deadline(budget ? *budget : usual);
     }
 
     // A look before the opening, which can do something of its own to what is no file.
@@ -143,14 +154,21 @@ class run {
         if (!lock_out_others(file.get())) {
             return told(exit_status::in_use, damaged + "in use by another program");
         }
+        if (is_open_elsewhere(file.get())) {
+            return told(exit_status::in_use, damaged + "another program has it open");
+        }
+        if (const int error = remove_leftover(path); error != 0) {
+            return failed(exit_status::not_repaired, error, damaged + salvage_path(path) + ": ");
+        }
         replacement saved;
         int code = saved.create(salvage_path(path));
-        const page_file pages(file.get());
         salvage_result result;
         if (code == SQLITE_OK) {
-            result = salvage(pages, saved, time_left());
+            const deadline end = within(salvage_budget);
+            result = salvage(page_file(file.get(), end), saved, end);
             code = result.code;
         }
+        const std::string log_words = has_log() ? "; its write-ahead log was not read" : "";
         if (code != SQLITE_OK) {
             (void)remove_leftover(path);
             return told(exit_status::not_repaired,
@@ -164,8 +182,14 @@ class run {
                           damaged + "it could not be set aside: ");
         }
         return told(exit_status::may_start, damaged + "saved " + saved_words(saved) + "; " +
-                                                not_saved_words(result) + "; the damaged file is " +
-                                                kept);
+                                                not_saved_words(result) + log_words +
+                                                "; the damaged file is " + kept);
+    }
+
+    // One that SQLite has not brought into the file, because it could not open that.
+    bool has_log() const {
+        struct stat log = {};
+        return stat((path + "-wal").c_str(), &log) == 0 && log.st_size > 0;
     }
 
     int exchange(std::string& kept) const {

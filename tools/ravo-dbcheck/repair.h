@@ -19,7 +19,7 @@ struct outcome {
     std::string line;  // what was found, saved and not saved, without a line end
 };
 
-// Without a budget each of check and salvage has the time that the file's size gives it.
+// A budget is for each of check and salvage; without one they have their own.
 outcome check_and_repair(const std::string& path,
                          std::optional<std::chrono::milliseconds> budget = {});
 

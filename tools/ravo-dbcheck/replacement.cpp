@@ -140,13 +140,13 @@ int replacement::read_columns(kept_table& table) {
                    table.insert);
 }
 
-int replacement::save(kept_table& table, int64_t id, std::span<const value> values) {
+int replacement::save(kept_table& table, std::optional<int64_t> id, std::span<const value> values) {
     sqlite3_stmt* insert = table.insert.get();
     int rc = SQLITE_OK;
     for (size_t n = 0; n < values.size() && rc == SQLITE_OK; ++n) {
         const int place = static_cast<int>(n) + 1;
-        rc = table.columns[n] == column_kind::row_id ? sqlite3_bind_int64(insert, place, id)
-                                                     : bind(insert, place, values[n]);
+        const bool has_id = id && table.columns[n] == column_kind::row_id;
+        rc = has_id ? sqlite3_bind_int64(insert, place, *id) : bind(insert, place, values[n]);
     }
     if (rc == SQLITE_OK) rc = finished(sqlite3_step(insert));
     if (rc == SQLITE_OK && sqlite3_changes(db.get()) > 0) ++table.saved;
@@ -154,7 +154,7 @@ int replacement::save(kept_table& table, int64_t id, std::span<const value> valu
     return rc;
 }
 
-int replacement::finish(const std::map<std::string, int64_t>& last_ids) {
+int replacement::raise_last_ids(const std::map<std::string, int64_t>& last_ids) {
     int rc = SQLITE_OK;
     for (const kept_table& table : tables) {
         const auto last = last_ids.find(table.name);
@@ -168,7 +168,11 @@ int replacement::finish(const std::map<std::string, int64_t>& last_ids) {
                 last->second, name, name, last->second, name);
         rc = text ? execute(text.get()) : SQLITE_NOMEM;
     }
-    if (rc == SQLITE_OK) rc = execute("COMMIT;");
+    return rc;
+}
+
+int replacement::finish() {
+    const int rc = execute("COMMIT;");
     for (kept_table& table : tables) table.insert.reset();
     db.reset();
     return rc;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -29,10 +30,13 @@ class replacement {
 
     // Makes the file, which must not exist, with empty tables.
     int create(const std::string& path);
-    // Saves a row with its id. A row whose id is taken already is left out, and is no failure.
-    int save(kept_table& table, int64_t id, std::span<const value> values);
-    // Writes everything down, and that ids go on behind the last one that a table ever gave.
-    int finish(const std::map<std::string, int64_t>& last_ids);
+    // Saves a row with its id, or without one with the next. A row whose id is taken already is
+    // left out, and is no failure.
+    int save(kept_table& table, std::optional<int64_t> id, std::span<const value> values);
+    // New ids go on behind the last one that a table ever gave.
+    int raise_last_ids(const std::map<std::string, int64_t>& last_ids);
+    // Writes everything down.
+    int finish();
 
     std::vector<kept_table> tables;
 

@@ -4,14 +4,14 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 constexpr uint32_t schema_root = 1;
 constexpr char counter_table[] = "sqlite_sequence";
-constexpr int64_t largest_counter = int64_t{1} << 62;  // no table has given so many ids
-constexpr uint32_t pages_between_looks = 64;           // at the clock
+constexpr int64_t ids_end = int64_t{1} << 62;  // no table has given so many ids
 
 // type, name, table, root page, text
 constexpr column_kind schema_columns[] = {column_kind::text, column_kind::text, column_kind::text,
@@ -27,6 +27,11 @@ struct row_owner {
     bool is_known() const { return table != nullptr || is_counter; }
 };
 
+struct row_place {
+    uint32_t page;
+    size_t cell;
+};
+
 class salvager {
   public:
     salvager(const page_file& damaged, replacement& target, deadline time)
@@ -37,14 +42,17 @@ class salvager {
         save_stray_leaves(file.last_stated_page() + 1);
         for (kept_table& table : into.tables) save_tree({&table, false}, roots[table.name]);
         save_tree({nullptr, true}, roots[counter_table]);
+        pass_over_other_tables();
         save_stray_leaves(1);
-        if (result.code == 0) result.code = into.finish(last_ids);
+        if (result.code == 0) result.code = into.raise_last_ids(last_ids);
+        save_with_new_ids();
+        if (result.code == 0) result.code = into.finish();
         return result;
     }
 
   private:
     bool must_stop() {
-        if (++pages % pages_between_looks == 0 && end.has_passed()) result.is_unfinished = true;
+        if (end.has_passed()) result.is_unfinished = true;
         return result.code != 0 || result.is_unfinished;
     }
 
@@ -112,10 +120,12 @@ class salvager {
         return owner;
     }
 
-    void save_row(const row_owner& owner, int64_t id) {
-        if (owner.table != nullptr) {
+    void save_row(const row_owner& owner, const row_place& place, int64_t id) {
+        if (owner.table != nullptr && id < ids_end) {
             result.code = into.save(*owner.table, id, values);
-        } else if (values[1].integer > 0 && values[1].integer < largest_counter) {
+        } else if (owner.table != nullptr) {
+            without_id.emplace_back(owner.table, place);
+        } else if (values[1].integer > 0 && values[1].integer < ids_end) {
             int64_t& last = last_ids[std::string(values[0].text)];
             last = std::max(last, values[1].integer);
         }
@@ -126,10 +136,10 @@ class salvager {
     bool save_leaf(const row_owner& owner, uint32_t number, byte_view page) {
         uint64_t others = 0;
         bool is_owners = file.cell_count(number, page) == 0;
-        for (size_t n = 0; n < file.cell_count(number, page) && result.code == 0; ++n) {
+        for (size_t n = 0; n < file.cell_count(number, page) && !must_stop(); ++n) {
             int64_t id = 0;
             if (read_row(number, page, n, id) && owner_of_row() == owner) {
-                save_row(owner, id);
+                save_row(owner, {number, n}, id);
                 is_owners = true;
             } else {
                 ++others;
@@ -151,9 +161,24 @@ class salvager {
         if (owner.table != nullptr) result.missing_pages += missing;
     }
 
+    // Rows of a table that the daemon does not keep may look as its own do. When the name of one
+    // that it keeps is missing, its rows may be under another name.
+    void pass_over_other_tables() {
+        std::map<std::string, uint32_t> others = roots;
+        others.erase(counter_table);
+        for (const kept_table& table : into.tables) {
+            if (others[table.name] == 0) return;
+            others.erase(table.name);
+        }
+        for (const auto& [name, root] : others) {
+            (void)walk(root,
+                       [this](uint32_t number, byte_view /*page*/) { is_done[number] = true; });
+        }
+    }
+
     // Of a leaf that no tree has led to: what its first whole row belongs to.
     row_owner find_owner(uint32_t number, byte_view page) {
-        for (size_t n = 0; n < file.cell_count(number, page); ++n) {
+        for (size_t n = 0; n < file.cell_count(number, page) && !must_stop(); ++n) {
             int64_t id = 0;
             if (!read_row(number, page, n, id)) continue;
             if (const row_owner owner = owner_of_row(); owner.is_known()) return owner;
@@ -171,15 +196,27 @@ class salvager {
         }
     }
 
+    // The daemon could give no id behind such a one, so its row gets the next one itself.
+    void save_with_new_ids() {
+        std::vector<uint8_t> page;
+        for (const auto& [table, place] : without_id) {
+            int64_t id = 0;
+            if (must_stop()) return;
+            if (!file.read(place.page, page) || !read_row(place.page, page, place.cell, id))
+                continue;
+            result.code = into.save(*table, {}, values);
+        }
+    }
+
     const page_file& file;
     replacement& into;
     const deadline end;
     std::vector<bool> is_done;  // leaves whose rows are saved
     std::map<std::string, uint32_t> roots;
     std::map<std::string, int64_t> last_ids;
+    std::vector<std::pair<kept_table*, row_place>> without_id;
     std::vector<uint8_t> payload;
     std::vector<value> values;
-    uint32_t pages = 0;
     salvage_result result;
 };
 

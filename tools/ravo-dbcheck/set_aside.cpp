@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -43,6 +44,13 @@ std::string kept_name(const std::string& database, time_t when) {
     return database + kept_mark + stamp;
 }
 
+bool is_stamp(const std::string& text) {
+    constexpr std::string_view form = "00000000T000000Z";
+    return std::ranges::equal(text, form, [](char c, char of_form) {
+        return of_form == '0' ? c >= '0' && c <= '9' : c == of_form;
+    });
+}
+
 // The kept files without what was taken along, oldest first.
 std::vector<std::string> list_kept(const std::string& database) {
     const std::string start = database + kept_mark;
@@ -50,7 +58,7 @@ std::vector<std::string> list_kept(const std::string& database) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(folder_of(database), error)) {
         std::string path = entry.path().string();
-        if (path.starts_with(start) && path.size() == start.size() + stamp_size - 1) {
+        if (path.starts_with(start) && is_stamp(path.substr(start.size()))) {
             found.push_back(std::move(path));
         }
     }
@@ -58,9 +66,11 @@ std::vector<std::string> list_kept(const std::string& database) {
     return found;
 }
 
+// A symbolic link to a file is none of its names.
 bool is_same_file(const std::string& one, const std::string& other) {
-    std::error_code error;
-    return std::filesystem::equivalent(one, other, error);
+    struct stat first = {}, second = {};
+    return lstat(one.c_str(), &first) == 0 && lstat(other.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
 }
 
 }  // namespace
@@ -70,6 +80,15 @@ std::string salvage_path(const std::string& database) { return database + "-salv
 int remove_leftover(const std::string& database) {
     const int error = result_of(unlink(salvage_path(database).c_str()));
     return error == ENOENT ? 0 : error;
+}
+
+std::string odd_side_file(const std::string& database) {
+    for (const std::string suffix : side_suffixes) {
+        struct stat status = {};
+        std::string path = database + suffix;
+        if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) return path;
+    }
+    return "";
 }
 
 int keep_damaged(const std::string& database, std::string& kept) {

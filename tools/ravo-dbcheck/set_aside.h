@@ -13,6 +13,10 @@ inline constexpr size_t kept_files = 3;  // damaged ones, at most
 std::string salvage_path(const std::string& database);
 int remove_leftover(const std::string& database);
 
+// The first of the database's side files that is no regular file; empty when there is none. SQLite
+// waits for ever at a pipe, and takes other things for a fault of the disk.
+std::string odd_side_file(const std::string& database);
+
 // Gives the damaged file a second name, DATABASE-damaged-YYYYMMDDThhmmssZ. A file that has one from
 // a run that was cut keeps it.
 int keep_damaged(const std::string& database, std::string& kept);
