@@ -135,7 +135,7 @@ zb_service* zb_create(const char* path, int setting1, int setting2, zb_entry ent
  * their functions first, also with a null service. When the environment names NOTIFY_SOCKET, one
  * datagram "READY=1" is sent there once serving begins.
  *
- * Returns 0 after zb_stop(), when replies already made have been sent (at most 10 s, 2 s without
+ * Returns 0 after zb_stop(), when replies already made have been sent (at most 4 s, 2 s without
  * progress) and requests that still waited have been answered with "no reply". May be called again
  * then. Returns -1 when it cannot serve: service is null, already being served, or the system
  * fails. */
