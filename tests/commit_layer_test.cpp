@@ -212,6 +212,8 @@ int io_error(const step& s) {
             return SQLITE_IOERR_FSTAT;
         case call::lock:
             return SQLITE_IOERR_LOCK;
+        case call::unlock:
+            return SQLITE_IOERR_UNLOCK;
         case call::access:
             return SQLITE_IOERR_ACCESS;
     }
@@ -274,6 +276,37 @@ TEST_P(commit_of, is_whole_whatever_call_fails) {
             check_outcome(states, answered, std::string(f.name) + " at " + std::to_string(n));
             ASSERT_FALSE(HasFailure());
             ASSERT_LT(n, 20000U);
+        }
+    }
+}
+
+// A call fails while a record is being finished: once for each point at which the process can have
+// ended. Those that have an extension are tried, the rest in the tests in long/.
+TEST_P(commit_of, is_whole_whatever_call_of_its_recovery_fails) {
+    const std::set<std::string> always = {"first_creation", "insert_full_size_row"};
+    const bool is_long = getenv("COMMIT_LONG") != nullptr;
+    if (!is_long &&
+        !(always.contains(what.name) && GetParam().strength == commit_strength::kill_safe))
+        return;
+    const scenario reading = {"", {}, {"SELECT count(*) FROM sqlite_master;"}};
+    bool is_complete = false;
+    for (size_t n = 1; !is_complete; ++n) {
+        restore(states[0].bytes);
+        const ending first = run_until(what, n, false);
+        is_complete = first.is_complete;
+        if (read_file(side_file()).substr(0, 7) != "RAVOCMT") continue;
+        const std::string left_database = read_file(database());
+        const std::string left_side = read_file(side_file());
+        for (const fault& f : faults) {
+            bool was_met = true;
+            for (size_t m = 1; was_met; ++m) {
+                write_file(database(), left_database);
+                write_file(side_file(), left_side);
+                (void)run_with_fault(reading, f, m, was_met);
+                check_outcome(states, first.answered,
+                              std::to_string(n) + ", " + f.name + " at " + std::to_string(m));
+                ASSERT_FALSE(HasFailure());
+            }
         }
     }
 }

@@ -38,10 +38,11 @@ class commit_file {
 
     // A journal or a log of this connection was opened, writable, or closed.
     void journal_opened();
-    void journal_closed() { --open_journals; }
+    void journal_closed();
 
   private:
     enum class phase { idle, holding, committed };
+    enum class database_state { before, after, foreign };  // to a record
 
     bool holds_writes() const;
     int start_holding();
@@ -54,12 +55,13 @@ class commit_file {
     int write_record(const record_header& header, bool is_durable);
     int apply_held(const record_header& header, bool is_durable);
     void note_first_sector();
-    void take_back(const record_header& header, bool is_durable);
+    int take_back(const record_header& header, bool is_durable);
 
     int finish_waiting_record();
     int finish_record();
-    int apply_waiting(const record& waiting);
-    int belongs_here(const record& waiting, bool& belongs);
+    int apply_waiting(const record& waiting, database_state found);
+    int lacks_extension(const record& waiting, bool& is_short);
+    int compare(const record& waiting, database_state& state);
 
     int apply(const record_header& header, page_source& pages, bool& is_touched);
     int extend(const record_header& header, page_source& pages);
@@ -80,7 +82,7 @@ class commit_file {
     phase now = phase::idle;
     bool is_synced = false;      // the commit has synced the database already
     bool may_roll_back = false;  // EXCLUSIVE straight from SHARED: for a hot journal
-    bool is_unreadable = false;  // a hot journal was left where it is
+    bool is_unreadable = false;  // a hot journal or a commit's record waits for the next lock
     page_set held;
     int64_t held_size = 0;  // of the database, as SQLite sees it
     int64_t old_size = 0;   // of the file itself

@@ -76,7 +76,8 @@ int lock_file(sqlite3_file* file, int level) {
     return rc != SQLITE_OK ? rc : below(file)->pMethods->xLock(below(file), level);
 }
 int unlock_file(sqlite3_file* file, int level) {
-    return below(file)->pMethods->xUnlock(below(file), level);
+    const int rc = ask({.what = call::unlock, .path = state_of(file).path});
+    return rc != SQLITE_OK ? rc : below(file)->pMethods->xUnlock(below(file), level);
 }
 int check_reserved(sqlite3_file* file, int* out) {
     return below(file)->pMethods->xCheckReservedLock(below(file), out);

@@ -11,7 +11,7 @@
 
 namespace fault_vfs {
 
-enum class call { open, write, truncate, sync, remove, read, size, lock, access };
+enum class call { open, write, truncate, sync, remove, read, size, lock, unlock, access };
 
 struct step {
     call what;
