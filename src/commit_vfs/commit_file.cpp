@@ -221,12 +221,6 @@ void commit_file::journal_opened() {
     may_roll_back = false;
 }
 
-// A mode that keeps its journal open closes it when the mode is left, with no lock or SHARED.
-void commit_file::journal_closed() {
-    --open_journals;
-    if (level < SQLITE_LOCK_RESERVED) keeps_own_journal = open_journals > 0;
-}
-
 // A pager without a journal takes the lock for a hot journal, and leaves it alone. It must not read
 // what is to be rolled back.
 int commit_file::note_ignored_journal() {
@@ -249,7 +243,6 @@ int commit_file::control(int op, void* arg) {
 
 int commit_file::commit() {
     if (read_only) return SQLITE_READONLY;
-    if (is_unreadable) return SQLITE_IOERR;  // the record of a commit that failed is waiting
     const bool is_durable = strength == commit_strength::power_safe;
     known_size = -1;
     leave_out_what_was_cut_off();
@@ -277,8 +270,7 @@ int commit_file::apply_held(const record_header& header, bool is_durable) {
     } catch (const std::bad_alloc&) {
     }
     if (rc == SQLITE_OK && is_durable) rc = file->pMethods->xSync(file, SQLITE_SYNC_NORMAL);
-    if (rc == SQLITE_OK) return rc;
-    if (is_touched || take_back(header, is_durable) != SQLITE_OK) is_unreadable = true;
+    if (rc != SQLITE_OK && !is_touched) (void)take_back(header, is_durable);
     return rc;
 }
 

@@ -38,7 +38,7 @@ class commit_file {
 
     // A journal or a log of this connection was opened, writable, or closed.
     void journal_opened();
-    void journal_closed();
+    void journal_closed() { --open_journals; }
 
   private:
     enum class phase { idle, holding, committed };
@@ -82,7 +82,7 @@ class commit_file {
     phase now = phase::idle;
     bool is_synced = false;      // the commit has synced the database already
     bool may_roll_back = false;  // EXCLUSIVE straight from SHARED: for a hot journal
-    bool is_unreadable = false;  // a hot journal or a commit's record waits for the next lock
+    bool is_unreadable = false;  // a hot journal was left where it is
     page_set held;
     int64_t held_size = 0;  // of the database, as SQLite sees it
     int64_t old_size = 0;   // of the file itself
