@@ -77,14 +77,23 @@ uint32_t read_u32(const char* bytes) {
     return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | uint32_t{at[3]};
 }
 
-// The database's size in pages that its first page states; 0 when the statement is out of date.
-uint32_t stated_page_count(const char* first_page) {
+// The database's size in bytes that its first page states; 0 when the statement is out of date. The
+// page size is the one stated as well: the last pages that VACUUM writes in the old size state the
+// new one.
+int64_t stated_size(const char* first_page) {
+    constexpr int page_size = 16;  // two bytes, of 65536 the upper ones
     constexpr int change_counter = 24;
     constexpr int page_count = 28;
     constexpr int counter_of_page_count = 92;
     const bool is_current =
         read_u32(first_page + change_counter) == read_u32(first_page + counter_of_page_count);
-    return is_current ? read_u32(first_page + page_count) : 0;
+    const uint32_t size = read_u32(first_page + page_size) >> 16;
+    return is_current ? int64_t{read_u32(first_page + page_count)} * (size == 1 ? 65536 : size) : 0;
+}
+
+// Where the last of the pages ends.
+int64_t end_of(const record_header& header, const page_source& pages) {
+    return (int64_t{pages.number(pages.count() - 1)} + 1) * header.page_size;
 }
 
 }  // namespace
@@ -120,6 +129,7 @@ int commit_file::read(void* to, int count, int64_t offset) {
 int commit_file::write(const void* bytes, int count, int64_t offset) {
     if (!holds_writes()) {
         known_size = -1;
+        knows_version = false;
         return file->pMethods->xWrite(file, bytes, count, offset);
     }
     int rc = start_holding();
@@ -259,8 +269,8 @@ int commit_file::apply_held(const record_header& header, bool is_durable) {
         rc = apply(header, pages, is_touched);
     } catch (const std::bad_alloc&) {
     }
-    if (rc != SQLITE_OK && !is_touched) take_back(header, is_durable);
     if (rc == SQLITE_OK && is_durable) rc = file->pMethods->xSync(file, SQLITE_SYNC_NORMAL);
+    if (rc != SQLITE_OK && !is_touched) (void)take_back(header, is_durable);
     return rc;
 }
 
@@ -275,7 +285,7 @@ void commit_file::note_first_sector() {
 void commit_file::leave_out_what_was_cut_off() {
     const auto first = held.pages().find(0);
     if (first == held.pages().end() || !first->second) return;
-    const int64_t stated = int64_t{stated_page_count(first->second.get())} * held.page_size();
+    const int64_t stated = stated_size(first->second.get());
     if (stated == 0 || stated >= held_size) return;
     held.drop_from(stated);
     held_size = std::min(held_size, std::max(old_size, stated));
@@ -312,18 +322,22 @@ int commit_file::write_record(const record_header& header, bool is_durable) {
     if (rc != SQLITE_OK) return rc;
     rc = side->write(header, held);
     if (rc == SQLITE_OK && is_durable) rc = side->sync();
-    if (rc != SQLITE_OK) take_back(header, is_durable);
+    if (rc != SQLITE_OK) (void)take_back(header, is_durable);
     return rc;
 }
 
-// The commit has failed, and no existing byte has been touched.
-void commit_file::take_back(const record_header& header, bool is_durable) {
+// The commit has failed, and no existing byte has been touched. A database that cannot be cut back
+// keeps its record.
+int commit_file::take_back(const record_header& header, bool is_durable) {
     sqlite3_int64 bytes = 0;
-    if (file->pMethods->xFileSize(file, &bytes) == SQLITE_OK && bytes > header.old_size) {
-        (void)file->pMethods->xTruncate(file, header.old_size);
+    int rc = file->pMethods->xFileSize(file, &bytes);
+    if (rc == SQLITE_OK && bytes > header.old_size) {
+        rc = file->pMethods->xTruncate(file, header.old_size);
     }
+    if (rc != SQLITE_OK) return rc;
     (void)side->clear();
     if (is_durable) (void)side->sync();
+    return SQLITE_OK;
 }
 
 // --- Applying a record --------------------------------------------------------------------------
@@ -333,13 +347,12 @@ void commit_file::take_back(const record_header& header, bool is_durable) {
 int commit_file::apply(const record_header& header, page_source& pages, bool& is_touched) {
     int rc = extend(header, pages);
     if (rc == SQLITE_OK) rc = overwrite(header, pages, is_touched);
-    if (rc != SQLITE_OK || header.new_size >= header.old_size) return rc;
+    const int64_t written = std::max(header.old_size, end_of(header, pages));
+    if (rc != SQLITE_OK || header.new_size >= written) return rc;
     is_touched = true;
     return file->pMethods->xTruncate(file, header.new_size);
 }
 
-// Every page from the old end on. Those between, which nobody wrote, get zeros: a hole would want
-// room on the disk later.
 // Every page from the old end on. Those between, which nobody wrote, get zeros: a hole would want
 // room on the disk later.
 int commit_file::extend(const record_header& header, page_source& pages) {
@@ -407,38 +420,46 @@ int commit_file::finish_waiting_record() {
 int commit_file::finish_record() {
     record waiting = {};
     bool is_whole = false;
-    bool belongs = false;
+    auto found = database_state::foreign;
     int rc = read_record(*side, waiting, is_whole);
-    if (rc == SQLITE_OK && is_whole) rc = belongs_here(waiting, belongs);
-    if (rc != SQLITE_OK) return rc;
-    if (belongs) rc = apply_waiting(waiting);
+    if (rc == SQLITE_OK && is_whole) rc = compare(waiting, found);
+    if (rc == SQLITE_OK && found != database_state::foreign) rc = apply_waiting(waiting, found);
     if (rc != SQLITE_OK) return rc;
     (void)side->clear();
     return SQLITE_OK;
 }
 
-int commit_file::apply_waiting(const record& waiting) {
-    bool is_touched = false;
-    int rc = side->sync();
+int commit_file::apply_waiting(const record& waiting, database_state found) {
+    bool is_short = false;
+    int rc = lacks_extension(waiting, is_short);
+    if (rc == SQLITE_OK) rc = side->sync();
     if (rc != SQLITE_OK) return rc;
+    bool is_touched = false;
     try {
         recorded_pages pages(*side, waiting);
         rc = apply(waiting.header, pages, is_touched);
     } catch (const std::bad_alloc&) {
         rc = SQLITE_IOERR_NOMEM;
     }
-    // No room for the extension: the process ended in it, and nothing else was touched.
+    if (rc == SQLITE_OK) return file->pMethods->xSync(file, SQLITE_SYNC_NORMAL);
+    // The extension cannot be made now. Where nothing else is touched yet, the commit never was.
     const bool is_in_order = (waiting.header.flags & record_in_order) != 0;
-    if (rc == SQLITE_FULL && !is_touched && is_in_order) {
-        take_back(waiting.header, true);
-        return SQLITE_OK;
-    }
-    return rc == SQLITE_OK ? file->pMethods->xSync(file, SQLITE_SYNC_NORMAL) : rc;
+    const bool was_touched = !is_in_order || !is_short || found == database_state::after;
+    return is_touched || was_touched ? rc : take_back(waiting.header, true);
+}
+
+// Whether the process ended before the extension was complete, so that no existing byte is touched.
+int commit_file::lacks_extension(const record& waiting, bool& is_short) {
+    sqlite3_int64 bytes = 0;
+    const int rc = file->pMethods->xFileSize(file, &bytes);
+    const int64_t end = (int64_t{waiting.pages.back().number} + 1) * waiting.header.page_size;
+    is_short = bytes < end || waiting.header.old_size == 0;
+    return rc;
 }
 
 // A sector does not tear, so the first one is the database's before the commit or after it. An
 // empty database has none to tell it by.
-int commit_file::belongs_here(const record& waiting, bool& belongs) {
+int commit_file::compare(const record& waiting, database_state& state) {
     char found[sector_size] = {};
     char after[sector_size] = {};
     const record_header& header = waiting.header;
@@ -449,9 +470,12 @@ int commit_file::belongs_here(const record& waiting, bool& belongs) {
     }
     uint64_t number = 0;
     if (rc == SQLITE_OK) rc = inode(number);
-    belongs = (header.old_size > 0 || number == header.inode) &&
-              (memcmp(found, header.first_sector, sector_size) == 0 ||
-               (waiting.pages[0].number == 0 && memcmp(found, after, sector_size) == 0));
+    if (header.old_size == 0 && number != header.inode) return rc;
+    if (waiting.pages[0].number == 0 && memcmp(found, after, sector_size) == 0) {
+        state = database_state::after;
+    } else if (memcmp(found, header.first_sector, sector_size) == 0) {
+        state = database_state::before;
+    }
     return rc;
 }
 

@@ -42,6 +42,7 @@ class commit_file {
 
   private:
     enum class phase { idle, holding, committed };
+    enum class database_state { before, after, foreign };  // to a record
 
     bool holds_writes() const;
     int start_holding();
@@ -54,12 +55,13 @@ class commit_file {
     int write_record(const record_header& header, bool is_durable);
     int apply_held(const record_header& header, bool is_durable);
     void note_first_sector();
-    void take_back(const record_header& header, bool is_durable);
+    int take_back(const record_header& header, bool is_durable);
 
     int finish_waiting_record();
     int finish_record();
-    int apply_waiting(const record& waiting);
-    int belongs_here(const record& waiting, bool& belongs);
+    int apply_waiting(const record& waiting, database_state found);
+    int lacks_extension(const record& waiting, bool& is_short);
+    int compare(const record& waiting, database_state& state);
 
     int apply(const record_header& header, page_source& pages, bool& is_touched);
     int extend(const record_header& header, page_source& pages);

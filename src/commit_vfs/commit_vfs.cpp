@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <csignal>
 #include <new>
 #include <type_traits>
 
@@ -217,6 +218,17 @@ int open_file(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int fl
     return base->xOpen(base, name, file, flags, out_flags);
 }
 
+// A file that reaches the process's limit is then a failed write like any other, not its end, which
+// the next process would meet again when it finishes the record. A handler, because a signal that
+// is ignored stays so in every program that the process starts.
+void outlive_size_limit() {
+    struct sigaction action = {};
+    if (sigaction(SIGXFSZ, nullptr, &action) != 0 || action.sa_handler != SIG_DFL) return;
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    (void)sigaction(SIGXFSZ, &action, nullptr);
+}
+
 }  // namespace
 
 int register_commit_vfs(commit_strength strength) {
@@ -234,5 +246,6 @@ int register_commit_vfs(commit_strength strength) {
     base = found;
     const int rc = sqlite3_vfs_register(&layer, 1);
     if (rc != SQLITE_OK) base = nullptr;
+    if (rc == SQLITE_OK) outlive_size_limit();
     return rc;
 }

@@ -12,7 +12,8 @@ enum class commit_strength {
 
 // Puts the layer over SQLite's default VFS and makes it the default. Connections that are open
 // already stay as they are, so this comes before the first sqlite3_open. Called again, it only
-// changes the strength, which holds from the next commit on.
+// changes the strength, which holds from the next commit on. The signal SIGXFSZ gets a handler that
+// does nothing, unless the process has chosen otherwise.
 //
 // Returns SQLite's code. After a failure everything is as it was.
 int register_commit_vfs(commit_strength strength);

@@ -29,17 +29,22 @@ bool is_plausible(const record_header& header) {
            header.page_count > 0 && header.old_size >= 0 && header.new_size >= 0;
 }
 
-// Whether the table is in order and fits the header: each page once, ascending, inside the
-// database, which grows by what is written only. A first commit writes the first page.
-bool is_plausible(const record_header& header, const std::vector<record_page>& pages) {
-    int64_t next = 0;
-    for (const record_page& page : pages) {
-        if (page.number < next) return false;
-        if (page.kind != page_kind::data && page.kind != page_kind::zeros) return false;
-        next = int64_t{page.number} + 1;
+// Whether the table is in order from a row on: each page once, ascending.
+bool is_ordered(const std::vector<record_page>& pages, size_t from) {
+    int64_t next = from == 0 ? 0 : int64_t{pages[from - 1].number} + 1;
+    for (size_t n = from; n < pages.size(); ++n) {
+        if (pages[n].number < next) return false;
+        if (pages[n].kind != page_kind::data && pages[n].kind != page_kind::zeros) return false;
+        next = int64_t{pages[n].number} + 1;
     }
-    const int64_t end = next * header.page_size;
-    return end <= std::max(header.new_size, header.old_size) &&
+    return true;
+}
+
+// Whether the table fits the header: inside the database, which may be cut off in its last page and
+// grows by what is written only. A first commit writes the first page.
+bool is_plausible(const record_header& header, const std::vector<record_page>& pages) {
+    const int64_t end = (int64_t{pages.back().number} + 1) * header.page_size;
+    return end - header.page_size < std::max(header.new_size, header.old_size) &&
            header.new_size <= std::max(header.old_size, end) &&
            (header.old_size > 0 || pages[0].number == 0);
 }
@@ -68,20 +73,35 @@ int add_range(byte_source& from, record_checksum& sum, int64_t offset, int64_t e
     return SQLITE_OK;
 }
 
+// Reads the table in steps, each checked before the next, so that a count that nothing stands
+// behind asks for no memory. Leaves no pages when the table is none.
+int read_table(byte_source& from, uint32_t count, std::vector<record_page>& pages) {
+    constexpr size_t step = read_step / sizeof(record_page);
+    pages.clear();
+    while (pages.size() < count) {
+        const size_t done = pages.size();
+        pages.resize(std::min<size_t>(count, done + step));
+        const auto bytes = static_cast<int>((pages.size() - done) * sizeof(record_page));
+        const int rc =
+            from.read(&pages[done], bytes,
+                      static_cast<int64_t>(sizeof(record_header) + done * sizeof(record_page)));
+        if (rc != SQLITE_OK) return rc;
+        if (!is_ordered(pages, done)) {
+            pages.clear();
+            break;
+        }
+    }
+    return SQLITE_OK;
+}
+
 int read_checked(byte_source& from, int64_t size, record& out, bool& is_whole) {
     int rc = from.read(&out.header, sizeof out.header, 0);
     if (rc != SQLITE_OK || !is_plausible(out.header)) return rc;
     const int64_t table_bytes = int64_t{out.header.page_count} * int64_t{sizeof(record_page)};
     if (table_bytes > size - int64_t{sizeof out.header}) return SQLITE_OK;
 
-    out.pages.resize(out.header.page_count);
-    for (int64_t done = 0; done < table_bytes;) {
-        const auto count = static_cast<int>(std::min<int64_t>(table_bytes - done, read_step));
-        rc = from.read(reinterpret_cast<char*>(out.pages.data()) + done, count,
-                       int64_t{sizeof out.header} + done);
-        if (rc != SQLITE_OK) return rc;
-        done += count;
-    }
+    rc = read_table(from, out.header.page_count, out.pages);
+    if (rc != SQLITE_OK || out.pages.empty()) return rc;
     if (!is_plausible(out.header, out.pages)) return SQLITE_OK;
     const int64_t data_start = int64_t{sizeof out.header} + table_bytes;
     const int64_t end = place_data(out);

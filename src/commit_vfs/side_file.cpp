@@ -38,9 +38,11 @@ uint64_t checksum_of(const record_header& header, const page_set& held) {
 // How long it may take until it is noticed that somebody has removed the side file.
 constexpr std::chrono::seconds moved_check_interval{1};
 
-// A regular file of someone who may write the database anyway.
+// A regular file of someone who may write the database anyway. Not the database by another name,
+// whose locks would go with the first close.
 bool is_trusted(const struct stat& side, const struct stat& database) {
-    return S_ISREG(side.st_mode) &&
+    const bool is_database = side.st_dev == database.st_dev && side.st_ino == database.st_ino;
+    return S_ISREG(side.st_mode) && !is_database &&
            (side.st_uid == database.st_uid || side.st_uid == geteuid() || side.st_uid == 0);
 }
 
@@ -72,7 +74,10 @@ int side_file::look(bool& is_waiting) {
 int side_file::prepare() {
     const std::lock_guard guard(mutex);
     close_if_moved();
-    return file != nullptr ? SQLITE_OK : open();
+    int rc = file != nullptr ? SQLITE_OK : open();
+    if (rc != SQLITE_OK || is_own) return rc;
+    rc = discard();
+    return rc == SQLITE_OK ? open() : rc;
 }
 
 // SQLite's own VFS does so at the first sync of a journal that it has opened.
@@ -85,6 +90,10 @@ int side_file::sync_names() {
 
 int side_file::remove() {
     const std::lock_guard guard(mutex);
+    return discard();
+}
+
+int side_file::discard() {
     close();
     const int rc = base->xDelete(base, path.c_str(), 0);
     return rc == SQLITE_IOERR_DELETE_NOENT ? SQLITE_OK : rc;
@@ -149,6 +158,7 @@ int side_file::size(int64_t& bytes) {
     sqlite3_int64 found = 0;
     const int rc = file->pMethods->xFileSize(file, &found);
     bytes = found;
+    if (rc == SQLITE_OK) length = found;
     return rc;
 }
 
@@ -167,7 +177,8 @@ int side_file::open() {
     memory.reset(new (std::nothrow) char[static_cast<size_t>(base->szOsFile)]());
     if (!memory) return SQLITE_IOERR_NOMEM;
     auto* opening = reinterpret_cast<sqlite3_file*>(memory.get());
-    int rc = base->xOpen(base, path.c_str(), opening, open_flags, nullptr);
+    int flags = 0;
+    int rc = base->xOpen(base, path.c_str(), opening, open_flags, &flags);
     if (opening->pMethods == nullptr) return rc != SQLITE_OK ? rc : SQLITE_CANTOPEN;
     file = opening;
     sqlite3_int64 bytes = 0;
@@ -179,6 +190,7 @@ int side_file::open() {
         close();
         return rc;
     }
+    is_own = (flags & SQLITE_OPEN_READONLY) == 0 && found.st_nlink == 1;
     opened = {found.st_dev, found.st_ino};
     looked_at = std::chrono::steady_clock::now();
     length = bytes;

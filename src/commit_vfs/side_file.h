@@ -35,7 +35,8 @@ class side_file : public byte_source {
     // Whether a record may be waiting. A side file that does not exist is not created.
     int look(bool& is_waiting);
 
-    // Readies the file for a record: opens or creates it.
+    // Readies the file for a record: opens or creates it. One that may not be written, or that has
+    // a second name, makes way for a new one.
     int prepare();
     // Makes the names of this folder durable.
     int sync_names();
@@ -67,6 +68,7 @@ class side_file : public byte_source {
 
     int open();
     void close();
+    int discard();
     void close_if_moved();
     int write_pieces(const record_header& header, const page_set& pages);
 
@@ -76,6 +78,7 @@ class side_file : public byte_source {
     std::mutex mutex;  // around every use of file
     std::unique_ptr<char[]> memory;
     sqlite3_file* file = nullptr;  // null: closed
+    bool is_own = false;           // may be written, and is no other file by a second name
     identity opened{};
     std::chrono::steady_clock::time_point looked_at{};
     int64_t length = 0;  // of the file

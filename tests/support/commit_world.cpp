@@ -101,6 +101,8 @@ const std::vector<scenario>& scenarios() {
          {"PRAGMA cache_size = 10;",
           "UPDATE conn_server_log SET device_info = upper(device_info), source_ip = "
           "source_ip || source_ip;"}},
+        {"larger_pages", filled(6, 100), {"PRAGMA page_size = 8192; VACUUM;"}},
+        {"smaller_pages", filled(6, 100), {"PRAGMA page_size = 512; VACUUM;"}},
         {"several",
          filled(6, 100),
          {in_transaction(insert_text(100, 1024)), "DELETE FROM conn_server_log WHERE id = 2;",

@@ -49,7 +49,7 @@ struct scenario {
     std::vector<std::string> statements;
 };
 
-// Every kind that the daemon makes.
+// Every kind that the daemon makes, and two for which SQLite commits in another way.
 const std::vector<scenario>& scenarios();
 const scenario& scenario_named(const std::string& name);
 

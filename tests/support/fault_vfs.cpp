@@ -76,7 +76,8 @@ int lock_file(sqlite3_file* file, int level) {
     return rc != SQLITE_OK ? rc : below(file)->pMethods->xLock(below(file), level);
 }
 int unlock_file(sqlite3_file* file, int level) {
-    return below(file)->pMethods->xUnlock(below(file), level);
+    const int rc = ask({.what = call::unlock, .path = state_of(file).path});
+    return rc != SQLITE_OK ? rc : below(file)->pMethods->xUnlock(below(file), level);
 }
 int check_reserved(sqlite3_file* file, int* out) {
     return below(file)->pMethods->xCheckReservedLock(below(file), out);
@@ -159,6 +160,80 @@ bool is_change(const step& s) {
         default:
             return false;
     }
+}
+
+// --- Faults -------------------------------------------------------------------------------------
+
+namespace {
+
+int io_error(const step& s) {
+    switch (s.what) {
+        case call::open:
+            return SQLITE_CANTOPEN;
+        case call::write:
+            return SQLITE_IOERR_WRITE;
+        case call::truncate:
+            return SQLITE_IOERR_TRUNCATE;
+        case call::sync:
+            return SQLITE_IOERR_FSYNC;
+        case call::remove:
+            return SQLITE_IOERR_DELETE;
+        case call::read:
+            return SQLITE_IOERR_READ;
+        case call::size:
+            return SQLITE_IOERR_FSTAT;
+        case call::lock:
+            return SQLITE_IOERR_LOCK;
+        case call::unlock:
+            return SQLITE_IOERR_UNLOCK;
+        case call::access:
+            return SQLITE_IOERR_ACCESS;
+    }
+    return SQLITE_IOERR;
+}
+
+int short_write(const step& s) {
+    if (s.what != call::write) return SQLITE_OK;
+    s.write_part(s.bytes.size() / 2);
+    return SQLITE_FULL;
+}
+
+int late_write_error(const step& s) {
+    if (s.what != call::write) return SQLITE_OK;
+    s.write_part(s.bytes.size());
+    return SQLITE_IOERR_WRITE;
+}
+
+int disk_full(const step& s) { return s.what == call::write ? SQLITE_FULL : SQLITE_OK; }
+
+int failed_sync(const step& s) { return s.what == call::sync ? SQLITE_IOERR_FSYNC : SQLITE_OK; }
+
+}  // namespace
+
+const std::vector<fault> faults = {
+    {"EIO, once", false, io_error},           {"EIO, lasting", true, io_error},
+    {"short write", false, short_write},      {"late write error", false, late_write_error},
+    {"full, once", false, disk_full},         {"full, lasting", true, disk_full},
+    {"sync fails, once", false, failed_sync}, {"sync fails, lasting", true, failed_sync},
+};
+
+void fail_nth(const fault& f, size_t n, bool& was_met) {
+    before = [&f, n, &was_met, seen = size_t{0}](const step& now) mutable {
+        if (was_met) return f.lasts ? f.make(now) : SQLITE_OK;
+        step probe = now;
+        probe.write_part = [](size_t) {};
+        if (f.make(probe) == SQLITE_OK || ++seen < n) return SQLITE_OK;
+        was_met = true;
+        return f.make(now);
+    };
+}
+
+void end_at_change(size_t n, bool in_the_middle, int status) {
+    before = [n, in_the_middle, status, seen = size_t{0}](const step& now) mutable {
+        if (!is_change(now) || ++seen < n) return SQLITE_OK;
+        if (in_the_middle && now.write_part) now.write_part(now.bytes.size() / 2);
+        _exit(status);
+    };
 }
 
 void install() {
