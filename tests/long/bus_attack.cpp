@@ -103,7 +103,7 @@ bool calls_well() { return call(address, "m", "x", 5) == outcome{0, "m:x"}; }
 class watched_endpoint : public served_process {
   public:
     explicit watched_endpoint(const std::function<void()>& before_start = {})
-        : served_process(echo, {}, before_start) {
+        : served_process(echo_to_anyone, {}, before_start) {
         EXPECT_TRUE(calls_well());
         before_ = descriptors_at_rest(pid());
     }
@@ -115,6 +115,15 @@ class watched_endpoint : public served_process {
     watched_endpoint& operator=(const watched_endpoint&) = delete;
 
   private:
+    // Most of those who ask are gone by the time of the reply.
+    static void echo_to_anyone(const std::string& method, zb_io* io, int fd) {
+        if (fd >= 0) close(fd);
+        const std::string text = method + ":" + std::string(content(io));
+        EXPECT_EQ(zb_io_realloc(io, 0), 0);
+        EXPECT_EQ(zb_io_write(io, text.data(), text.size()), 0);
+        (void)zb_reply(io);
+    }
+
     double before_ = 0;
 };
 
