@@ -88,8 +88,8 @@ TEST_P(memory_of_commit, runs_out_and_the_commit_is_whole_or_absent) {
         }
         EXPECT_FALSE(rows_through("unix").starts_with("damaged"));
     };
-    alloc_fault::exhaust(name_of_kind(GetParam()), expect_whole_or_absent,
-                         [&] { restore(states[0].bytes); }, 5);
+    alloc_fault::exhaust(
+        name_of_kind(GetParam()), expect_whole_or_absent, [&] { restore(states[0].bytes); }, 5);
 }
 
 }  // namespace
