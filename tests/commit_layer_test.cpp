@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
-#include <ostream>
 #include <set>
 #include <string>
 #include <vector>
@@ -105,26 +104,6 @@ ending run_until(const scenario& s, size_t n, bool in_the_middle) {
     return {answered, status == 0};
 }
 
-struct kind {
-    std::string scenario;
-    commit_strength strength;
-};
-
-std::vector<kind> kinds() {
-    std::vector<kind> all;
-    for (const scenario& s : scenarios()) {
-        all.push_back({s.name, commit_strength::kill_safe});
-        all.push_back({s.name, commit_strength::power_safe});
-    }
-    return all;
-}
-
-std::string name_of_kind(const kind& k) {
-    return k.scenario + (k.strength == commit_strength::kill_safe ? "_kill_safe" : "_power_safe");
-}
-void PrintTo(const kind& k, std::ostream* out) { *out << name_of_kind(k); }
-std::string name_of(const testing::TestParamInfo<kind>& info) { return name_of_kind(info.param); }
-
 class commit_of : public testing::TestWithParam<kind> {
   protected:
     void SetUp() override {
@@ -134,7 +113,8 @@ class commit_of : public testing::TestWithParam<kind> {
     const scenario& what = scenario_named(GetParam().scenario);
     std::vector<state> states;
 };
-INSTANTIATE_TEST_SUITE_P(every, commit_of, testing::ValuesIn(kinds()), name_of);
+INSTANTIATE_TEST_SUITE_P(every, commit_of, testing::ValuesIn(kinds()),
+                         testing::PrintToStringParamName());
 
 TEST_P(commit_of, is_whole_wherever_the_process_ends) {
     for (const bool in_the_middle : {false, true}) {

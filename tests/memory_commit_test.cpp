@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -16,26 +15,6 @@ namespace {
 
 using namespace commit_world;
 using alloc_fault::failing_allocation;
-
-struct kind {
-    std::string scenario;
-    commit_strength strength;
-};
-
-std::vector<kind> kinds() {
-    std::vector<kind> all;
-    for (const scenario& s : scenarios()) {
-        all.push_back({s.name, commit_strength::kill_safe});
-        all.push_back({s.name, commit_strength::power_safe});
-    }
-    return all;
-}
-
-std::string name_of_kind(const kind& k) {
-    return k.scenario + (k.strength == commit_strength::kill_safe ? "_kill_safe" : "_power_safe");
-}
-void PrintTo(const kind& k, std::ostream* out) { *out << name_of_kind(k); }
-std::string name_of(const testing::TestParamInfo<kind>& info) { return name_of_kind(info.param); }
 
 // Runs the statements on a connection set up as the store's, and then another one. The n-th
 // allocation of the statements fails. Returns how many of them succeeded before the first that
@@ -65,7 +44,8 @@ class memory_of_commit : public testing::TestWithParam<kind> {
     const scenario& what = scenario_named(GetParam().scenario);
     std::vector<state> states;
 };
-INSTANTIATE_TEST_SUITE_P(every, memory_of_commit, testing::ValuesIn(kinds()), name_of);
+INSTANTIATE_TEST_SUITE_P(every, memory_of_commit, testing::ValuesIn(kinds()),
+                         testing::PrintToStringParamName());
 
 TEST_P(memory_of_commit, runs_out_and_the_commit_is_whole_or_absent) {
     restore(states[0].bytes);

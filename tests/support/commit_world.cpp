@@ -164,4 +164,19 @@ std::vector<state> states_of(const scenario& s) {
     return states;
 }
 
+std::vector<kind> kinds() {
+    std::vector<kind> all;
+    for (const scenario& s : scenarios()) {
+        all.push_back({s.name, commit_strength::kill_safe});
+        all.push_back({s.name, commit_strength::power_safe});
+    }
+    return all;
+}
+
+std::string name_of_kind(const kind& k) {
+    return k.scenario + (k.strength == commit_strength::kill_safe ? "_kill_safe" : "_power_safe");
+}
+
+void PrintTo(const kind& k, std::ostream* out) { *out << name_of_kind(k); }
+
 }  // namespace commit_world

@@ -5,8 +5,11 @@
 
 #include <sqlite3.h>
 
+#include <ostream>
 #include <string>
 #include <vector>
+
+#include "commit_vfs.h"
 
 namespace commit_world {
 
@@ -54,6 +57,16 @@ const std::vector<scenario>& scenarios();
 const scenario& scenario_named(const std::string& name);
 
 std::string insert_text(int number, size_t text_size);
+
+// A scenario with a strength. It is printed as the name of a test.
+struct kind {
+    std::string scenario;
+    commit_strength strength;
+};
+
+std::vector<kind> kinds();
+std::string name_of_kind(const kind& k);
+void PrintTo(const kind& k, std::ostream* out);
 
 // --- States -------------------------------------------------------------------------------------
 
