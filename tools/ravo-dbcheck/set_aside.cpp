@@ -38,7 +38,7 @@ int sync_folder(const std::string& path) {
 
 std::string kept_name(const std::string& database, time_t when) {
     tm fields = {};
-    char stamp[stamp_size];
+    char stamp[stamp_size] = {};  // stays empty from the year 10000 on
     gmtime_r(&when, &fields);
     (void)strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &fields);
     return database + kept_mark + stamp;
