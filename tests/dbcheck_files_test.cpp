@@ -326,7 +326,9 @@ TEST(dbcheck_files, damaged_file_of_a_clock_set_back_is_kept) {
     EXPECT_EQ(check().status, 0);
     const std::set<std::string> names = names_beside();
     EXPECT_EQ(names.size(), 3U);
-    EXPECT_EQ(read_file(std::string(folder) + "/" + *names.begin()), image);
+    const std::string last = *names.rbegin();
+    EXPECT_EQ(last, kept_start + std::string("21220101T000001Z"));
+    EXPECT_EQ(read_file(std::string(folder) + "/" + last), image);
 }
 
 TEST(dbcheck_files, link_with_the_name_of_a_kept_file_is_none) {

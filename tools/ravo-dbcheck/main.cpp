@@ -32,6 +32,8 @@ int main(int argc, char** argv) {
     if (argc == 1) {
         // A file that may not grow any more is then as a full disk.
         (void)signal(SIGXFSZ, SIG_IGN);
+        // Somebody opens the file in the moment in which it is asked whether anybody has.
+        (void)signal(SIGIO, SIG_IGN);
         // A commit that a killed daemon has left unfinished is finished first.
         (void)register_commit_vfs(commit_strength::kill_safe);
         return tell(check_and_repair(database_path));

@@ -174,6 +174,11 @@ class run {
             return told(exit_status::not_repaired,
                         damaged + "its rows could not be saved: " + words_of(code));
         }
+        // Somebody who has opened it meanwhile would go on writing to it.
+        if (is_open_elsewhere(file.get())) {
+            (void)remove_leftover(path);
+            return told(exit_status::in_use, damaged + "another program has opened it meanwhile");
+        }
         std::string kept;
         const int error = exchange(kept);
         if (error != 0) {

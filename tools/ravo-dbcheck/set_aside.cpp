@@ -19,7 +19,9 @@
 namespace {
 
 constexpr char kept_mark[] = "-damaged-";
+constexpr char stamp_format[] = "%Y%m%dT%H%M%SZ";
 constexpr size_t stamp_size = sizeof "YYYYMMDDThhmmssZ";
+constexpr time_t last_stamp = 253402300740;  // a minute before the years have five digits
 constexpr const char* side_suffixes[] = {"-journal", "-wal", "-shm", "-commit"};
 
 int result_of(int status) { return status == 0 ? 0 : errno; }
@@ -38,9 +40,9 @@ int sync_folder(const std::string& path) {
 
 std::string kept_name(const std::string& database, time_t when) {
     tm fields = {};
-    char stamp[stamp_size] = {};  // stays empty from the year 10000 on
+    char stamp[stamp_size] = {};
     gmtime_r(&when, &fields);
-    (void)strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &fields);
+    (void)strftime(stamp, sizeof stamp, stamp_format, &fields);
     return database + kept_mark + stamp;
 }
 
@@ -64,6 +66,18 @@ std::vector<std::string> list_kept(const std::string& database) {
     }
     std::ranges::sort(found);
     return found;
+}
+
+// The names are in the order in which they were given, also when the clock is wrong: one is never
+// before the newest that there is.
+time_t time_of_next(const std::vector<std::string>& kept) {
+    time_t when = time(nullptr);
+    tm fields = {};
+    if (!kept.empty() && strptime(&kept.back()[kept.back().size() - stamp_size + 1], stamp_format,
+                                  &fields) != nullptr) {
+        when = std::max(when, timegm(&fields) + 1);
+    }
+    return std::clamp<time_t>(when, 0, last_stamp);
 }
 
 // A symbolic link to a file is none of its names.
@@ -92,14 +106,15 @@ std::string odd_side_file(const std::string& database) {
 }
 
 int keep_damaged(const std::string& database, std::string& kept) {
-    for (std::string& path : list_kept(database)) {
+    const std::vector<std::string> before = list_kept(database);
+    for (const std::string& path : before) {
         if (!is_same_file(path, database)) continue;
-        kept = std::move(path);
+        kept = path;
         return 0;
     }
     // A name that is taken was given within this second.
     int error = EEXIST;
-    for (time_t when = time(nullptr); error == EEXIST; ++when) {
+    for (time_t when = time_of_next(before); error == EEXIST; ++when) {
         kept = kept_name(database, when);
         error = result_of(link(database.c_str(), kept.c_str()));
     }
