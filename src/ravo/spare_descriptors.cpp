@@ -15,6 +15,7 @@ constexpr rlim_t bus_wants = 1;     // to serve
 constexpr rlim_t caller_wants = 2;  // a connection, and a journal
 
 bool are_set_aside = false;
+int users = 0;  // a signal may be dealt with inside a request
 rlimit whole = {};
 rlimit lowered = {};
 
@@ -41,9 +42,9 @@ void set_descriptors_aside() {
 }
 
 spare_descriptors::spare_descriptors() {
-    if (are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &whole);
+    if (++users == 1 && are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &whole);
 }
 
 spare_descriptors::~spare_descriptors() {
-    if (are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &lowered);
+    if (--users == 0 && are_set_aside) (void)setrlimit(RLIMIT_NOFILE, &lowered);
 }

@@ -132,7 +132,16 @@ bool zb_service::wait(int timeout_ms) {
     const int count = epoll_wait(epoll_.get(), events, std::size(events), timeout_ms);
     if (count < 0 && errno != EINTR) return false;
     now_ = monotonic::now();
-    for (int i = 0; i < count; ++i) handle(events[i]);
+    // New callers come last: who makes room for them is judged by what all others have done.
+    const epoll_event* listening = nullptr;
+    for (int i = 0; i < count; ++i) {
+        if (events[i].data.u64 == listener_key) {
+            listening = &events[i];
+        } else {
+            handle(events[i]);
+        }
+    }
+    if (listening) handle(*listening);
     return true;
 }
 
@@ -182,19 +191,21 @@ void zb_service::handle(const epoll_event& event) {
 
 // A crowd that sends no requests costs each of those behind it as little time as it can.
 void zb_service::accept_callers() {
-    int taken = 1;
-    while (accept_one() && !first_waiting_ && taken < zb::accepted_together) ++taken;
+    int taken = 0;
+    while (accept_one(taken == 0) && !first_waiting_ && ++taken < zb::accepted_together) {
+    }
 }
 
-// Whether there may be another one.
-bool zb_service::accept_one() {
+// Whether there may be another one. Only somebody who is known to wait is made room for: without a
+// descriptor the kernel says so before it looks whether there is anybody.
+bool zb_service::accept_one(bool is_known_to_wait) {
     if (connections_.is_full() && !most_expendable()) {
         pause_listening();
         return false;
     }
     zb::descriptor socket(accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (!socket.is_open()) {
-        accept_failed(errno);
+        if (is_known_to_wait) accept_failed(errno);
         return false;
     }
     const uid_t user = zb::user_of(socket.get());
@@ -274,10 +285,11 @@ void zb_service::read(connection& c) {
         c.request.feed(received_.data(), static_cast<std::size_t>(received));
     c.held.set(resource::descriptors, c.passed.is_open() ? 2 : 1);
     c.held.set(resource::unfinished_bytes, c.request.memory());
+    const zb::account& user = c.held.owner();  // outlives the connection, which poll() may end
     switch (state) {
         case zb::read_state::incomplete:
             poll(c, EPOLLIN);
-            bound_unfinished(c.held.owner());
+            bound_unfinished(user);
             return;
         case zb::read_state::complete:
             enqueue(c);

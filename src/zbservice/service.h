@@ -42,7 +42,7 @@ struct zb_service {
 
     void handle(const epoll_event& event);
     void accept_callers();
-    bool accept_one();
+    bool accept_one(bool is_known_to_wait);
     void accept_failed(int error);
     bool is_permitted(uid_t user, int socket) const;
     zb::connection* most_expendable();
