@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "json_texts.h"
 #include "support/daemon.h"
 #include "support/files.h"
 
@@ -1017,6 +1018,15 @@ TEST(json_text, decimal_comma_of_the_program_changes_nothing) {
     expect_text(1234567UL, "1234567");
     expect_leaf(json_real(1234.5), "1234.5");
     EXPECT_EQ(escape_json("\x1f"), R"(\u001f)");
+}
+
+// --- Reading -------------------------------------------------------------------------------------
+
+TEST(json_text, longer_than_was_said_is_read_whole) {
+    const std::string text = "[\"" + std::string(30000, 'x') + "\"]";
+    const json_ptr document =
+        parse_json(1, [&] { return json_loadb(text.data(), text.size(), 0, nullptr); });
+    EXPECT_EQ(std::string(dump_json(document.get()).get()), text);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 // Callers who abuse the bus: each is refused or dropped by itself, and everybody else is served.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <string>
@@ -427,6 +431,50 @@ TEST(no_descriptors_left, request_whose_descriptor_cannot_be_received_runs_witho
         [](const std::string&, zb_io* io, int fd) { answer(io, std::to_string(fd)); },
         stop_on_sigterm, [] { allow_descriptors(2); });
     EXPECT_EQ(call(address, "m", "x", timeout_s, STDERR_FILENO), (outcome{0, "-1"}));
+    ASSERT_EQ(kill(served.pid(), SIGTERM), 0);
+    EXPECT_EQ(served.wait(), 0);
+}
+
+TEST(no_descriptors_left, caller_with_the_last_one_is_not_given_up_for_nobody) {
+    served_process served(echo, stop_on_sigterm, [] { allow_descriptors(2); });
+    raw_stream lone = connect_to(address);
+    pollfd polled = {lone.fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&polled, 1, 200), 0);  // told nothing
+    ASSERT_TRUE(lone.send(request_frame("m", "x")));
+    EXPECT_EQ(lone.receive_all(), reply_frame(replied, "m:x"));
+    ASSERT_EQ(kill(served.pid(), SIGTERM), 0);
+    EXPECT_EQ(served.wait(), 0);
+}
+
+// ---- No watches left ---------------------------------------------------------------------------
+
+namespace {
+bool may_watch_connections = true;
+
+bool is_connection(int fd) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens == 0;
+}
+}  // namespace
+
+// In the library's place for epoll_ctl.
+extern "C" __attribute__((visibility("default"))) int epoll_ctl(int epoll, int operation, int fd,
+                                                                epoll_event* event) noexcept {
+    using function = int (*)(int, int, int, epoll_event*);
+    static const auto original = reinterpret_cast<function>(dlsym(RTLD_NEXT, "epoll_ctl"));
+    if (!may_watch_connections && operation == EPOLL_CTL_ADD && is_connection(fd)) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return original(epoll, operation, fd, event);
+}
+
+TEST(no_watches_left, half_a_request_ends_alone) {
+    served_process served(echo, stop_on_sigterm, [] { may_watch_connections = false; });
+    raw_stream half = connect_to(address);
+    ASSERT_TRUE(half.send("zbus"));
+    EXPECT_EQ(half.receive_all(), "");
     ASSERT_EQ(kill(served.pid(), SIGTERM), 0);
     EXPECT_EQ(served.wait(), 0);
 }
