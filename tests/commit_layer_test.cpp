@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -139,31 +140,50 @@ bool is_tried_squared(const kind& k) {
            (always.contains(k.scenario) && k.strength == commit_strength::kill_safe);
 }
 
+// What a process has left that ended before its n-th call.
+struct leftover {
+    size_t n;
+    size_t answered;
+    std::string database_bytes;
+    std::string side_bytes;
+
+    // In place, since the record of a first commit names the inode.
+    void put_back() const {
+        write_file(database(), database_bytes);
+        write_file(side_file(), side_bytes);
+    }
+};
+
+// Visits each point at which a process leaves a record to be finished, until a check fails.
+void for_each_record_left(const scenario& s, const state& start,
+                          const std::function<void(const leftover&)>& visit) {
+    size_t records = 0;
+    bool is_complete = false;
+    for (size_t n = 1; !is_complete && !testing::Test::HasFailure(); ++n) {
+        restore(start.bytes);
+        const ending first = run_until(s, n, false);
+        is_complete = first.is_complete;
+        if (read_file(side_file()).substr(0, 7) != "RAVOCMT") continue;
+        ++records;
+        visit({n, first.answered, read_file(database()), read_file(side_file())});
+    }
+    EXPECT_GT(records, 0U);
+}
+
+// Opens the database, which finishes a record.
+const scenario reading = {"", {}, {"SELECT count(*) FROM sqlite_master;"}};
+
 // A process that ends while it finishes what another has left.
 TEST_P(commit_of, is_whole_wherever_its_recovery_ends) {
     if (!is_tried_squared(GetParam())) return;
-    bool is_complete = false;
-    size_t recoveries = 0;
-    for (size_t n = 1; !is_complete; ++n) {
-        restore(states[0].bytes);
-        const ending first = run_until(what, n, false);
-        is_complete = first.is_complete;
-        if (read_file(side_file()).substr(0, 7) != "RAVOCMT") continue;
-        const std::string left_database = read_file(database());
-        const std::string left_side = read_file(side_file());
-        ++recoveries;
+    for_each_record_left(what, states[0], [&](const leftover& left) {
         bool is_recovered = false;
-        for (size_t m = 1; !is_recovered; ++m) {
-            // In place, since the record of a first commit names the inode.
-            write_file(database(), left_database);
-            write_file(side_file(), left_side);
-            const scenario reading = {"", {}, {"SELECT count(*) FROM sqlite_master;"}};
+        for (size_t m = 1; !is_recovered && !HasFailure(); ++m) {
+            left.put_back();
             is_recovered = run_until(reading, m, false).is_complete;
-            check_outcome(states, first.answered, std::to_string(n) + "/" + std::to_string(m));
-            ASSERT_FALSE(HasFailure());
+            check_outcome(states, left.answered, std::to_string(left.n) + "/" + std::to_string(m));
         }
-    }
-    EXPECT_GT(recoveries, 0U);
+    });
 }
 
 // --- A call fails -------------------------------------------------------------------------------
@@ -204,27 +224,17 @@ TEST_P(commit_of, is_whole_whatever_call_fails) {
 // ended.
 TEST_P(commit_of, is_whole_whatever_call_of_its_recovery_fails) {
     if (!is_tried_squared(GetParam())) return;
-    const scenario reading = {"", {}, {"SELECT count(*) FROM sqlite_master;"}};
-    bool is_complete = false;
-    for (size_t n = 1; !is_complete; ++n) {
-        restore(states[0].bytes);
-        const ending first = run_until(what, n, false);
-        is_complete = first.is_complete;
-        if (read_file(side_file()).substr(0, 7) != "RAVOCMT") continue;
-        const std::string left_database = read_file(database());
-        const std::string left_side = read_file(side_file());
+    for_each_record_left(what, states[0], [&](const leftover& left) {
         for (const fault& f : fault_vfs::faults) {
             bool was_met = true;
-            for (size_t m = 1; was_met; ++m) {
-                write_file(database(), left_database);
-                write_file(side_file(), left_side);
+            for (size_t m = 1; was_met && !HasFailure(); ++m) {
+                left.put_back();
                 (void)run_with_fault(reading, f, m, was_met);
-                check_outcome(states, first.answered,
-                              std::to_string(n) + ", " + f.name + " at " + std::to_string(m));
-                ASSERT_FALSE(HasFailure());
+                check_outcome(states, left.answered,
+                              std::to_string(left.n) + ", " + f.name + " at " + std::to_string(m));
             }
         }
-    }
+    });
 }
 
 // --- The checks can fail ------------------------------------------------------------------------

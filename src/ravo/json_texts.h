@@ -10,8 +10,9 @@
 
 #include "json_ptr.h"
 
-// All of Jansson's allocations of this thread, for its lifetime, but for those while it is paused.
-// What they return goes with the block.
+// All of Jansson's allocations of this thread, for its lifetime, but for those while it is paused
+// and, as usual from malloc(), those for which a text longer than was said leaves no room. What
+// lies in the block goes with it.
 class json_workspace {
   public:
     // For a text of so many bytes.
