@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/bus.h"
+#include "support/lingering.h"
 
 using namespace bus_test;
 
@@ -256,6 +257,64 @@ TEST(descriptors, those_of_a_caller_who_left_are_closed) {
     pipe.in.shut();
     go_on.set();
     EXPECT_TRUE(pipe.is_hung_up());
+}
+
+// ---- Descriptors whose close waits -------------------------------------------------------------
+
+namespace {
+// An endpoint whose entry is held until the senders of such descriptors have closed their copies.
+class lingering : public testing::Test {
+  protected:
+    lingering()
+        : served_([this](const std::string& method, zb_io* io, int fd) {
+              if (method == "hold") {
+                  held_.set();
+                  EXPECT_TRUE(go_on_.wait());
+              }
+              echo(method, io, fd);
+          }) {
+        EXPECT_TRUE(holder_.send(request_frame("hold", "")));
+        EXPECT_TRUE(held_.wait());
+    }
+
+    leak_check descriptors_;
+    event held_;
+    event go_on_;
+    endpoint served_;
+    raw_stream holder_ = connect_to(address);
+    raw_stream caller_ = connect_to(address);
+    lingering_sockets sockets_{3};
+};
+}  // namespace
+
+TEST_F(lingering, descriptors_of_a_request_are_waited_for_by_nobody) {
+    ASSERT_TRUE(sockets_.send_through(caller_, request_frame("m", "x")));
+    go_on_.set();
+    expect_soon([this] { EXPECT_EQ(caller_.receive_all(), reply_frame(replied, "m:x")); });
+}
+
+TEST_F(lingering, descriptors_of_half_a_request_are_waited_for_by_nobody) {
+    ASSERT_TRUE(sockets_.send_through(caller_, "zb"));
+    caller_.shut();
+    go_on_.set();
+    expect_soon([] { EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"})); });
+}
+
+TEST_F(lingering, descriptors_that_are_never_read_are_waited_for_by_nobody) {
+    ASSERT_TRUE(holder_.send("more"));
+    ASSERT_TRUE(sockets_.send_through(holder_, "still more"));
+    go_on_.set();
+    expect_soon([this] { EXPECT_EQ(holder_.receive_all(), reply_frame(replied, "hold:")); });
+    expect_soon([] { EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"})); });
+}
+
+TEST(lingering_in_the_queue, descriptors_do_not_delay_the_end_of_the_endpoint) {
+    zb_service* service = zb_create(address, 4, 1, entry);
+    ASSERT_NE(service, nullptr);
+    raw_stream caller = connect_to(address);
+    lingering_sockets sockets(2);
+    ASSERT_TRUE(sockets.send_through(caller, "zb"));
+    expect_soon([&] { zb_free(service); });
 }
 
 // ---- Too many, too much ------------------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "support/bus.h"
+#include "support/lingering.h"
 #include "support/other_side.h"
 
 using namespace bus_test;
@@ -69,6 +70,23 @@ TEST(trust, descriptors_of_a_refused_caller_are_closed) {
     EXPECT_EQ(call(address, "m", "x", timeout_s, pipe.in.get()), denied);
     pipe.in.shut();
     EXPECT_TRUE(pipe.is_hung_up());
+}
+
+TEST(trust, lingering_descriptors_of_a_refused_caller_are_waited_for_by_nobody) {
+    zb_service* service = zb_create(address, 4, 1, entry);
+    ASSERT_NE(service, nullptr);
+    raw_stream caller = connect_to(address);
+    lingering_sockets sockets(2);
+    ASSERT_TRUE(sockets.send_through(caller, request_frame("m", "x")));
+    std::thread serving([&] {
+        other_side = an_outsider;
+        EXPECT_EQ(zb_start(service), 0);
+    });
+    expect_soon([&] { EXPECT_EQ(caller.receive_all(), reply_frame(refused)); });
+    expect_soon([] { EXPECT_EQ(call(address, "m", "x"), denied); });
+    EXPECT_EQ(zb_stop(service), 0);
+    serving.join();
+    zb_free(service);
 }
 
 TEST(trust, endpoint_accepts_members_of_the_deployed_group) {

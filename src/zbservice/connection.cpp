@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "let_go.h"
+
 namespace zb {
 namespace {
 bool has_longer_stalled(const connection& a, const connection& b) {
@@ -29,8 +31,7 @@ connection& connection_table::open(zb_service* service, descriptor&& socket, acc
 }
 
 void connection_table::close(connection& c) {
-    c.socket.reset();
-    c.passed.reset();
+    hang_up(c.socket, std::move(c.passed));
     c.request.reset();
     c.reply.reset();
     c.held.give_back();

@@ -9,7 +9,7 @@
 namespace zb {
 
 // Receives without blocking. The first descriptor that ever comes goes to `passed`, all others are
-// closed. Returns the bytes received, 0 at the end of file, -1 with errno.
+// let go. Returns the bytes received, 0 at the end of file, -1 with errno.
 ssize_t receive_with_descriptor(int socket, char* target, std::size_t room, descriptor& passed);
 
 }  // namespace zb

@@ -1,6 +1,7 @@
 // An endpoint: its listening socket and the loop that serves it.
 #include "service.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -14,6 +15,7 @@
 
 #include "address.h"
 #include "bounds.h"
+#include "let_go.h"
 #include "notify.h"
 #include "payload.h"
 #include "peer.h"
@@ -54,6 +56,16 @@ caller_state look_at_caller(int socket) {
 }  // namespace
 
 // ---- The endpoint ------------------------------------------------------------------------------
+
+zb_service::~zb_service() {
+    if (!listener_.is_open()) return;
+    (void)shutdown(listener_.get(), SHUT_RDWR);
+    while (true) {
+        zb::descriptor unserved(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!unserved.is_open()) return;
+        zb::hang_up(unserved);
+    }
+}
 
 bool zb_service::listen(const char* path) {
     zb::socket_address address;
@@ -211,6 +223,7 @@ bool zb_service::accept_one(bool is_known_to_wait) {
     const uid_t user = zb::user_of(socket.get());
     if (!is_permitted(user, socket.get())) {
         zb::send_status(socket.get(), reply_status::refused);
+        zb::hang_up(socket);
         return true;
     }
     zb::account& account = ledger_.of(user);
@@ -277,7 +290,7 @@ void zb_service::read(connection& c) {
         return;
     }
     if (received <= 0) {
-        drop(c);
+        close(c);
         return;
     }
     c.progressed = now_;
@@ -345,13 +358,16 @@ void zb_service::run(connection& c) {
         case caller_state::waits:
             break;
         case caller_state::gone:
-            drop(c);
+            close(c);
             return;
         case caller_state::sends_more:
             refuse(c, reply_status::malformed);
             return;
     }
-    c.io = new (std::nothrow) zb_io;
+    // The entry closes a copy, which waits for nobody as long as the other one is here.
+    zb::descriptor copy;
+    if (c.passed.is_open()) copy.reset(fcntl(c.passed.get(), F_DUPFD_CLOEXEC, 0));
+    if (copy.is_open() == c.passed.is_open()) c.io = new (std::nothrow) zb_io;
     if (!c.io) {
         refuse(c, reply_status::busy);
         return;
@@ -360,8 +376,9 @@ void zb_service::run(connection& c) {
     c.io->request = &c;
     c.at = stage::running;
     c.held.set(resource::unfinished_bytes, 0);
+    entry_(c.request.method(), c.io, copy.release());
+    zb::let_go({&c.passed, 1});
     c.held.set(resource::descriptors, 1);
-    entry_(c.request.method(), c.io, c.passed.release());
     settle(c);
 }
 
@@ -370,10 +387,8 @@ void zb_service::settle(connection& c) {
     delete std::exchange(c.io, nullptr);
     if (!c.answered) {
         refuse(c, reply_status::no_reply);
-    } else if (c.reply.state() == zb::write_state::sent) {
+    } else if (c.reply.state() != zb::write_state::unsent) {
         close(c);
-    } else if (c.reply.state() == zb::write_state::broken) {
-        drop(c);
     } else {
         now_ = monotonic::now();
         c.at = stage::sending;
@@ -405,7 +420,7 @@ bool zb_service::admit_reply(connection& c) {
         connection* slow = connections_.most_stalled_reader(*user, now_);
         if (!slow) return false;
         write(*slow);
-        if (slow->at == stage::sending && slow->progressed != now_) drop(*slow);
+        if (slow->at == stage::sending && slow->progressed != now_) close(*slow);
     }
     return true;
 }
@@ -425,11 +440,7 @@ void zb_service::write(connection& c) {
     const zb::write_state state = c.reply.send(c.socket.get());
     if (c.reply.sent() != before) c.progressed = now_;
     c.held.set(resource::unsent_bytes, c.reply.charge());
-    if (state == zb::write_state::sent) {
-        close(c);
-    } else if (state == zb::write_state::broken) {
-        drop(c);
-    }
+    if (state != zb::write_state::unsent) close(c);
 }
 
 // ---- Connections in the loop -------------------------------------------------------------------
@@ -437,7 +448,7 @@ void zb_service::write(connection& c) {
 void zb_service::poll(connection& c, std::uint32_t events) {
     if (c.polled) return;
     if (!watch(c.socket.get(), connections_.key(c), events)) {
-        drop(c);
+        close(c);
         return;
     }
     c.polled = true;
@@ -458,15 +469,9 @@ void zb_service::close(connection& c) {
     if (paused_) resume_listening();
 }
 
-// Ends the connection for the caller as well, even while a child of a fork holds the socket.
-void zb_service::drop(connection& c) {
-    (void)shutdown(c.socket.get(), SHUT_RDWR);
-    close(c);
-}
-
 void zb_service::refuse(connection& c, reply_status status) {
     zb::send_status(c.socket.get(), status);
-    drop(c);
+    close(c);
 }
 
 // A status is for a caller who still waits for the first byte: in the middle of a reply it would be
@@ -475,7 +480,7 @@ void zb_service::give_up(connection& c) {
     if (c.at == stage::reading) {
         refuse(c, reply_status::busy);
     } else {
-        drop(c);
+        close(c);
     }
 }
 
@@ -508,7 +513,7 @@ void zb_service::flush() {
         expire();
     }
     for (connection& c : connections_) {
-        if (c.at != stage::closed) drop(c);
+        if (c.at != stage::closed) close(c);
     }
     reply_patience_ = zb::reply_stall;
 }

@@ -21,6 +21,9 @@
 struct zb_service {
   public:
     zb_service(zb_entry entry, gid_t group) : entry_(entry), group_(group) {}
+    ~zb_service();  // callers who still queue are cut off
+    zb_service(const zb_service&) = delete;
+    zb_service& operator=(const zb_service&) = delete;
 
     // Takes the address. Tells why in the log when it cannot.
     bool listen(const char* path);
@@ -65,7 +68,6 @@ struct zb_service {
     void poll(zb::connection& c, std::uint32_t events);
     void unpoll(zb::connection& c);
     void close(zb::connection& c);
-    void drop(zb::connection& c);
     void refuse(zb::connection& c, zb::reply_status status);
     void give_up(zb::connection& c);
     void expire();

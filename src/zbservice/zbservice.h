@@ -10,7 +10,8 @@
  *  3. Buffers and endpoints are not locked: one thread at a time uses one of them. zb_stop is the
  *     exception, and any number of threads may be in zb_call at once with a buffer each.
  *  4. The library starts no threads, blocks no signals, raises no SIGPIPE, retries what a signal
- *     interrupts, and opens every descriptor close-on-exec.
+ *     interrupts, and opens every descriptor close-on-exec. An endpoint to which descriptors were
+ *     sent closes them in a child process, which ends at once and is waited for.
  *  5. Who may talk to whom: root, the own (effective) user, and the members of the group that the
  *     line "group NAME_OR_NUMBER" in /etc/zbservice.conf names, if there is one. An endpoint
  *     refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that
