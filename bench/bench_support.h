@@ -3,6 +3,7 @@
 #ifndef BENCH_SUPPORT_H
 #define BENCH_SUPPORT_H
 
+#include <sched.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -115,7 +116,22 @@ inline size_t memory_of(pid_t pid, const std::string& field) {
     give_up("no " + field);
 }
 
+// --- Placement -----------------------------------------------------------------------------------
+
+// Ties this process, and those it starts from now on, to one CPU. Waking a process on another CPU
+// costs more than a small call; left to itself the scheduler places two servers differently, and a
+// ratio would tell of that alone.
+inline void run_on(int cpu) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(static_cast<size_t>(cpu), &set);
+    if (sched_setaffinity(0, sizeof set, &set) != 0) give_up("cannot choose a CPU");
+}
+
 // --- Measuring -----------------------------------------------------------------------------------
+
+// One measurement: microseconds for each time.
+using sample = std::function<double()>;
 
 inline double microseconds(int times, const std::function<void()>& work) {
     const auto start = std::chrono::steady_clock::now();
@@ -125,36 +141,67 @@ inline double microseconds(int times, const std::function<void()>& work) {
     return spent.count() / times;
 }
 
-inline double median(std::vector<double> values) {
+inline sample repeated(int times, std::function<void()> work) {
+    return [times, work = std::move(work)] { return microseconds(times, work); };
+}
+
+// The value below which so many tenths of them lie.
+inline double quantile(std::vector<double> values, size_t tenths) {
     std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+    return values[tenths * (values.size() - 1) / 10];
 }
 
-// Prints the medians of a comparison, and the lowest and the highest ratio.
-inline void report(const std::string& name, const std::vector<double>& ratios,
-                   const std::vector<double>& daemon_us, const std::vector<double>& direct_us) {
-    const auto [low, high] = std::minmax_element(ratios.begin(), ratios.end());
-    printf("%-16s ratio %5.2f (%.2f to %.2f)   daemon %9.1f us   in-process %9.1f us\n",
-           name.c_str(), median(ratios), *low, *high, median(daemon_us), median(direct_us));
-    (void)fflush(stdout);
-}
+inline double median(const std::vector<double>& values) { return quantile(values, 5); }
 
-// Both sides in turn, after one round that does not count.
-inline void compare(const std::string& name, int rounds, int times,
-                    const std::function<void()>& through_daemon,
-                    const std::function<void()>& directly) {
+// What ours is held against: a floor (the same work with nothing around it) or a program that does
+// the same. at_most is the goal for ours over it; 0: none.
+struct opponent {
+    std::string name;
+    sample measure;
+    double at_most = 0;
+};
+
+// One line of the table: also appended, with tabs between its fields, to the file that the
+// environment names BENCH_RESULTS. `state` says of which table, file system, placement.
+inline void report(const std::string& what, const std::string& state, const std::string& other,
+                   const std::vector<double>& ours_us, const std::vector<double>& other_us,
+                   double at_most) {
     std::vector<double> ratios;
-    std::vector<double> daemon_us;
-    std::vector<double> direct_us;
+    for (size_t n = 0; n < ours_us.size(); ++n) ratios.push_back(ours_us[n] / other_us[n]);
+    const double low = quantile(ratios, 1);
+    const double middle = median(ratios);
+    const double high = quantile(ratios, 9);
+    const char* verdict = at_most == 0 ? "" : middle <= at_most ? "met" : "MISSED";
+    printf("%-22s %-30s %10.1f us  %-28s %10.1f us  ratio %6.3f (%.3f to %.3f)", what.c_str(),
+           state.c_str(), median(ours_us), other.c_str(), median(other_us), middle, low, high);
+    if (at_most != 0) printf("  goal %.2f %s", at_most, verdict);
+    printf("\n");
+    (void)fflush(stdout);
+    const char* results = getenv("BENCH_RESULTS");
+    if (results == nullptr) return;
+    std::ofstream(results, std::ios::app)
+        << what << '\t' << state << '\t' << other << '\t' << median(ours_us) << '\t'
+        << median(other_us) << '\t' << middle << '\t' << low << '\t' << high << '\t' << at_most
+        << '\n';
+}
+
+// All sides in turn, in an order that rotates from round to round, after one round that does not
+// count. Medians of the times, medians and tenths of the ratios of each round.
+inline void compare(const std::string& what, const std::string& state, int rounds,
+                    const sample& ours, const std::vector<opponent>& others) {
+    const size_t sides = others.size() + 1;
+    std::vector<std::vector<double>> times(sides);
     for (int round = 0; round <= rounds; ++round) {
-        const double a = microseconds(times, through_daemon);
-        const double b = microseconds(times, directly);
+        std::vector<double> spent(sides);
+        for (size_t turn = 0; turn < sides; ++turn) {
+            const size_t side = (turn + static_cast<size_t>(round)) % sides;
+            spent[side] = side == 0 ? ours() : others[side - 1].measure();
+        }
         if (round == 0) continue;
-        daemon_us.push_back(a);
-        direct_us.push_back(b);
-        ratios.push_back(a / b);
+        for (size_t side = 0; side < sides; ++side) times[side].push_back(spent[side]);
     }
-    report(name, ratios, daemon_us, direct_us);
+    for (size_t n = 0; n < others.size(); ++n)
+        report(what, state, others[n].name, times[0], times[n + 1], others[n].at_most);
 }
 
 }  // namespace bench

@@ -145,7 +145,6 @@ void compare_lifts(bench::database& peer, size_t users, int rounds, int times) {
     const auto lifts = static_cast<double>(names.size());
     std::vector<double> daemon_us;
     std::vector<double> direct_us;
-    std::vector<double> ratios;
     for (int round = 0; round <= rounds; ++round) {
         const double a = bench::microseconds(1, [&] {
             for (std::string& user : names) expect(0, delete_privilege_user_block(user.data()));
@@ -160,24 +159,28 @@ void compare_lifts(bench::database& peer, size_t users, int rounds, int times) {
         if (round == 0) continue;
         daemon_us.push_back(a / lifts);
         direct_us.push_back(b / lifts);
-        ratios.push_back(a / b);
     }
-    bench::report("lift " + std::to_string(users), ratios, daemon_us, direct_us);
+    bench::report("lift", std::to_string(users) + " users", "in this process", daemon_us, direct_us,
+                  0);
 }
 
 void compare_operations(bench::database& daemon_side, bench::database& peer, size_t users) {
     fill(daemon_side, users);
     fill(peer, users);
     std::string name = "user" + std::to_string(users / 2);
-    const std::string count = std::to_string(users);
     const int rounds = users < 50000 ? 21 : 11;
     const int times = users <= 1000 ? 50 : users <= 10000 ? 10 : 2;
-    bench::compare(
-        "fail " + count, rounds, times, [&] { expect(0, add_privilege_user_block(name.data())); },
+    const std::string state = std::to_string(users) + " users";
+    const auto against = [&](const char* what, const std::function<void()>& ours,
+                             const std::function<void()>& directly) {
+        bench::compare(what, state, rounds, bench::repeated(times, ours),
+                       {{"in this process", bench::repeated(times, directly)}});
+    };
+    against(
+        "fail", [&] { expect(0, add_privilege_user_block(name.data())); },
         [&] { fail_directly(peer, name.data()); });
-    bench::compare(
-        "check " + count, rounds, times,
-        [&] { expect(0, check_privilege_user_block(name.data())); },
+    against(
+        "check", [&] { expect(0, check_privilege_user_block(name.data())); },
         [&] { (void)look_directly(peer, name.data()); });
     compare_lifts(peer, users, rounds, times);
 }

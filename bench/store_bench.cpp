@@ -152,15 +152,19 @@ void compare_inserts(bench::database& daemon_side, bench::database& peer, size_t
     fill(daemon_side, rows);
     fill(peer, rows);
     const db_conn_server_log record = sample_record();
+    const int times = rows < 50000 ? 50 : 20;
     bench::compare(
-        "insert " + std::to_string(rows), 21, rows < 50000 ? 50 : 20,
-        [&] { insert_through_daemon(record); }, [&] { insert_directly(peer, record); });
+        "insert", std::to_string(rows) + " rows", 21,
+        bench::repeated(times, [&] { insert_through_daemon(record); }),
+        {{"in this process", bench::repeated(times, [&] { insert_directly(peer, record); })}});
 }
 
 void compare_listings(bench::database& peer, size_t rows) {
+    const int times = rows > 10000 ? 1 : 10;
     bench::compare(
-        "list " + std::to_string(rows), rows > 10000 ? 5 : 15, rows > 10000 ? 1 : 10,
-        [&] { list_through_daemon(rows); }, [&] { list_directly(peer, rows); });
+        "list", std::to_string(rows) + " of 100000 rows", rows > 10000 ? 5 : 15,
+        bench::repeated(times, [&] { list_through_daemon(rows); }),
+        {{"in this process", bench::repeated(times, [&] { list_directly(peer, rows); })}});
 }
 
 void show_peak_memory(pid_t daemon) {
