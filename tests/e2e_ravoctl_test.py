@@ -11,6 +11,7 @@ import threading
 import time
 import unicodedata
 import unittest
+import xml.etree.ElementTree
 
 from support.ravod import DATABASE, RavodTest
 
@@ -613,6 +614,70 @@ class ravoctl(RavodTest):
         ):
             with self.subTest(arguments=arguments):
                 self.fails(self.ravoctl("call", *arguments), 1, *words)
+
+    # --- The report ---
+
+    def test_report_is_a_page_that_needs_nothing_else(self):
+        self.start_ravod()
+        now = int(time.time())
+        self.add("sessions", "username=<b>alice", "source_ip=203.0.113.11", f"time={now - 7200}",
+                 "action=1")
+        self.add("sessions", "username=<b>alice", "source_ip=203.0.113.11", f"time={now - 3600}",
+                 "uptime=3600", "rx_total=1000", "tx_total=2000000", "action=2")
+        self.assertEqual(self.succeed(self.ravoctl("report", "--html", "/tmp/page.html")), "")
+        with open("/tmp/page.html", encoding="utf-8") as file:
+            page = file.read()
+        self.assertEqual(page.count("1:00 h, 1.0 kB in, 2.0 MB out"), 1)
+        self.assertIn("&lt;b&gt;alice", page)
+        self.assertNotIn("<b>", page)
+        for drawing in re.findall("<svg.*?</svg>", page, re.S):
+            xml.etree.ElementTree.fromstring(drawing)
+        self.assertEqual(os.listdir("/tmp").count("page.html"), 1)
+        self.assertEqual([name for name in os.listdir("/tmp") if name.endswith(".new")], [])
+        self.assertEqual(self.succeed(self.ravoctl("report", "--html", "-"))[:15],
+                         "<!DOCTYPE html>")
+        none = self.succeed(self.ravoctl("report", "--html", "-", "-S", "-30min"))
+        self.assertIn("No session was recorded", none)
+
+    def test_report_has_the_sessions_of_many_pages(self):
+        self.start_ravod()
+        now = int(time.time())
+        with sqlite3.connect(DATABASE) as database:
+            database.executemany(
+                "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
+                "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) "
+                "VALUES ('u', 4, 10, ?, '', '', '', 0, 0, 0, 0, '', 2)",
+                [(now - n,) for n in range(1, 4502)])
+        page = self.succeed(self.ravoctl("report", "--html", "-", "--since", "2 days ago"))
+        self.assertIn("<dt>sessions</dt><dd>4501</dd>", page)
+
+    def test_report_that_cannot_be_made_says_why_and_leaves_no_file(self):
+        for arguments, *words in (
+            (["--since", "soon"], "--since", "soon", "yesterday"),
+            (["--until", "2026-02-30"], "--until"), (["--since=@-5"], "--since"),
+            (["--until", "@99999999999999"], "--until"),
+            (["--since", "today", "--until", "yesterday"], "not before"),
+        ):
+            with self.subTest(arguments=arguments):
+                self.fails(self.ravoctl("report", "--html", "/tmp/page.html", *arguments), 1, *words)
+        self.fails(self.ravoctl("report"), 1, "--html")
+        self.fails(self.ravoctl("report", "--html", "/tmp/page.html"), 3, ENDPOINT)
+        self.start_ravod()
+        self.fails(self.ravoctl("report", "--html", "/nix/page.html"), 2, "/nix/page.html",
+                   "No such file")
+        self.assertEqual(os.listdir("/tmp").count("page.html"), 0)
+
+    def test_report_on_a_full_disk_keeps_the_old_one(self):
+        self.start_ravod()
+        with open("/small/page.html", "w", encoding="utf-8") as file:
+            file.write("old")
+        with open("/small/rest", "wb") as file, self.assertRaises(OSError):
+            while True:
+                os.write(file.fileno(), bytes(4096))
+        self.fails(self.ravoctl("report", "--html", "/small/page.html"), 2, "No space")
+        with open("/small/page.html", encoding="utf-8") as file:
+            self.assertEqual(file.read(), "old")
+        self.assertEqual(sorted(os.listdir("/small")), ["page.html", "rest"])
 
     # --- Help ---
 

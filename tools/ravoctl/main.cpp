@@ -12,7 +12,9 @@
 #include "failure.h"
 #include "gateway.h"
 #include "list.h"
+#include "report.h"
 #include "text.h"
+#include "time_words.h"
 #include "uuid.h"
 
 namespace {
@@ -203,6 +205,23 @@ exit_status run(const gateway_commands& commands) {
     return show_gateway(commands.as_json);
 }
 
+// --- The report subcommand ----------------------------------------------------------------------
+
+CLI::App* declare_report(CLI::App& app, report_request& request) {
+    CLI::App* report = app.add_subcommand("report", "Draw sessions and failed logins as a page");
+    report->add_option("--html", request.file, "File for the page; - is standard output")
+        ->type_name("FILE")
+        ->required();
+    const std::string words = fmt::format("; {}", time_words_help);
+    report
+        ->add_option("-S,--since", request.since,
+                     "Begin at this time, 30 days before the end if not given" + words)
+        ->type_name("TIME");
+    report->add_option("-U,--until", request.until, "End at this time, now if not given")
+        ->type_name("TIME");
+    return report;
+}
+
 // --- The call subcommand ------------------------------------------------------------------------
 
 void declare_payload_options(CLI::App& app, call_request& request) {
@@ -241,6 +260,8 @@ struct all_commands {
     call_request request;
     CLI::App* call = nullptr;
     CLI::App* uuid = nullptr;
+    report_request report = {};
+    CLI::App* report_command = nullptr;
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -261,6 +282,7 @@ void declare_all(CLI::App& app, all_commands& commands) {
     declare_gateway(app, commands.gateway);
     commands.uuid =
         app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record");
+    commands.report_command = declare_report(app, commands.report);
     commands.call = declare_call(app, commands.request);
 }
 
@@ -271,6 +293,7 @@ exit_status run(const CLI::App& app, const all_commands& commands) {
     if (blocks.lift->parsed()) return run_lift(blocks);
     if (commands.gateway.gateway->parsed()) return run(commands.gateway);
     if (commands.uuid->parsed()) return print_fresh_uuid();
+    if (commands.report_command->parsed()) return write_report(commands.report);
     if (commands.call->parsed()) return call_method(commands.request);
     for (const record_command& command : commands.records) {
         if (command.list->parsed()) return run(command);

@@ -1,0 +1,90 @@
+// The report of what the daemon knows now, written to a file.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <system_error>
+
+#include "blocks.h"
+#include "bus.h"
+#include "report.h"
+#include "settings.h"
+#include "text.h"
+#include "time_words.h"
+
+namespace {
+
+constexpr int64_t usual_length = int64_t{30} * 24 * 3600;  // seconds
+constexpr int64_t latest_time = 253'402'300'799;           // the end of the year 9999
+
+int64_t parse_time(const char* option, const std::string& text, int64_t now) {
+    const auto seconds = parse_time_words(text, now);
+    if (seconds && 0 <= *seconds && *seconds <= latest_time) return *seconds;
+    throw usage_error(
+        fmt::format("{}: \"{}\" is no time; it takes {}", option, escaped(text), time_words_help));
+}
+
+// False, told on standard error: the daemon did not answer.
+bool read_failures(std::vector<failed_logins>& failures) {
+    const auto blocks = std::find_if(
+        record_kinds().begin(), record_kinds().end(),
+        [](const auto& kind) { return std::string_view(kind.command) == blocks_command; });
+    db_query_cond cond = {};
+    cond.count = -1;
+    const page counters = blocks->list(cond);
+    if (!counters.was_read) {
+        (void)report_unread();
+        return false;
+    }
+    for (uint64_t n = 0; n < counters.count; ++n) {
+        block_row row;
+        memcpy(&row, counters.rows.get() + n * sizeof row, sizeof row);
+        failures.push_back(
+            {.user = std::string(row.stored.username, strnlen(row.stored.username, RAVO_TEXT_SIZE)),
+             .count = row.stored.limit,
+             .last = static_cast<int64_t>(row.stored.timestamp),
+             .blocked_until = row.until == no_number ? 0 : static_cast<int64_t>(row.until)});
+    }
+    return true;
+}
+
+// Throws std::system_error.
+void write_file(const std::string& path, const std::string& text) {
+    if (path == "-") {
+        (void)fwrite(text.data(), 1, text.size(), stdout);
+        return;
+    }
+    const std::string unfinished = fmt::format("{}.{}.new", path, getpid());
+    const auto fail = [&path, &unfinished] {
+        const int error = errno;
+        (void)unlink(unfinished.c_str());
+        throw std::system_error(error, std::generic_category(), escaped(path));
+    };
+    FILE* file = fopen(unfinished.c_str(), "we");
+    if (file == nullptr) fail();
+    const bool is_written = fwrite(text.data(), 1, text.size(), file) == text.size();
+    const bool is_kept = fflush(file) == 0 && fsync(fileno(file)) == 0;
+    if (fclose(file) != 0 || !is_written || !is_kept) fail();
+    if (rename(unfinished.c_str(), path.c_str()) != 0) fail();
+}
+
+}  // namespace
+
+exit_status write_report(const report_request& request) {
+    report_content content;
+    content.now = time(nullptr);
+    content.until = content.now;
+    if (!request.until.empty()) content.until = parse_time("--until", request.until, content.now);
+    content.since = content.until - usual_length;
+    if (!request.since.empty()) content.since = parse_time("--since", request.since, content.now);
+    if (content.since >= content.until) throw usage_error("--since is not before --until");
+    std::vector<session_row> rows;
+    if (!read_session_rows(rows) || !read_failures(content.failures)) return unreachable;
+    content.sessions = to_sessions(rows);
+    write_file(request.file, to_html(content));
+    return done;
+}
