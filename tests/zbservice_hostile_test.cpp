@@ -329,8 +329,12 @@ TEST_F(hostile, connections_over_the_share_push_out_the_one_that_waits_longest) 
             EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"}));
         }
     }
-    // Each further caller costs the oldest its place.
+    // A connection that was kept makes room for one caller; the next one costs the oldest its
+    // place.
     EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"}));
+    raw_stream another = connect_to(address);
+    ASSERT_TRUE(another.send(request_frame("an", "other")));
+    EXPECT_EQ(another.receive_all(), reply_frame(replied, "an:other"));
     EXPECT_TRUE(hears_soon(idle[0]));
     EXPECT_EQ(idle[0].receive_all(), reply_frame(busy));
     EXPECT_TRUE(idle[1].send(request_frame("still", "here").substr(2)));

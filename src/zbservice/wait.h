@@ -23,6 +23,12 @@ class patient_wait {
     // Between two tries of what cannot be waited for. Signals are delivered alike.
     void pause();
 
+    // Whether a receive from the socket may do the waiting: its own limit of time is the patience,
+    // no signal has cut a receive short, and none has to be delivered here.
+    bool is_left_to_receive() const { return left_to_receive_; }
+    void leave_to_receive(bool may_be) { left_to_receive_ = may_be; }
+    std::chrono::seconds patience() const { return patience_; }
+
   private:
     using clock = std::chrono::steady_clock;
     short poll_once(int socket, short events, int milliseconds);
@@ -30,6 +36,7 @@ class patient_wait {
 
     std::chrono::seconds patience_;
     clock::time_point deadline_;
+    bool left_to_receive_ = false;
 };
 
 }  // namespace zb
