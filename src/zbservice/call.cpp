@@ -260,13 +260,13 @@ int exchange(int socket, const task& what, const frame_header& header, patient_w
 }
 
 int call_on_kept(const task& what, patient_wait& time) {
-    kept_connection* kept = take_kept(what.address);
+    kept_connection* kept = take_kept(what.address, what.start);
     if (!kept) return not_run;
     time.leave_to_receive(!delivers_signals_here() && limit_receives(*kept, time.patience()));
     bool is_kept = false;
     const int result = exchange(socket_of(*kept), what, what.dated_header(true), time, is_kept);
     time.leave_to_receive(false);
-    result == ZB_OK&& is_kept ? give_back(*kept) : drop(*kept);
+    result == ZB_OK&& is_kept ? give_back(*kept, what.start) : drop(*kept);
     return result;
 }
 
@@ -278,13 +278,13 @@ int call_on_new(const task& what, const frame_header& header, patient_wait& time
     bool is_kept = false;
     const int result = exchange(socket.get(), what, header, time, is_kept);
     if (result == ZB_OK && header.keep && is_kept && may_keep)
-        keep(std::move(socket), what.address);
+        keep(std::move(socket), what.address, what.start);
     return result;
 }
 
 // Older endpoints are called in their own way, at once for as long as they are known.
 int call_anew(const task& what, patient_wait& time) {
-    const acquaintance met = meet(what.address);
+    const acquaintance met = meet(what.address, what.start);
     if (!met.is_old) {
         const int result = call_on_new(what, what.dated_header(met.is_recent), time);
         if (result != not_understood) return result;

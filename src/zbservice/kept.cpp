@@ -30,7 +30,7 @@ struct kept_connection {
     uid_t user;
     gid_t group;
     std::chrono::seconds patience;  // of its receives; 0: not limited yet
-    monotonic::time_point used;
+    monotonic::time_point used;     // when its last call began
     socket_address address;
 };
 
@@ -160,9 +160,9 @@ note& note_of(const socket_address& address) {
 }
 }  // namespace
 
-acquaintance meet(const socket_address& address) {
+acquaintance meet(const socket_address& address, monotonic::time_point now) {
     note& it = note_of(address);
-    const auto before = std::exchange(it.called, monotonic::now());
+    const auto before = std::exchange(it.called, now);
     const bool is_recent =
         before != monotonic::time_point() && it.called - before <= kept_by_caller;
     it.is_old = it.is_old && is_recent;
@@ -173,9 +173,7 @@ void note_old_endpoint(const socket_address& address) { note_of(address).is_old 
 
 // ---- Kept connections --------------------------------------------------------------------------
 
-kept_connection* take_kept(const socket_address& address) {
-    if (own == own_places{}) return nullptr;
-    const auto now = monotonic::now();
+kept_connection* take_kept(const socket_address& address, monotonic::time_point now) {
     for (kept_connection* each : own) {
         if (each && is_due(*each, now)) drop(*each);
     }
@@ -202,8 +200,8 @@ bool limit_receives(kept_connection& kept, std::chrono::seconds patience) {
     return is_limited;
 }
 
-void give_back(kept_connection& kept) {
-    kept.used = monotonic::now();
+void give_back(kept_connection& kept, monotonic::time_point now) {
+    kept.used = now;
     kept.in_use = false;
 }
 
@@ -215,7 +213,7 @@ void drop(kept_connection& kept) {
     kept.owner = nullptr;
 }
 
-void keep(descriptor&& socket, const socket_address& address) {
+void keep(descriptor&& socket, const socket_address& address, monotonic::time_point now) {
     descriptor taken = std::move(socket);
     const std::uint64_t cookie = cookie_of(taken.get());
     if (cookie == 0 || find_own(address) || !is_watched()) return;
@@ -227,7 +225,7 @@ void keep(descriptor&& socket, const socket_address& address) {
     claimed->user = geteuid();
     claimed->group = getegid();
     claimed->patience = std::chrono::seconds{0};
-    claimed->used = monotonic::now();
+    claimed->used = now;
     claimed->address = address;
     claimed->socket = taken.release();
     *place = claimed;

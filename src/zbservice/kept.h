@@ -11,6 +11,7 @@
 
 #include "address.h"
 #include "descriptor.h"
+#include "frame.h"
 
 namespace zb {
 
@@ -21,25 +22,25 @@ struct acquaintance {
 };
 
 // Also notes that the address is called now.
-acquaintance meet(const socket_address& address);
+acquaintance meet(const socket_address& address, monotonic::time_point now);
 void note_old_endpoint(const socket_address& address);
 
 struct kept_connection;
 
 // This thread's connection to the address, fit for a request; null: there is none. Those of the
 // thread that have waited too long are closed. Until it is given back or dropped nobody gets it.
-kept_connection* take_kept(const socket_address& address);
+kept_connection* take_kept(const socket_address& address, monotonic::time_point now);
 int socket_of(const kept_connection& kept);
 
 // The socket's receives fail after so long.
 bool limit_receives(kept_connection& kept, std::chrono::seconds patience);
 
-void give_back(kept_connection& kept);
+void give_back(kept_connection& kept, monotonic::time_point now);
 void drop(kept_connection& kept);
 
 // Keeps a connection over which a reply came, in the place of the one that was used least lately if
 // the thread has enough. Closes it when it cannot be kept.
-void keep(descriptor&& socket, const socket_address& address);
+void keep(descriptor&& socket, const socket_address& address, monotonic::time_point now);
 
 }  // namespace zb
 

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "bounds.h"
+#include "receive.h"
 
 namespace zb {
 namespace {
@@ -28,7 +29,7 @@ namespace {
 
 bool is_open(const descriptor& each) { return each.is_open(); }
 
-// Whether nothing waits unread, urgent bytes included, which a plain receive would not see.
+// Whether nothing waits unread.
 bool is_all_read(int socket) {
     int unread = -1;
     return ioctl(socket, SIOCINQ, &unread) == 0 && unread == 0;
@@ -38,6 +39,7 @@ bool is_all_read(int socket) {
 // come after a shutdown().
 bool has_descriptors_unread(int socket) {
     if (is_all_read(socket)) return false;
+    take_urgent_bytes_in_turn(socket);
     char bytes[receive_bytes];
     iovec part = {bytes, sizeof bytes};
     msghdr message = {};

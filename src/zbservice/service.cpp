@@ -249,6 +249,7 @@ bool zb_service::accept_one(bool is_known_to_wait) {
     }
     zb::account& account = ledger_.of(user);
     make_room_for(account);
+    zb::take_urgent_bytes_in_turn(socket.get());
     connection& c = connections_.open(this, std::move(socket), account, now_);
     c.sent = last_taken_;  // he came after those before him
     read(c);

@@ -12,9 +12,9 @@ class patient_wait {
   public:
     explicit patient_wait(std::chrono::seconds patience);
 
-    // Progress: the time counts anew.
-    void restart();
-    bool is_over() const;
+    // Progress: the time counts anew, from the next wait on.
+    void restart() { counts_ = false; }
+    bool is_over();
 
     // Waits for the events of poll(2). On a serving thread signals are delivered meanwhile. Returns
     // what poll reports, 0 when the time is over.
@@ -32,10 +32,12 @@ class patient_wait {
   private:
     using clock = std::chrono::steady_clock;
     short poll_once(int socket, short events, int milliseconds);
-    int milliseconds_left() const;
+    int milliseconds_left();
+    void count();
 
     std::chrono::seconds patience_;
     clock::time_point deadline_;
+    bool counts_ = false;  // there is a deadline
     bool left_to_receive_ = false;
 };
 

@@ -238,7 +238,7 @@ class raw_stream {
         return true;
     }
 
-    bool send_with(std::string_view bytes, const std::vector<int>& fds) {
+    bool send_with(std::string_view bytes, const std::vector<int>& fds, int flags = 0) {
         std::vector<char> control(CMSG_SPACE(fds.size() * sizeof(int)));
         iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
         msghdr message = {};
@@ -251,7 +251,8 @@ class raw_stream {
         rights->cmsg_type = SCM_RIGHTS;
         rights->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
         std::memcpy(CMSG_DATA(rights), fds.data(), fds.size() * sizeof(int));
-        return sendmsg(fd_.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+        return sendmsg(fd_.get(), &message, MSG_NOSIGNAL | flags) ==
+               static_cast<ssize_t>(bytes.size());
     }
 
     // At most this many bytes; fewer at the end of the stream.
