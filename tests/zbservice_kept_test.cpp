@@ -534,6 +534,16 @@ TEST(kept_by_endpoint, none_are_kept_where_descriptors_are_few) {
     EXPECT_EQ(caller.receive_all(), reply_frame(replied, "m:x"));
 }
 
+TEST(kept, nothing_is_kept_where_descriptors_are_few) {
+    const endpoint served;
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = 500;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    call_well(3);
+    EXPECT_EQ(kept_connections(), 0U);
+}
+
 TEST(kept_by_endpoint, stop_does_not_wait_for_those_that_are_idle) {
     endpoint served;
     make_kept();

@@ -40,7 +40,7 @@ inline constexpr std::size_t kept_by_process = 64;
 inline constexpr std::chrono::seconds kept_by_caller{5};     // without a call
 inline constexpr std::chrono::seconds kept_by_endpoint{10};  // without a request
 
-// An endpoint whose process may open fewer descriptors keeps no connection: it may need each.
+// A process that may open fewer descriptors keeps no connection: it may need each.
 inline constexpr std::size_t ample_descriptors = 2 * max_connections;
 
 // How often a request can be overtaken by others that were sent earlier, but came to the endpoint's

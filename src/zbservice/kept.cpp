@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -137,6 +138,12 @@ bool is_watched() {
 }
 }  // namespace
 
+bool has_descriptors_to_spare(int socket) {
+    rlimit limit = {};
+    return getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= ample_descriptors &&
+           static_cast<rlim_t>(socket) < limit.rlim_cur / 2;
+}
+
 // ---- Acquaintances -----------------------------------------------------------------------------
 
 namespace {
@@ -216,7 +223,8 @@ void drop(kept_connection& kept) {
 void keep(descriptor&& socket, const socket_address& address, monotonic::time_point now) {
     descriptor taken = std::move(socket);
     const std::uint64_t cookie = cookie_of(taken.get());
-    if (cookie == 0 || find_own(address) || !is_watched()) return;
+    if (cookie == 0 || find_own(address) || !has_descriptors_to_spare(taken.get()) || !is_watched())
+        return;
     kept_connection** place = place_for_another();
     kept_connection* claimed = place ? claim_place() : nullptr;
     if (!claimed) return;

@@ -15,6 +15,10 @@
 
 namespace zb {
 
+// Whether the process has descriptors to spare for a connection that only waits: it may open many,
+// and this one, the lowest that was free, is far from the last. Both ends ask before they keep one.
+bool has_descriptors_to_spare(int socket);
+
 // What a thread remembers of its latest calls, to keep no connection for a single one.
 struct acquaintance {
     bool is_recent = false;  // it has called this address a short while ago

@@ -8,8 +8,8 @@
 
 namespace zb {
 
-// To be called before anything is received: urgent bytes come in their turn then. By itself a receive
-// throws them away, and closes the descriptors that come with them where it stands.
+// To be called before anything is received: urgent bytes come in their turn then. By itself a
+// receive throws them away, and closes the descriptors that come with them where it stands.
 void take_urgent_bytes_in_turn(int socket);
 
 // Receives without blocking. The first descriptor that ever comes goes to `passed`, all others are

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,6 +15,7 @@
 
 #include "address.h"
 #include "bounds.h"
+#include "kept.h"
 #include "let_go.h"
 #include "notify.h"
 #include "payload.h"
@@ -44,14 +44,6 @@ int milliseconds_until(monotonic::time_point then, monotonic::time_point now) {
     using std::chrono::ceil;
     using std::chrono::milliseconds;
     return static_cast<int>(std::max(ceil<milliseconds>(then - now), milliseconds{0}).count());
-}
-
-// Whether the process has descriptors to spare for a connection that only waits: it may open many,
-// and this one, the lowest that was free, is far from the last.
-bool has_descriptors_to_spare(int socket) {
-    rlimit limit = {};
-    return getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur >= zb::ample_descriptors &&
-           static_cast<rlim_t>(socket) < limit.rlim_cur / 2;
 }
 
 // Looks at the caller without taking anything.
@@ -476,7 +468,7 @@ int zb_service::reply(connection& c) {
     if (c.answered) return -1;
     c.answered = true;
     c.kept = c.request.header().keep && !stop_requested_ &&
-             (c.kept || has_descriptors_to_spare(c.socket.get()));
+             (c.kept || zb::has_descriptors_to_spare(c.socket.get()));
     c.reply.start(std::move(c.io->content), c.kept);
     if (!admit_reply(c)) {
         zb::send_status(c.socket.get(), reply_status::busy);
