@@ -79,11 +79,7 @@ class scripted_endpoint {
           endpoint_(address, [this](raw_stream& caller) { serve(caller); }) {}
 
     // Its thread waits for the end of the connection that it serves.
-    ~scripted_endpoint() {
-        for (int fd = 0; fd < most_descriptors; ++fd) {
-            if (is_connected_to_endpoint(fd)) (void)shutdown(fd, SHUT_RDWR);
-        }
-    }
+    ~scripted_endpoint() { end_kept_connections(); }
     scripted_endpoint(const scripted_endpoint&) = delete;
     scripted_endpoint& operator=(const scripted_endpoint&) = delete;
 

@@ -116,6 +116,14 @@ inline std::size_t kept_connections() {
         std::count_if(directory_iterator("/proc/self/fd"), directory_iterator(), is_kept));
 }
 
+// Makes them end for their endpoints; the calls find that out.
+inline void end_kept_connections() {
+    for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(each.path().filename());
+        if (is_connected_to_endpoint(fd)) (void)shutdown(fd, SHUT_RDWR);
+    }
+}
+
 // Declared before all else in a test: at the end as many descriptors are open as before, but for
 // the one connection that the test's own thread may have kept, as it calls no more than one address
 // more than once. The bus's own one for signals, which is opened once, is open already.
