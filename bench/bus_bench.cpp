@@ -1,83 +1,52 @@
-// What a call over the bus costs, as a ratio to the least that its bytes can cost: a blocking
-// exchange over an abstract stream socket, with a connection per call and nothing checked.
+// What a call over the bus costs: against the least that its bytes can cost, a blocking exchange
+// over an abstract stream socket with nothing checked, and against sd-bus from peer to peer. Each
+// with a connection per call and with a connection that is kept; a record of 5200 bytes goes and an
+// acknowledgement comes back.
 //
-// Both servers are processes of their own, both sides of a pair move the same bytes (frames
-// included). The two take turns in rounds shorter than a time slice, so that whatever else the
-// machine does meets both; printed are the medians over the rounds of the microseconds per call and
-// of the ratio of each round. Run with the number of rounds as the only argument to change it.
+// All servers are processes of their own, and all sides move the same payload. Caller and servers
+// are tied to CPUs, once to a single one and once to one each: waking a process on another CPU
+// costs more than all the rest of a call, and left to itself the scheduler places the servers now
+// so, now otherwise. The number of rounds is the only argument.
 //
-// Caller and servers are tied to CPUs, once to a single one and once to one each. Waking a process
-// on another CPU costs more than all the rest of a call; left to itself the scheduler places the
-// two servers now so, now otherwise, and the ratio would tell of that alone.
+// The bus keeps a connection from the second of a thread's calls on. So the calls that are to have
+// one each go to more endpoints in turn than a thread remembers; the bare exchange does the same.
 #include <fcntl.h>
-#include <sched.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <string>
+#include <array>
+#include <cstdint>
+#include <memory>
 #include <string_view>
-#include <vector>
 
+#include "bench_support.h"
 #include "zbservice.h"
+#ifdef BENCH_SD_BUS
+#include <systemd/sd-bus.h>
+#endif
 
 namespace {
-constexpr std::size_t frame_header_bytes = 16;
+using bench::give_up;
+
 constexpr const char* method = "db_conn_insert";
+constexpr size_t payload_bytes = 5200;
+constexpr size_t frame_header_bytes = 16;
+constexpr size_t request_bytes = frame_header_bytes + 14 + payload_bytes;
+constexpr size_t endpoints = 5;  // one more than a thread of callers remembers
 constexpr int calls_per_round = 20;
-constexpr int usual_rounds = 1001;
+constexpr int usual_rounds = 301;
 
-struct workload {
-    std::size_t request;  // payload bytes
-    std::size_t reply;
-};
+const std::vector<char> payload(payload_bytes);
 
-// The requests are the record sizes, the replies an acknowledgement, a short text and one row.
-constexpr workload workloads[] = {{8, 0},       {8, 36},    {2088, 0},   {2088, 36},
-                                  {2088, 4096}, {5200, 0},  {5200, 36},  {5200, 4096},
-                                  {7192, 0},    {7192, 36}, {7192, 4096}};
-
-workload current;  // of the servers
-int server_cpu = 0;
-
-void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
+void expect(bool holds, const char* what) {
+    if (!holds) give_up(std::string(what) + ": " + strerror(errno));
 }
 
-// ---- Placement ---------------------------------------------------------------------------------
-
-void run_on(int cpu) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    CPU_SET(static_cast<std::size_t>(cpu), &set);
-    if (sched_setaffinity(0, sizeof set, &set) != 0) fail("sched_setaffinity");
-}
-
-std::vector<int> usable_cpus() {
-    cpu_set_t set;
-    if (sched_getaffinity(0, sizeof set, &set) != 0) fail("sched_getaffinity");
-    std::vector<int> cpus;
-    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
-        if (CPU_ISSET(static_cast<std::size_t>(cpu), &set)) cpus.push_back(cpu);
-    }
-    return cpus;
-}
-
-// ---- The bare exchange -------------------------------------------------------------------------
+// --- Sockets -------------------------------------------------------------------------------------
 
 struct abstract_address {
     explicit abstract_address(std::string_view text) {
         name.sun_family = AF_UNIX;
-        std::memcpy(name.sun_path + 1, text.data(), text.size());
+        text.copy(name.sun_path + 1, text.size());
         length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
     }
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&name); }
@@ -88,174 +57,275 @@ struct abstract_address {
 
 int new_socket() {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) fail("socket");
+    expect(fd >= 0, "socket");
     return fd;
 }
 
-void receive_all(int fd, std::vector<char>& buffer) {
-    for (std::size_t taken = 0; taken < buffer.size();) {
-        const ssize_t step = recv(fd, buffer.data() + taken, buffer.size() - taken, 0);
-        if (step <= 0) fail("recv");
-        taken += static_cast<std::size_t>(step);
-    }
-}
-
-void send_all(int fd, const std::vector<char>& buffer) {
-    if (send(fd, buffer.data(), buffer.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(buffer.size()))
-        fail("send");
-}
-
-void serve_bare(const std::string& path, int ready) {
-    const abstract_address address(path);
+int listen_at(const std::string& path) {
     const int listener = new_socket();
-    if (bind(listener, address.get(), address.length) != 0 || listen(listener, 64) != 0)
-        fail("bind");
-    if (write(ready, "", 1) != 1) fail("write");
-    std::vector<char> request(frame_header_bytes + std::strlen(method) + current.request);
-    const std::vector<char> reply(frame_header_bytes + current.reply);
+    const abstract_address address(path);
+    expect(bind(listener, address.get(), address.length) == 0, "bind");
+    expect(listen(listener, 64) == 0, "listen");
+    return listener;
+}
+
+int connect_to(const abstract_address& address) {
+    const int fd = new_socket();
+    expect(connect(fd, address.get(), address.length) == 0, "connect");
+    return fd;
+}
+
+// --- The bare exchange ---------------------------------------------------------------------------
+
+// False at the end of the stream.
+bool receive_all(int fd, char* buffer, size_t size) {
+    for (size_t taken = 0; taken < size;) {
+        const ssize_t step = recv(fd, buffer + taken, size - taken, 0);
+        if (step <= 0) return false;
+        taken += static_cast<size_t>(step);
+    }
+    return true;
+}
+
+void send_all(int fd, const char* buffer, size_t size) {
+    expect(send(fd, buffer, size, MSG_NOSIGNAL) == static_cast<ssize_t>(size), "send");
+}
+
+std::array<char, request_bytes> request;
+std::array<char, frame_header_bytes> reply;
+
+void exchange(int fd) {
+    send_all(fd, request.data(), request.size());
+    expect(receive_all(fd, reply.data(), reply.size()), "recv");
+}
+
+// A connection per call: closed after the reply, as its caller does. A kept one: until its end.
+template <bool keeps>
+void serve_bare(const std::string& path, const std::function<void()>& ready) {
+    const int listener = listen_at(path);
+    ready();
     while (true) {
         const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (fd < 0) fail("accept");
-        receive_all(fd, request);
-        send_all(fd, reply);
+        expect(fd >= 0, "accept");
+        while (receive_all(fd, request.data(), request.size())) {
+            send_all(fd, reply.data(), reply.size());
+            if (!keeps) break;
+        }
         close(fd);
     }
 }
 
-void call_bare(const abstract_address& address, const std::vector<char>& request,
-               std::vector<char>& reply) {
-    const int fd = new_socket();
-    if (connect(fd, address.get(), address.length) != 0) fail("connect");
-    send_all(fd, request);
-    receive_all(fd, reply);
+void call_bare(const abstract_address& address) {
+    const int fd = connect_to(address);
+    exchange(fd);
     close(fd);
 }
 
-// ---- The bus -----------------------------------------------------------------------------------
+// --- The bus -------------------------------------------------------------------------------------
 
-void answer(const char*, zb_io* io, int) {
-    if (zb_io_realloc(io, 0) != 0 || zb_io_realloc(io, current.reply) != 0) fail("zb_io_realloc");
+void acknowledge(const char* /*method*/, zb_io* io, int /*fd*/) {
+    (void)zb_io_realloc(io, 0);
     (void)zb_reply(io);
     zb_io_free(io);
 }
 
-void serve_bus(const std::string& path, int ready) {
-    zb_service* service = zb_create(("@" + path).c_str(), 4, 1, answer);
-    if (!service || write(ready, "", 1) != 1) fail("zb_create");
+void serve_bus(const std::string& path, const std::function<void()>& ready) {
+    zb_service* service = zb_create(("@" + path).c_str(), 4, 1, acknowledge);
+    if (service == nullptr) give_up("zb_create");
+    ready();
     (void)zb_start(service);
 }
 
 // As the client library does it: a buffer per call.
-void call_bus(const std::string& path, const std::vector<char>& payload) {
+void call_bus(const std::string& path) {
     zb_io* io = zb_io_create();
-    if (zb_io_write(io, payload.data(), payload.size()) != 0) fail("zb_io_write");
+    if (zb_io_write(io, payload.data(), payload.size()) != 0) give_up("zb_io_write");
     const int result = zb_call(path.c_str(), method, io, 5, -1);
-    if (result != 0) {
-        (void)std::fprintf(stderr, "zb_call: %s\n", zb_strerror(result));
-        std::exit(1);
-    }
+    if (result != 0) give_up(std::string("zb_call: ") + zb_strerror(result));
     zb_io_free(io);
 }
 
-// ---- Measuring ---------------------------------------------------------------------------------
+// --- sd-bus --------------------------------------------------------------------------------------
 
-// Starts a server process and returns once it can be called.
-pid_t start_server(void (*serve)(const std::string&, int), const std::string& path) {
-    int ready[2];
-    if (pipe2(ready, O_CLOEXEC) != 0) fail("pipe2");
-    const pid_t pid = fork();
-    if (pid < 0) fail("fork");
-    if (pid == 0) {
-        (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-        run_on(server_cpu);
-        serve(path, ready[1]);
-        _exit(1);
+#ifdef BENCH_SD_BUS
+constexpr const char* object = "/bench";
+constexpr const char* interface = "bench.Records";
+constexpr const char* member = "Insert";
+
+int acknowledge_message(sd_bus_message* call, void* /*context*/, sd_bus_error* /*error*/) {
+    const void* data = nullptr;
+    size_t size = 0;
+    if (sd_bus_message_read_array(call, 'y', &data, &size) < 0 || size != payload_bytes)
+        give_up("sd-bus: bad request");
+    return sd_bus_reply_method_return(call, "");
+}
+
+void serve_sd_bus_connection(int fd) {
+    sd_bus* bus = nullptr;
+    sd_id128_t id = {};
+    expect(sd_id128_randomize(&id) >= 0 && sd_bus_new(&bus) >= 0 &&
+               sd_bus_set_fd(bus, fd, fd) >= 0 && sd_bus_set_server(bus, 1, id) >= 0 &&
+               sd_bus_add_object(bus, nullptr, object, acknowledge_message, nullptr) >= 0 &&
+               sd_bus_start(bus) >= 0,
+           "sd-bus server");
+    for (int done = 0; done >= 0;) {
+        done = sd_bus_process(bus, nullptr);
+        if (done == 0) done = sd_bus_wait(bus, UINT64_MAX);
     }
-    close(ready[1]);
-    char byte = 0;
-    if (read(ready[0], &byte, 1) != 1) fail("server");
-    close(ready[0]);
-    return pid;
+    sd_bus_unref(bus);
 }
 
-void stop_server(pid_t pid) {
-    (void)kill(pid, SIGKILL);
-    (void)waitpid(pid, nullptr, 0);
+void serve_sd_bus(const std::string& path, const std::function<void()>& ready) {
+    const int listener = listen_at(path);
+    ready();
+    while (true) {
+        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        expect(fd >= 0, "accept");
+        serve_sd_bus_connection(fd);
+    }
 }
 
+using sd_bus_connection = std::unique_ptr<sd_bus, sd_bus* (*)(sd_bus*)>;
+
+sd_bus_connection connect_sd_bus(const std::string& path) {
+    sd_bus* bus = nullptr;
+    expect(sd_bus_new(&bus) >= 0 &&
+               sd_bus_set_address(bus, ("unix:abstract=" + path).c_str()) >= 0 &&
+               sd_bus_start(bus) >= 0,
+           "sd-bus caller");
+    return {bus, sd_bus_close_unref};
+}
+
+void call_sd_bus(sd_bus* bus) {
+    sd_bus_message* call = nullptr;
+    sd_bus_message* answer = nullptr;
+    expect(sd_bus_message_new_method_call(bus, &call, nullptr, object, interface, member) >= 0 &&
+               sd_bus_message_append_array(call, 'y', payload.data(), payload.size()) >= 0 &&
+               sd_bus_call(bus, call, 0, nullptr, &answer) >= 0,
+           "sd-bus call");
+    sd_bus_message_unref(answer);
+    sd_bus_message_unref(call);
+}
+#endif
+
+// --- Servers -------------------------------------------------------------------------------------
+
+using serve_function = void (*)(const std::string& path, const std::function<void()>& ready);
+
+// A server in a process of its own, which can be called when the constructor returns.
+class server {
+  public:
+    server(serve_function serve, int cpu) {
+        static int count = 0;
+        path_ = "bus_bench/" + std::to_string(getpid()) + "/" + std::to_string(count++);
+        int ready[2];
+        expect(pipe2(ready, O_CLOEXEC) == 0, "pipe2");
+        child_ = fork();
+        expect(child_ >= 0, "fork");
+        if (child_ == 0) {
+            (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+            bench::run_on(cpu);
+            serve(path_, [&] { expect(write(ready[1], "", 1) == 1, "write"); });
+            _exit(1);
+        }
+        close(ready[1]);
+        char byte = 0;
+        expect(read(ready[0], &byte, 1) == 1, "the server's start");
+        close(ready[0]);
+    }
+    ~server() {
+        (void)kill(child_, SIGKILL);
+        (void)waitpid(child_, nullptr, 0);
+    }
+    server(const server&) = delete;
+    server& operator=(const server&) = delete;
+    const std::string& path() const { return path_; }
+    std::string bus_path() const { return "@" + path_; }
+
+  private:
+    std::string path_;
+    pid_t child_ = -1;
+};
+
+using servers = std::vector<std::unique_ptr<server>>;
+
+servers start_servers(serve_function serve, int cpu) {
+    servers all;
+    while (all.size() < endpoints) all.push_back(std::make_unique<server>(serve, cpu));
+    return all;
+}
+
+// --- Measuring -----------------------------------------------------------------------------------
+
+// A call to each server in turn.
 template <class Call>
-double microseconds_per_call(Call call) {
-    const auto start = std::chrono::steady_clock::now();
-    for (int i = 0; i < calls_per_round; ++i) call();
-    const std::chrono::duration<double, std::micro> taken =
-        std::chrono::steady_clock::now() - start;
-    return taken.count() / calls_per_round;
+bench::sample in_turn(const servers& all, Call call) {
+    return bench::repeated(calls_per_round, [&all, call, next = size_t{0}]() mutable {
+        call(*all[next++ % endpoints]);
+    });
 }
 
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
+void compare_per_call(const std::string& state, int rounds, int cpu) {
+    const servers bus = start_servers(serve_bus, cpu);
+    const servers bare = start_servers(serve_bare<false>, cpu);
+    std::vector<bench::opponent> others = {
+        {"raw exchange",
+         in_turn(bare, [](const server& at) { call_bare(abstract_address(at.path())); }), 1.15}};
+#ifdef BENCH_SD_BUS
+    const servers peers = start_servers(serve_sd_bus, cpu);
+    others.push_back({"sd-bus, peer to peer",
+                      in_turn(peers,
+                              [](const server& at) {
+                                  const sd_bus_connection peer = connect_sd_bus(at.path());
+                                  call_sd_bus(peer.get());
+                              }),
+                      0.4});
+#endif
+    bench::compare("call, connection each", state, rounds,
+                   in_turn(bus, [](const server& at) { call_bus(at.bus_path()); }), others);
 }
 
-double measure(long rounds) {
-    const std::string bare_path = "bus_bench/bare/" + std::to_string(getpid());
-    const std::string bus_path = "bus_bench/bus/" + std::to_string(getpid());
-    const pid_t bare_server = start_server(serve_bare, bare_path);
-    const pid_t bus_server = start_server(serve_bus, bus_path);
-
-    const abstract_address bare_address(bare_path);
-    const std::string bus_address = "@" + bus_path;
-    const std::vector<char> payload(current.request);
-    const std::vector<char> request(frame_header_bytes + std::strlen(method) + current.request);
-    std::vector<char> reply(frame_header_bytes + current.reply);
-    const auto bare_call = [&] { call_bare(bare_address, request, reply); };
-    const auto bus_call = [&] { call_bus(bus_address, payload); };
-
-    std::vector<double> bare, bus, ratio;
-    (void)microseconds_per_call(bare_call);
-    (void)microseconds_per_call(bus_call);
-    for (long i = 0; i < rounds; ++i) {
-        bare.push_back(microseconds_per_call(bare_call));
-        bus.push_back(microseconds_per_call(bus_call));
-        ratio.push_back(bus.back() / bare.back());
-    }
-    stop_server(bare_server);
-    stop_server(bus_server);
-    std::printf("%8zu %8zu %10.2f %10.2f %8.3f\n", current.request, current.reply, median(bare),
-                median(bus), median(ratio));
-    return median(ratio);
+void compare_kept(const std::string& state, int rounds, int cpu) {
+    const server bus(serve_bus, cpu);
+    const server bare(serve_bare<true>, cpu);
+    const int kept = connect_to(abstract_address(bare.path()));
+    std::vector<bench::opponent> others = {
+        {"raw exchange", bench::repeated(calls_per_round, [&] { exchange(kept); }), 1.2}};
+#ifdef BENCH_SD_BUS
+    const server peer(serve_sd_bus, cpu);
+    const sd_bus_connection connection = connect_sd_bus(peer.path());
+    others.push_back({"sd-bus, peer to peer",
+                      bench::repeated(calls_per_round, [&] { call_sd_bus(connection.get()); }), 1});
+#endif
+    bench::compare("call, connection kept", state, rounds,
+                   bench::repeated(calls_per_round, [&] { call_bus(bus.bus_path()); }), others);
+    close(kept);
 }
 
-double measure_all(const char* placement, int caller, int server, long rounds) {
-    server_cpu = server;
-    run_on(caller);
-    std::printf("%s (medians of %ld rounds of %d calls)\n", placement, rounds, calls_per_round);
-    std::printf("%8s %8s %10s %10s %8s\n", "request", "reply", "bare us", "bus us", "ratio");
-    double worst = 0;
-    for (const workload& each : workloads) {
-        current = each;
-        worst = std::max(worst, measure(rounds));
-        (void)std::fflush(stdout);
-    }
-    return worst;
+void compare_all(const std::string& state, int rounds, int caller, int serving) {
+    bench::run_on(caller);
+    compare_per_call(state, rounds, serving);
+    compare_kept(state, rounds, serving);
 }
 }  // namespace
 
 int main(int argc, char** argv) {
-    const long rounds = argc > 1 ? std::strtol(argv[1], nullptr, 10) : usual_rounds;
-    if (rounds < 1) {
-        (void)std::fprintf(stderr, "usage: %s [ROUNDS]\n", argv[0]);
-        return 2;
+    const int rounds = argc > 1 ? static_cast<int>(strtol(argv[1], nullptr, 10)) : usual_rounds;
+    if (argc > 2 || rounds < 1) give_up("usage: bus_bench [ROUNDS]");
+#ifndef BENCH_SD_BUS
+    printf("sd-bus is not measured: built without libsystemd-dev\n");
+#endif
+    cpu_set_t usable;
+    if (sched_getaffinity(0, sizeof usable, &usable) != 0) give_up("no CPUs");
+    std::vector<int> cpus;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+        if (CPU_ISSET(static_cast<size_t>(cpu), &usable)) cpus.push_back(cpu);
     }
-    const std::vector<int> cpus = usable_cpus();
-    double worst = measure_all("caller and server on one CPU", cpus.front(), cpus.front(), rounds);
+    compare_all("5200 bytes, one CPU", rounds, cpus.front(), cpus.front());
     if (cpus.size() > 1) {
-        const double apart =
-            measure_all("caller and server on two CPUs", cpus.front(), cpus.back(), rounds);
-        worst = std::max(worst, apart);
+        compare_all("5200 bytes, two CPUs", rounds, cpus.front(), cpus.back());
     } else {
-        std::printf("only one CPU: not measured on two\n");
+        printf("only one CPU: not measured on two\n");
     }
-    std::printf("worst ratio %.3f\n", worst);
     return 0;
 }

@@ -11,6 +11,8 @@ test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
     binutils systemd
 )
+# What bench/run compares with.
+bench_packages=(libsystemd-dev)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 

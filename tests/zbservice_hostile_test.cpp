@@ -308,6 +308,14 @@ TEST_F(lingering, descriptors_that_are_never_read_are_waited_for_by_nobody) {
     expect_soon([] { EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"})); });
 }
 
+TEST_F(lingering, descriptors_of_an_urgent_byte_are_waited_for_by_nobody) {
+    ASSERT_TRUE(sockets_.send_through(caller_, "z", MSG_OOB));
+    ASSERT_TRUE(caller_.send("other than a frame, and so read no further"));
+    go_on_.set();
+    expect_soon([this] { EXPECT_EQ(caller_.receive_all(), reply_frame(malformed)); });
+    expect_soon([] { EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"})); });
+}
+
 TEST(lingering_in_the_queue, descriptors_do_not_delay_the_end_of_the_endpoint) {
     zb_service* service = zb_create(address, 4, 1, entry);
     ASSERT_NE(service, nullptr);
@@ -329,8 +337,12 @@ TEST_F(hostile, connections_over_the_share_push_out_the_one_that_waits_longest) 
             EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"}));
         }
     }
-    // Each further caller costs the oldest its place.
+    // A connection that was kept makes room for one caller; the next one costs the oldest its
+    // place.
     EXPECT_EQ(call(address, "m", "x"), (outcome{0, "m:x"}));
+    raw_stream another = connect_to(address);
+    ASSERT_TRUE(another.send(request_frame("an", "other")));
+    EXPECT_EQ(another.receive_all(), reply_frame(replied, "an:other"));
     EXPECT_TRUE(hears_soon(idle[0]));
     EXPECT_EQ(idle[0].receive_all(), reply_frame(busy));
     EXPECT_TRUE(idle[1].send(request_frame("still", "here").substr(2)));

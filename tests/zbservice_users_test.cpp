@@ -2,9 +2,7 @@
 // makes room, and an address that another user has taken is refused and told to the system log.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <time.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -14,6 +12,7 @@
 #include "ravo_api.h"
 #include "support/bus.h"
 #include "support/other_side.h"
+#include "support/seconds_ahead.h"
 
 using namespace bus_test;
 
@@ -25,21 +24,6 @@ constexpr std::size_t own_connections = 192;
 constexpr std::size_t member_connections = 64;
 constexpr std::size_t mib = std::size_t{1} << 20;
 
-// How far the time is ahead of the machine's.
-std::atomic<int> seconds_ahead = 0;
-}  // namespace
-
-// In the library's place for clock_gettime too.
-extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
-                                                                    timespec* time) noexcept {
-    using function = int (*)(clockid_t, timespec*);
-    static const auto original = reinterpret_cast<function>(dlsym(RTLD_NEXT, "clock_gettime"));
-    const int result = original(clock, time);
-    if (clock == CLOCK_MONOTONIC) time->tv_sec += seconds_ahead;
-    return result;
-}
-
-namespace {
 using callers = std::vector<raw_stream>;
 
 const std::string half_a_request = "zb";
@@ -146,6 +130,21 @@ TEST_F(users, unfinished_requests_over_the_bound_push_out_those_of_who_holds_mos
     const std::string rest = request_frame("m", body).substr(most.size());
     for (raw_stream& each : others) EXPECT_TRUE(is_served(each, rest));
     for (raw_stream& each : newcomers) EXPECT_TRUE(is_served(each, rest));
+}
+
+TEST_F(users, idle_connections_make_room_before_anybody_else) {
+    callers others = connect_many(own, own_connections - 1);
+    let_endpoint_catch_up();
+    let_endpoint_catch_up();  // from now on this thread's connection is kept
+    callers more = connect_many(first_member, member_connections - 1);
+    callers idle = connect_many(second_member, 1, dated_frame("m", "x", keep));
+    EXPECT_EQ(idle[0].receive(19), kept_frame("m:x"));
+    callers newcomers = connect_many(second_member, 3);
+    EXPECT_TRUE(is_given_up(others[0]));  // by the third of them
+    EXPECT_EQ(idle[0].receive_all(), "");
+    EXPECT_TRUE(is_served(others[1]));
+    for (raw_stream& each : more) EXPECT_TRUE(is_served(each));
+    for (raw_stream& each : newcomers) EXPECT_TRUE(is_served(each));
 }
 
 // ---- What is given back ------------------------------------------------------------------------

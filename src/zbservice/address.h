@@ -5,6 +5,9 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cstddef>
+#include <string_view>
+
 namespace zb {
 
 struct socket_address {
@@ -12,6 +15,10 @@ struct socket_address {
     socklen_t length;  // exact: an abstract name has no padding
 
     const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&name); }
+    // What follows the leading zero byte.
+    std::string_view text() const {
+        return {name.sun_path + 1, length - offsetof(sockaddr_un, sun_path) - 1};
+    }
 };
 
 // Resolves "@/x/y", or the plain name of a registered service. Returns false for a null, empty or

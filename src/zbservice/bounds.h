@@ -33,6 +33,20 @@ inline constexpr std::size_t other_unfinished_bytes = 16 * mib;
 inline constexpr std::size_t own_unsent_bytes = 1536 * mib;
 inline constexpr std::size_t other_unsent_bytes = gib;
 
+// Kept connections. A caller's are fewer than any user's share, and it gives them up before the
+// endpoint would.
+inline constexpr std::size_t kept_by_thread = 4;
+inline constexpr std::size_t kept_by_process = 64;
+inline constexpr std::chrono::seconds kept_by_caller{5};     // without a call
+inline constexpr std::chrono::seconds kept_by_endpoint{10};  // without a request
+
+// A process that may open fewer descriptors keeps no connection: it may need each.
+inline constexpr std::size_t ample_descriptors = 2 * max_connections;
+
+// How often a request can be overtaken by others that were sent earlier, but came to the endpoint's
+// notice later: as many wait in the kernel's queue.
+inline constexpr int overtaken_at_most = max_backlog + 1;
+
 // Time without progress after which a caller is dropped.
 inline constexpr std::chrono::seconds request_stall{5};  // in the middle of its request
 inline constexpr std::chrono::seconds reply_stall{9};    // in the middle of its reply

@@ -1,4 +1,4 @@
-// The calling side: one connection, one request, one reply.
+// The calling side: a request on a connection, kept or new, and its reply.
 #include "call.h"
 
 #include <sys/socket.h>
@@ -16,14 +16,21 @@
 #include "bounds.h"
 #include "descriptor.h"
 #include "frame.h"
+#include "kept.h"
 #include "payload.h"
 #include "peer.h"
 #include "report.h"
+#include "signals.h"
 #include "wait.h"
 
 namespace zb {
 namespace {
 constexpr std::chrono::seconds usual_timeout{5};
+
+// Besides a zb_error: the request is certain not to have been started, so it may be sent again.
+constexpr int not_run = 1;
+// The endpoint does not know this version's requests.
+constexpr int not_understood = 2;
 
 int system_error() {
     return errno == ENOMEM || errno == ENOBUFS ? ZB_ERROR_MEMORY : ZB_ERROR_SYSTEM;
@@ -48,12 +55,12 @@ int connect_to(const socket_address& address, patient_wait& time, descriptor& co
 }
 
 // An abstract name has no owner on disk: anyone could have taken it first. The operator learns of
-// it.
-int check_holder(int socket, const socket_address& address) {
+// it. A member of the group may be one no longer at the next call, so nothing is kept with him.
+int check_holder(int socket, const socket_address& address, bool& may_keep) {
     const uid_t user = user_of(socket);
-    if (is_root_or_self(user) || is_member(socket, deployment_group())) return ZB_OK;
-    const std::string_view name(address.name.sun_path + 1,
-                                address.length - offsetof(sockaddr_un, sun_path) - 1);
+    may_keep = is_root_or_self(user);
+    if (may_keep || is_member(socket, deployment_group())) return ZB_OK;
+    const std::string_view name = address.text();
     if (is_due(name)) {
         report("\"@%.*s\" is held by user %u, who is not trusted: calls of it are refused",
                static_cast<int>(name.size()), name.data(), user);
@@ -66,9 +73,8 @@ int check_holder(int socket, const socket_address& address) {
 // The request's three parts, of which the first `sent` bytes are gone.
 class outgoing_request {
   public:
-    outgoing_request(std::string_view method, payload& body, int fd)
-        : header_(encode_header(
-              {frame_kind::request, static_cast<std::uint16_t>(method.size()), body.size()})),
+    outgoing_request(frame_header header, std::string_view method, payload& body, int fd)
+        : header_(encode_header(header)),
           parts_{{header_.data(), header_.size()},
                  {const_cast<char*>(method.data()), method.size()},
                  {body.data(), body.size()}},
@@ -149,7 +155,9 @@ int error_of(std::uint16_t status) {
         case reply_status::busy:
             return ZB_ERROR_BUSY;
         case reply_status::malformed:
-            break;
+            return not_understood;
+        case reply_status::not_run:
+            return not_run;
     }
     return ZB_ERROR_PROTOCOL;
 }
@@ -158,15 +166,19 @@ int error_of(std::uint16_t status) {
 // kernel closes descriptors that come with a reply.
 int receive(int socket, char* target, std::size_t room, patient_wait& time, std::size_t& received) {
     while (true) {
-        if (time.wait(socket, POLLIN) == 0) return ZB_ERROR_TIMEOUT;
-        const ssize_t step = recv(socket, target, room, MSG_DONTWAIT);
+        const bool waits = time.is_left_to_receive();
+        if (!waits && time.wait(socket, POLLIN) == 0) return ZB_ERROR_TIMEOUT;
+        const ssize_t step = recv(socket, target, room, waits ? 0 : MSG_DONTWAIT);
         if (step > 0) {
             time.restart();
             received = static_cast<std::size_t>(step);
             return ZB_OK;
         }
-        if (step == 0 || errno == ECONNRESET) return ZB_ERROR_BROKEN;
+        if (step == 0) return ZB_ERROR_BROKEN;
+        if (errno == ECONNRESET) return not_run;  // it closed before it had read everything
+        if (errno == EAGAIN && waits) return ZB_ERROR_TIMEOUT;
         if (errno != EINTR && errno != EAGAIN) return system_error();
+        time.leave_to_receive(false);
     }
 }
 
@@ -183,7 +195,10 @@ int receive_long(int socket, std::size_t length, payload& reply, patient_wait& t
     return ZB_OK;
 }
 
-int receive_reply(int socket, payload& content, patient_wait& time) {
+// What is answered has been run, however the connection ends.
+int error_in_reply(int error) { return error == not_run ? ZB_ERROR_BROKEN : error; }
+
+int receive_reply(int socket, payload& content, patient_wait& time, bool& is_kept) {
     // Header and a small payload come with one receive.
     std::array<char, header_bytes + 8 * kib> first;
     std::size_t taken = 0;
@@ -191,7 +206,7 @@ int receive_reply(int socket, payload& content, patient_wait& time) {
         std::size_t received = 0;
         const int error =
             receive(socket, first.data() + taken, first.size() - taken, time, received);
-        if (error) return error;
+        if (error) return taken == 0 ? error : error_in_reply(error);
         taken += received;
     }
     header_block block;
@@ -201,6 +216,7 @@ int receive_reply(int socket, payload& content, patient_wait& time) {
     if (const int error = error_of(header.detail)) return error;
     if (header.length > max_reply_bytes) return ZB_ERROR_TOO_LARGE;
     if (header.length < taken - header_bytes) return ZB_ERROR_PROTOCOL;
+    is_kept = header.keep;
 
     const char* start = first.data() + header_bytes;
     const std::size_t length = taken - header_bytes;
@@ -209,7 +225,78 @@ int receive_reply(int socket, payload& content, patient_wait& time) {
     if (!reply.append(start, length)) return ZB_ERROR_MEMORY;
     const int error = receive_long(socket, header.length, reply, time);
     if (!error) content.swap(reply);
-    return error;
+    return error_in_reply(error);
+}
+
+// ---- Calls -------------------------------------------------------------------------------------
+
+// What is called, with what. Holds no more than references.
+struct task {
+    const socket_address& address;
+    std::string_view method;
+    payload& content;
+    int fd;
+    monotonic::time_point start;
+
+    frame_header header() const {
+        return {frame_kind::request, static_cast<std::uint16_t>(method.size()), content.size()};
+    }
+    frame_header dated_header(bool keep) const {
+        frame_header header = this->header();
+        header.keep = keep;
+        header.dated = true;
+        header.date = date_of(start);
+        return header;
+    }
+};
+
+// One request and its reply. A request that was not sent to its end is not run.
+int exchange(int socket, const task& what, const frame_header& header, patient_wait& time,
+             bool& is_kept) {
+    outgoing_request request(header, what.method, what.content, what.fd);
+    if (const int error = send_request(socket, request, time)) return error;
+    const int result = receive_reply(socket, what.content, time, is_kept);
+    return result == ZB_ERROR_BROKEN && !request.is_sent() ? not_run : result;
+}
+
+int call_on_kept(const task& what, patient_wait& time) {
+    kept_connection* kept = take_kept(what.address, what.start);
+    if (!kept) return not_run;
+    time.leave_to_receive(!delivers_signals_here() && limit_receives(*kept, time.patience()));
+    bool is_kept = false;
+    const int result = exchange(socket_of(*kept), what, what.dated_header(true), time, is_kept);
+    time.leave_to_receive(false);
+    result == ZB_OK&& is_kept ? give_back(*kept, what.start) : drop(*kept);
+    return result;
+}
+
+int call_on_new(const task& what, const frame_header& header, patient_wait& time) {
+    descriptor socket;
+    bool may_keep = false;
+    if (const int error = connect_to(what.address, time, socket)) return error;
+    if (const int error = check_holder(socket.get(), what.address, may_keep)) return error;
+    bool is_kept = false;
+    const int result = exchange(socket.get(), what, header, time, is_kept);
+    if (result == ZB_OK && header.keep && is_kept && may_keep)
+        keep(std::move(socket), what.address, what.start);
+    return result;
+}
+
+// Older endpoints are called in their own way, at once for as long as they are known.
+int call_anew(const task& what, patient_wait& time) {
+    const acquaintance met = meet(what.address, what.start);
+    if (!met.is_old) {
+        const int result = call_on_new(what, what.dated_header(met.is_recent), time);
+        if (result != not_understood) return result;
+        note_old_endpoint(what.address);
+    }
+    return call_on_new(what, what.header(), time);
+}
+
+// What the caller is told: a request that was sent as often as it may be is not sent again.
+int error_for_caller(int result) {
+    if (result == not_run) return ZB_ERROR_BROKEN;
+    return result == not_understood ? ZB_ERROR_PROTOCOL : result;
 }
 }  // namespace
 
@@ -221,12 +308,10 @@ int call(const char* path, const char* method, zb_io& io, int timeout_s, int fd)
     if (io.content.size() > max_request_bytes) return ZB_ERROR_TOO_LARGE;
 
     patient_wait time(timeout_s > 0 ? std::chrono::seconds(timeout_s) : usual_timeout);
-    descriptor socket;
-    if (const int error = connect_to(address, time, socket)) return error;
-    if (const int error = check_holder(socket.get(), address)) return error;
-    outgoing_request request(name, io.content, fd);
-    if (const int error = send_request(socket.get(), request, time)) return error;
-    return receive_reply(socket.get(), io.content, time);
+    const task what{address, name, io.content, fd, monotonic::now()};
+    int result = call_on_kept(what, time);
+    if (result == not_run) result = call_anew(what, time);
+    return error_for_caller(result);
 }
 
 }  // namespace zb

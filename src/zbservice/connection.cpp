@@ -7,6 +7,8 @@
 
 namespace zb {
 namespace {
+bool is_older(const connection& a, const connection& b) { return a.since < b.since; }
+
 bool has_longer_stalled(const connection& a, const connection& b) {
     return a.progressed < b.progressed;
 }
@@ -24,7 +26,6 @@ connection& connection_table::open(zb_service* service, descriptor&& socket, acc
     c.held.open(user);
     c.socket = std::move(socket);
     c.at = stage::reading;
-    c.answered = false;
     c.since = now;
     c.progressed = now;
     return c;
@@ -36,7 +37,8 @@ void connection_table::close(connection& c) {
     c.reply.reset();
     c.held.give_back();
     c.at = stage::closed;
-    c.polled = false;
+    c.watched = 0;
+    c.answered = c.kept = false;
     ++c.number;
     free_[max_connections - open_count_--] = static_cast<std::uint16_t>(&c - slots_.data());
 }
@@ -63,11 +65,18 @@ connection* connection_table::first(const account& user, Test may_be, Before goe
     return found;
 }
 
+connection* connection_table::longest_idle() {
+    connection* found = nullptr;
+    for (connection& c : slots_) {
+        if (c.at == stage::idle && (!found || is_older(c, *found))) found = &c;
+    }
+    return found;
+}
+
 connection* connection_table::most_expendable(const account& user, monotonic::time_point now) {
+    const auto is_idle = [](const connection& c) { return c.at == stage::idle; };
     const auto is_unfinished = [](const connection& c) { return c.at == stage::reading; };
-    const auto is_older = [](const connection& a, const connection& b) {
-        return a.since < b.since;
-    };
+    if (connection* c = first(user, is_idle, is_older)) return c;
     if (connection* c = first(user, is_unfinished, is_older)) return c;
     const bool is_full =
         !user.may_hold(resource::connections, user.held[resource::connections] + 1);

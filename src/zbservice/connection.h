@@ -16,14 +16,13 @@
 
 namespace zb {
 
-using monotonic = std::chrono::steady_clock;
-
 enum class stage : std::uint8_t {
     closed,
     reading,  // its request is not complete
     waiting,  // its request is complete and waits for its turn
     running,  // the entry has it
     sending,  // its reply is not sent completely
+    idle,     // it is kept, and its caller has not sent the next request
 };
 
 struct connection {
@@ -32,11 +31,15 @@ struct connection {
     descriptor socket;
     descriptor passed;  // came with the request; the entry's once that is called
     stage at = stage::closed;
-    bool polled = false;          // whether the loop's epoll knows it
+    std::uint32_t watched = 0;    // the events for which the loop's epoll has it; 0: it has not
     bool answered = false;        // the entry has replied
+    bool kept = false;            // stays when its reply is sent
     std::uint32_t number = 0;     // counts the uses of the slot, so that an old event finds nobody
-    monotonic::time_point since;  // when it came to its stage of reading or sending
+    monotonic::time_point since;  // when it came to its stage of reading, sending or idle
     monotonic::time_point progressed;
+    monotonic::time_point
+        sent;           // when the request was; until it is complete, the least that counts
+    int overtaken = 0;  // how many requests that came later were put before it
     request_reader request;
     zb_io* io = nullptr;  // the entry's buffer, until it is released
     reply_writer reply;
@@ -59,9 +62,13 @@ class connection_table {
     std::uint64_t key(const connection& c) const;
     connection* find(std::uint64_t key);
 
-    // The user's connection that may be dropped to make room for another: the one that has waited
-    // longest for the end of its own request, else the reader that has taken nothing for longest,
-    // if that is long enough or the user holds a full share. Null: none.
+    // The connection that has been idle for longest, of any user. Null: none.
+    connection* longest_idle();
+
+    // The user's connection that may be dropped to make room for another: the one that has been
+    // idle longest, else the one that has waited longest for the end of its own request, else the
+    // reader that has taken nothing for longest, if that is long enough or the user holds a full
+    // share. Null: none.
     connection* most_expendable(const account& user, monotonic::time_point now);
 
     // The user's unfinished request that holds the most memory, and more than comes with one

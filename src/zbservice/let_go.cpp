@@ -1,7 +1,9 @@
 // Closes what somebody else made, without waiting for him.
 #include "let_go.h"
 
+#include <linux/sockios.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -14,6 +16,7 @@
 #include <utility>
 
 #include "bounds.h"
+#include "receive.h"
 
 namespace zb {
 namespace {
@@ -26,9 +29,17 @@ namespace {
 
 bool is_open(const descriptor& each) { return each.is_open(); }
 
-// Whether what waits unread comes with descriptors. Reads what comes without; nothing more can come
-// after a shutdown().
+// Whether nothing waits unread.
+bool is_all_read(int socket) {
+    int unread = -1;
+    return ioctl(socket, SIOCINQ, &unread) == 0 && unread == 0;
+}
+
+// Whether what waits unread may come with descriptors. Reads what comes without; nothing more can
+// come after a shutdown().
 bool has_descriptors_unread(int socket) {
+    if (is_all_read(socket)) return false;
+    take_urgent_bytes_in_turn(socket);
     char bytes[receive_bytes];
     iovec part = {bytes, sizeof bytes};
     msghdr message = {};
@@ -37,10 +48,10 @@ bool has_descriptors_unread(int socket) {
     // Without room for them the kernel tells of descriptors and, as nothing is taken, keeps them.
     while (recvmsg(socket, &message, MSG_DONTWAIT | MSG_PEEK) > 0) {
         if ((message.msg_flags & MSG_CTRUNC) != 0) return true;
-        if (recv(socket, bytes, sizeof bytes, MSG_DONTWAIT) <= 0) return false;
+        if (recv(socket, bytes, sizeof bytes, MSG_DONTWAIT) <= 0) break;
         message.msg_flags = 0;
     }
-    return false;
+    return !is_all_read(socket);
 }
 }  // namespace
 

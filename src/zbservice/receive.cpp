@@ -43,6 +43,11 @@ void keep_first(msghdr& message, descriptor& passed) {
 }
 }  // namespace
 
+void take_urgent_bytes_in_turn(int socket) {
+    const int on = 1;
+    (void)setsockopt(socket, SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
+}
+
 ssize_t receive_with_descriptor(int socket, char* target, std::size_t room, descriptor& passed) {
     // Room for all that can come, for the kernel would close what does not fit and wait for it.
     alignas(cmsghdr) char control[CMSG_SPACE(most_passed * sizeof(int))];

@@ -13,9 +13,9 @@
 
 namespace zb {
 
-void reply_writer::start(payload&& content) {
+void reply_writer::start(payload&& content, bool keep) {
     const auto status = static_cast<std::uint16_t>(reply_status::replied);
-    block_ = encode_header({frame_kind::reply, status, content.size()});
+    block_ = encode_header({frame_kind::reply, status, content.size(), keep});
     content_ = std::move(content);
     sent_ = 0;
     released_ = 0;

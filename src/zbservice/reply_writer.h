@@ -14,8 +14,8 @@ enum class write_state { unsent, sent, broken };
 
 class reply_writer {
   public:
-    // Takes the payload over; nothing is copied.
-    void start(payload&& content);
+    // Takes the payload over; nothing is copied. The frame says whether the connection is kept.
+    void start(payload&& content, bool keep);
     void reset();
 
     // Sends one piece, of send_bytes at most, without blocking. Unsent: more is left.

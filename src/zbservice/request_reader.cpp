@@ -17,7 +17,7 @@ read_state request_reader::feed(const char* data, std::size_t length) {
             return read_state::incomplete;
         if (const auto state = check_method(); state != read_state::complete) return state;
     }
-    // One request per connection: what follows it has no meaning.
+    // The next request comes after the reply, if at all: what follows has no meaning.
     if (length > header_.length - body_.size()) return read_state::malformed;
     if (!body_.append(data, length, header_.length)) return read_state::out_of_memory;
     return body_.size() == header_.length ? read_state::complete : read_state::incomplete;
@@ -25,7 +25,7 @@ read_state request_reader::feed(const char* data, std::size_t length) {
 
 void request_reader::reset() {
     block_taken_ = 0;
-    header_ = {};
+    header_ = {frame_kind::request, 0, 0};
     method_taken_ = 0;
     body_.clear();
 }

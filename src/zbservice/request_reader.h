@@ -21,6 +21,7 @@ class request_reader {
 
     const char* method() const { return method_.data(); }
     payload& body() { return body_; }
+    const frame_header& header() const { return header_; }
     std::size_t memory() const { return body_.capacity(); }
 
   private:

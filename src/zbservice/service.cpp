@@ -15,6 +15,7 @@
 
 #include "address.h"
 #include "bounds.h"
+#include "kept.h"
 #include "let_go.h"
 #include "notify.h"
 #include "payload.h"
@@ -34,6 +35,10 @@ using zb::stage;
 constexpr std::uint64_t listener_key = 0xffffffff;
 constexpr std::uint64_t stop_key = 0xfffffffe;
 constexpr std::uint64_t signal_key = 0xfffffffd;
+
+// A kept connection is told of once for each request, in the order in which they come: reported
+// level-triggered it would keep its old place in epoll's queue.
+constexpr std::uint32_t kept_events = EPOLLIN | EPOLLET;
 
 int milliseconds_until(monotonic::time_point then, monotonic::time_point now) {
     using std::chrono::ceil;
@@ -119,11 +124,11 @@ bool zb_service::open_loop() {
            watch(zb::signal_wake_fd(), signal_key, EPOLLIN);
 }
 
-bool zb_service::watch(int fd, std::uint64_t key, std::uint32_t events) {
+bool zb_service::watch(int fd, std::uint64_t key, std::uint32_t events, int operation) {
     epoll_event event = {};
     event.events = events;
     event.data.u64 = key;
-    return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) == 0;
+    return epoll_ctl(epoll_.get(), operation, fd, &event) == 0;
 }
 
 // Signals come first in every turn, so their effect is there before the next request runs.
@@ -159,20 +164,26 @@ bool zb_service::wait(int timeout_ms) {
 
 // When a connection is given up, unless it makes progress.
 monotonic::time_point zb_service::deadline(const connection& c) const {
-    if (c.at != stage::reading) return c.progressed + reply_patience_;
-    return std::min(c.progressed + zb::request_stall, c.since + zb::request_total);
+    switch (c.at) {
+        case stage::reading:
+            return std::min(c.progressed + zb::request_stall, c.since + zb::request_total);
+        case stage::sending:
+            return c.progressed + reply_patience_;
+        case stage::idle:
+            return c.since + zb::kept_by_endpoint;
+        case stage::closed:
+        case stage::waiting:
+        case stage::running:
+            break;
+    }
+    return monotonic::time_point::max();
 }
 
 // -1, no limit, unless a connection or the listener waits for a moment.
 int zb_service::next_timeout_ms() const {
-    int timeout = paused_ ? milliseconds_until(resume_at_, now_) : -1;
-    if (polled_count_ == 0) return timeout;
-    for (const connection& c : connections_) {
-        if (!c.polled) continue;
-        const int left = milliseconds_until(deadline(c), now_);
-        timeout = timeout < 0 ? left : std::min(timeout, left);
-    }
-    return timeout;
+    auto next = watched_count_ > 0 ? next_deadline_ : monotonic::time_point::max();
+    if (paused_) next = std::min(next, resume_at_);
+    return next == monotonic::time_point::max() ? -1 : milliseconds_until(next, now_);
 }
 
 void zb_service::handle(const epoll_event& event) {
@@ -192,19 +203,21 @@ void zb_service::handle(const epoll_event& event) {
     }
     connection* c = connections_.find(event.data.u64);
     if (!c) return;  // closed by an earlier event of the same wait
-    if (c->at == stage::reading) {
-        read(*c);
-    } else {
+    if (c->at == stage::sending) {
         write(*c);
+    } else if (c->at != stage::waiting) {  // run() sees what has become of one who waits
+        read(*c);
     }
 }
 
 // ---- New connections ---------------------------------------------------------------------------
 
-// A crowd that sends no requests costs each of those behind it as little time as it can.
+// A crowd that sends no requests costs each of those behind it as little time as it can. Of those
+// who do, the first is enough: nobody behind him was earlier.
 void zb_service::accept_callers() {
+    const std::size_t before = waiting_count_;
     int taken = 0;
-    while (accept_one(taken == 0) && !first_waiting_ && ++taken < zb::accepted_together) {
+    while (accept_one(taken == 0) && waiting_count_ == before && ++taken < zb::accepted_together) {
     }
 }
 
@@ -228,12 +241,17 @@ bool zb_service::accept_one(bool is_known_to_wait) {
     }
     zb::account& account = ledger_.of(user);
     make_room_for(account);
-    read(connections_.open(this, std::move(socket), account, now_));
+    zb::take_urgent_bytes_in_turn(socket.get());
+    connection& c = connections_.open(this, std::move(socket), account, now_);
+    c.sent = last_taken_;  // he came after those before him
+    read(c);
+    if (c.at == stage::waiting) last_taken_ = c.sent;
     return true;
 }
 
-// When the endpoint is full, the user who holds most of it makes room.
+// When the endpoint is full, an idle connection makes room, or else the user who holds most.
 connection* zb_service::most_expendable() {
+    if (connection* idle = connections_.longest_idle()) return idle;
     return connections_.most_expendable(ledger_.heaviest(resource::connections), now_);
 }
 
@@ -255,8 +273,8 @@ void zb_service::make_room_for(const zb::account& user) {
 void zb_service::accept_failed(int error) {
     if (error == EAGAIN || error == EINTR || error == ECONNABORTED) return;
     const bool shortage = error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-    connection* expendable = nullptr;
-    if (shortage)
+    connection* expendable = shortage ? connections_.longest_idle() : nullptr;
+    if (shortage && !expendable)
         expendable = connections_.most_expendable(ledger_.heaviest(resource::descriptors), now_);
     if (expendable) {
         give_up(*expendable);
@@ -286,12 +304,16 @@ void zb_service::read(connection& c) {
     const ssize_t received =
         zb::receive_with_descriptor(c.socket.get(), received_.data(), received_.size(), c.passed);
     if (received < 0 && errno == EAGAIN) {
-        poll(c, EPOLLIN);
+        poll(c, c.at == stage::idle ? kept_events : EPOLLIN);
         return;
     }
     if (received <= 0) {
         close(c);
         return;
+    }
+    if (c.at == stage::idle) {
+        c.at = stage::reading;
+        c.since = now_;
     }
     c.progressed = now_;
     const zb::read_state state =
@@ -336,18 +358,41 @@ connection* zb_service::unfinished_to_drop(const zb::account& user) {
 }
 
 void zb_service::enqueue(connection& c) {
-    unpoll(c);
+    if (c.watched != kept_events) unpoll(c);
     c.at = stage::waiting;
-    c.next_waiting = nullptr;
-    (last_waiting_ ? last_waiting_->next_waiting : first_waiting_) = &c;
-    last_waiting_ = &c;
+    const zb::frame_header& header = c.request.header();
+    const auto now = monotonic::now();
+    c.sent = std::max(c.sent, header.dated ? zb::time_of(header.date, now) : now);
+    c.overtaken = 0;
+    put_in_order(c);
+    ++waiting_count_;
+}
+
+// Requests run in the order in which they were sent. Only their dates tell that of one that came on
+// a kept connection and one whose caller was in the kernel's queue meanwhile. Dates may lie, so
+// nobody is overtaken more often than that queue is long.
+void zb_service::put_in_order(connection& c) {
+    connection* before = nullptr;  // the last one that stays in front
+    if (last_waiting_ && last_waiting_->sent <= c.sent) {
+        before = last_waiting_;
+    } else {
+        for (connection* each = first_waiting_; each; each = each->next_waiting) {
+            if (each->sent <= c.sent || each->overtaken >= zb::overtaken_at_most) before = each;
+        }
+    }
+    connection*& place = before ? before->next_waiting : first_waiting_;
+    for (connection* each = place; each; each = each->next_waiting) ++each->overtaken;
+    c.next_waiting = place;
+    place = &c;
+    if (!c.next_waiting) last_waiting_ = &c;
 }
 
 connection* zb_service::take_waiting() {
     connection* c = first_waiting_;
     if (!c) return nullptr;
-    first_waiting_ = c->next_waiting;
+    first_waiting_ = std::exchange(c->next_waiting, nullptr);
     if (!first_waiting_) last_waiting_ = nullptr;
+    --waiting_count_;
     return c;
 }
 
@@ -364,9 +409,7 @@ void zb_service::run(connection& c) {
             refuse(c, reply_status::malformed);
             return;
     }
-    // The entry closes a copy, which waits for nobody as long as the other one is here.
-    zb::descriptor copy;
-    if (c.passed.is_open()) copy.reset(fcntl(c.passed.get(), F_DUPFD_CLOEXEC, 0));
+    zb::descriptor copy = copy_for_entry(c.passed);
     if (copy.is_open() == c.passed.is_open()) c.io = new (std::nothrow) zb_io;
     if (!c.io) {
         refuse(c, reply_status::busy);
@@ -382,13 +425,27 @@ void zb_service::run(connection& c) {
     settle(c);
 }
 
+// The entry closes a copy, which waits for nobody as long as the other one is here.
+zb::descriptor zb_service::copy_for_entry(const zb::descriptor& passed) {
+    zb::descriptor copy;
+    if (!passed.is_open()) return copy;
+    copy.reset(fcntl(passed.get(), F_DUPFD_CLOEXEC, 0));
+    while (!copy.is_open() && errno == EMFILE) {
+        connection* idle = connections_.longest_idle();
+        if (!idle) break;
+        retire(*idle);
+        copy.reset(fcntl(passed.get(), F_DUPFD_CLOEXEC, 0));
+    }
+    return copy;
+}
+
 // The entry has returned: what it left is cleared up, and the caller learns what became of it.
 void zb_service::settle(connection& c) {
     delete std::exchange(c.io, nullptr);
     if (!c.answered) {
         refuse(c, reply_status::no_reply);
     } else if (c.reply.state() != zb::write_state::unsent) {
-        close(c);
+        finish(c);
     } else {
         now_ = monotonic::now();
         c.at = stage::sending;
@@ -397,10 +454,22 @@ void zb_service::settle(connection& c) {
     }
 }
 
+// The reply is sent, or nobody can be sent it.
+void zb_service::finish(connection& c) {
+    if (!c.kept || c.reply.state() != zb::write_state::sent) {
+        close(c);
+        return;
+    }
+    rest(c);
+    if (flushing_ && c.at == stage::idle) retire(c);
+}
+
 int zb_service::reply(connection& c) {
     if (c.answered) return -1;
     c.answered = true;
-    c.reply.start(std::move(c.io->content));
+    c.kept = c.request.header().keep && !stop_requested_ &&
+             (c.kept || zb::has_descriptors_to_spare(c.socket.get()));
+    c.reply.start(std::move(c.io->content), c.kept);
     if (!admit_reply(c)) {
         zb::send_status(c.socket.get(), reply_status::busy);
         c.reply.abandon();
@@ -440,33 +509,60 @@ void zb_service::write(connection& c) {
     const zb::write_state state = c.reply.send(c.socket.get());
     if (c.reply.sent() != before) c.progressed = now_;
     c.held.set(resource::unsent_bytes, c.reply.charge());
-    if (state != zb::write_state::unsent) close(c);
+    if (state != zb::write_state::unsent) finish(c);
 }
 
 // ---- Connections in the loop -------------------------------------------------------------------
 
 void zb_service::poll(connection& c, std::uint32_t events) {
-    if (c.polled) return;
-    if (!watch(c.socket.get(), connections_.key(c), events)) {
-        close(c);
+    note_deadline(c);
+    if (c.watched == events) return;
+    const int operation = c.watched != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    if (!watch(c.socket.get(), connections_.key(c), events, operation)) {
+        c.at == stage::idle ? retire(c) : close(c);
         return;
     }
-    c.polled = true;
-    ++polled_count_;
+    if (c.watched == 0) ++watched_count_;
+    c.watched = events;
+}
+
+void zb_service::note_deadline(const connection& c) {
+    if (watched_count_ == 0) next_deadline_ = monotonic::time_point::max();
+    next_deadline_ = std::min(next_deadline_, deadline(c));
 }
 
 // Never left to close(): a child of a fork may still hold the socket, and epoll would go on telling
 // of it.
 void zb_service::unpoll(connection& c) {
-    if (!std::exchange(c.polled, false)) return;
+    if (std::exchange(c.watched, 0) == 0) return;
     (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, c.socket.get(), nullptr);
-    --polled_count_;
+    --watched_count_;
 }
 
 void zb_service::close(connection& c) {
     unpoll(c);
     connections_.close(c);
     if (paused_) resume_listening();
+}
+
+// Waits for the caller's next request.
+void zb_service::rest(connection& c) {
+    c.request.reset();
+    c.reply.reset();
+    c.held.set(resource::unsent_bytes, 0);
+    c.answered = false;
+    c.at = stage::idle;
+    c.since = c.sent = monotonic::now();
+    poll(c, kept_events);
+}
+
+// Ends a connection that is idle. Nothing can be sent to it after the shutdown; a caller who was
+// sooner is told that his request is not run, so he may send it again.
+void zb_service::retire(connection& c) {
+    (void)shutdown(c.socket.get(), SHUT_RD);
+    if (look_at_caller(c.socket.get()) == caller_state::sends_more)
+        zb::send_status(c.socket.get(), reply_status::not_run);
+    close(c);
 }
 
 void zb_service::refuse(connection& c, reply_status status) {
@@ -479,6 +575,8 @@ void zb_service::refuse(connection& c, reply_status status) {
 void zb_service::give_up(connection& c) {
     if (c.at == stage::reading) {
         refuse(c, reply_status::busy);
+    } else if (c.at == stage::idle) {
+        retire(c);
     } else {
         close(c);
     }
@@ -486,9 +584,15 @@ void zb_service::give_up(connection& c) {
 
 void zb_service::expire() {
     if (paused_ && now_ >= resume_at_) resume_listening();
-    if (polled_count_ == 0) return;
+    if (watched_count_ == 0 || now_ < next_deadline_) return;
+    next_deadline_ = monotonic::time_point::max();
     for (connection& c : connections_) {
-        if (c.polled && now_ >= deadline(c)) give_up(c);
+        if (c.watched == 0) continue;
+        if (now_ >= deadline(c)) {
+            give_up(c);
+        } else {
+            note_deadline(c);
+        }
     }
 }
 
@@ -498,16 +602,19 @@ void zb_service::expire() {
 void zb_service::flush() {
     (void)epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.get(), nullptr);
     paused_ = false;
+    flushing_ = true;
     reply_patience_ = zb::flush_stall;
-    now_ = monotonic::now();
+    next_deadline_ = now_ = monotonic::now();
     for (connection& c : connections_) {
         if (c.at == stage::reading || c.at == stage::waiting) refuse(c, reply_status::no_reply);
+        if (c.at == stage::idle) retire(c);
         c.progressed = now_;
     }
     first_waiting_ = last_waiting_ = nullptr;
+    waiting_count_ = 0;
 
     const auto end = now_ + zb::flush_total;
-    while (polled_count_ > 0 && now_ < end) {
+    while (watched_count_ > 0 && now_ < end) {
         zb::deliver_signals();
         if (!wait(std::min(next_timeout_ms(), milliseconds_until(end, now_)))) break;
         expire();
@@ -516,4 +623,5 @@ void zb_service::flush() {
         if (c.at != stage::closed) close(c);
     }
     reply_patience_ = zb::reply_stall;
+    flushing_ = false;
 }

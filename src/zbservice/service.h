@@ -4,7 +4,8 @@
 // so a queue of requests never keeps a reader of a long reply waiting. The listener is asked for
 // callers until one has a complete request: the rest keep their place in the kernel's queue, which
 // is the order of arrival. A request is mostly there when its connection is accepted and is read at
-// once; epoll only ever learns of connections that have to be waited for.
+// once; epoll only ever learns of connections that have to be waited for, and of those that are
+// kept for their callers' next requests.
 #ifndef ZBSERVICE_SERVICE_H
 #define ZBSERVICE_SERVICE_H
 
@@ -37,7 +38,7 @@ struct zb_service {
 
   private:
     bool open_loop();
-    bool watch(int fd, std::uint64_t key, std::uint32_t events);
+    bool watch(int fd, std::uint64_t key, std::uint32_t events, int operation = EPOLL_CTL_ADD);
     int loop();
     bool wait(int timeout_ms);
     int next_timeout_ms() const;
@@ -57,17 +58,23 @@ struct zb_service {
     void bound_unfinished(const zb::account& user);
     zb::connection* unfinished_to_drop(const zb::account& user);
     void enqueue(zb::connection& c);
+    void put_in_order(zb::connection& c);
     zb::connection* take_waiting();
 
     void run(zb::connection& c);
+    zb::descriptor copy_for_entry(const zb::descriptor& passed);
     void settle(zb::connection& c);
+    void finish(zb::connection& c);
     bool admit_reply(zb::connection& c);
     const zb::account* in_the_way_of(const zb::connection& c) const;
     void write(zb::connection& c);
 
     void poll(zb::connection& c, std::uint32_t events);
     void unpoll(zb::connection& c);
+    void note_deadline(const zb::connection& c);
     void close(zb::connection& c);
+    void rest(zb::connection& c);
+    void retire(zb::connection& c);
     void refuse(zb::connection& c, zb::reply_status status);
     void give_up(zb::connection& c);
     void expire();
@@ -86,9 +93,13 @@ struct zb_service {
     zb::connection_table connections_;
     zb::connection* first_waiting_ = nullptr;
     zb::connection* last_waiting_ = nullptr;
-    int polled_count_ = 0;
-    bool paused_ = false;  // the listener is not polled until resume_at_
+    std::size_t waiting_count_ = 0;
+    zb::monotonic::time_point last_taken_;  // when the last caller from the kernel's queue sent
+    std::size_t watched_count_ = 0;
+    zb::monotonic::time_point next_deadline_;  // of no connection is it sooner
+    bool paused_ = false;                      // the listener is not polled until resume_at_
     zb::monotonic::time_point resume_at_;
+    bool flushing_ = false;
     std::chrono::seconds reply_patience_ = zb::reply_stall;
     zb::monotonic::time_point now_;
     std::array<char, zb::receive_bytes> received_;

@@ -12,11 +12,18 @@ namespace {
 constexpr int pause_milliseconds = 1;
 }
 
-patient_wait::patient_wait(std::chrono::seconds patience) : patience_(patience) { restart(); }
+patient_wait::patient_wait(std::chrono::seconds patience) : patience_(patience) {}
 
-void patient_wait::restart() { deadline_ = clock::now() + patience_; }
+// Most calls come to their end without asking for the time.
+void patient_wait::count() {
+    if (!counts_) deadline_ = clock::now() + patience_;
+    counts_ = true;
+}
 
-bool patient_wait::is_over() const { return clock::now() >= deadline_; }
+bool patient_wait::is_over() {
+    count();
+    return clock::now() >= deadline_;
+}
 
 void patient_wait::pause() { (void)poll_once(-1, 0, pause_milliseconds); }
 
@@ -42,9 +49,13 @@ short patient_wait::poll_once(int socket, short events, int milliseconds) {
 }
 
 // Rounded up, so that a wait never ends just before the deadline only to start again.
-int patient_wait::milliseconds_left() const {
+int patient_wait::milliseconds_left() {
     using std::chrono::ceil;
     using std::chrono::milliseconds;
+    if (!counts_) {
+        count();
+        return static_cast<int>(std::min<long long>(milliseconds(patience_).count(), INT_MAX));
+    }
     const auto left = ceil<milliseconds>(deadline_ - clock::now()).count();
     return static_cast<int>(std::clamp<long long>(left, 0, INT_MAX));
 }

@@ -12,6 +12,9 @@
  *  4. The library starts no threads, blocks no signals, raises no SIGPIPE, retries what a signal
  *     interrupts, and opens every descriptor close-on-exec. An endpoint to which descriptors were
  *     sent closes them in a child process, which ends at once and is waited for.
+ *     A thread that calls an address again keeps the connection for its next calls (see
+ *     docs/zbservice.md): at most 4 for each thread, closed when it ends, when they have not been
+ *     used for 5 seconds, and in a forked child.
  *  5. Who may talk to whom: root, the own (effective) user, and the members of the group that the
  *     line "group NAME_OR_NUMBER" in /etc/zbservice.conf names, if there is one. An endpoint
  *     refuses all other callers before it reads a byte of theirs; a call refuses an endpoint that

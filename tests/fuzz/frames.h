@@ -1,4 +1,4 @@
-// The frames' layout as docs/wire-format.md has it, apart from the code that is held against it.
+// The frames' layout as docs/zbservice.md has it, apart from the code that is held against it.
 #ifndef TESTS_FUZZ_FRAMES_H
 #define TESTS_FUZZ_FRAMES_H
 
@@ -12,6 +12,11 @@ inline constexpr size_t header_size = 16;
 inline bool is_header(std::string_view bytes, char kind) {
     return bytes.starts_with("zbus\1") && bytes[5] == kind;
 }
+
+// Parts of the kind: a request that says when it was sent, in the upper half of its length, and a
+// frame after which the connection is kept.
+inline constexpr char dated_flag = 0x10;
+inline constexpr char keep_flag = 0x20;
 
 inline uint64_t little_endian(std::string_view bytes) {
     uint64_t value = 0;

@@ -12,12 +12,21 @@ namespace {
 
 using zb::read_state;
 
-// What the bytes are, read from the layout in docs/wire-format.md.
+// What the bytes are, read from the layout in docs/zbservice.md.
+bool is_request(std::string_view bytes) {
+    return bytes.starts_with("zbus\1") && (bytes[5] & ~(dated_flag | keep_flag)) == 1;
+}
+
+uint64_t body_size_of(std::string_view bytes) {
+    const uint64_t length = length_of(bytes);
+    return (bytes[5] & dated_flag) != 0 ? length & 0xffffffff : length;
+}
+
 read_state judge(std::string_view bytes) {
     if (bytes.size() < header_size) return read_state::incomplete;
     const uint64_t method_size = detail_of(bytes);
-    const uint64_t body_size = length_of(bytes);
-    if (!is_header(bytes, 1) || method_size == 0) {
+    const uint64_t body_size = body_size_of(bytes);
+    if (!is_request(bytes) || method_size == 0) {
         return read_state::malformed;
     }
     if (method_size > zb::max_method_bytes || body_size > zb::max_request_bytes) {

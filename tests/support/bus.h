@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -97,12 +98,43 @@ inline std::size_t open_descriptors() {
         std::distance(directory_iterator("/proc/self/fd"), directory_iterator()));
 }
 
-// Declared before all else in a test: at the end as many descriptors are open as before. Only the
-// bus's own one for signals, which is opened once, is open already.
+// Whether a descriptor is this end of a connection to an endpoint.
+inline bool is_connected_to_endpoint(int fd) {
+    sockaddr_un name = {};
+    socklen_t length = sizeof name;
+    return getpeername(fd, reinterpret_cast<sockaddr*>(&name), &length) == 0 &&
+           name.sun_family == AF_UNIX && length > offsetof(sockaddr_un, sun_path);
+}
+
+// The connections that this process's calls have kept: at most one for each thread and address.
+inline std::size_t kept_connections() {
+    using std::filesystem::directory_iterator;
+    const auto is_kept = [](const auto& each) {
+        return is_connected_to_endpoint(std::stoi(each.path().filename()));
+    };
+    return static_cast<std::size_t>(
+        std::count_if(directory_iterator("/proc/self/fd"), directory_iterator(), is_kept));
+}
+
+// Makes them end for their endpoints; the calls find that out.
+inline void end_kept_connections() {
+    for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
+        const int fd = std::stoi(each.path().filename());
+        if (is_connected_to_endpoint(fd)) (void)shutdown(fd, SHUT_RDWR);
+    }
+}
+
+// Declared before all else in a test: at the end as many descriptors are open as before, but for
+// the one connection that the test's own thread may have kept, as it calls no more than one address
+// more than once. The bus's own one for signals, which is opened once, is open already.
 class leak_check {
   public:
-    leak_check() : before_(open_before()) {}
-    ~leak_check() { EXPECT_EQ(open_descriptors(), before_) << "descriptors leak"; }
+    leak_check() : before_(open_before()), kept_before_(kept_connections()) {}
+    ~leak_check() {
+        const std::size_t kept = kept_connections();
+        EXPECT_LE(kept, kept_before_ + 1);
+        EXPECT_EQ(open_descriptors() - kept, before_ - kept_before_) << "descriptors leak";
+    }
     leak_check(const leak_check&) = delete;
     leak_check& operator=(const leak_check&) = delete;
 
@@ -112,6 +144,7 @@ class leak_check {
         return open_descriptors();
     }
     std::size_t before_;
+    std::size_t kept_before_;
 };
 
 struct channel {
@@ -147,10 +180,37 @@ inline std::string request_frame(std::string_view method, std::string_view body)
     return header(1, 1, method.size(), body.size()) + std::string(method) + std::string(body);
 }
 
-enum status : std::uint16_t { replied, no_reply, refused, too_large, busy, malformed };
+// As this version's calls send it. Each has a date of its own.
+enum keeping : bool { keep_not, keep };
+
+inline std::uint32_t next_date() {
+    static std::uint32_t last = 0;
+    const auto now = [] {
+        return static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                                              std::chrono::steady_clock::now().time_since_epoch())
+                                              .count());
+    };
+    std::uint32_t date = now();
+    while (date == last) date = now();
+    return last = date;
+}
+
+inline std::string dated_frame(std::string_view method, std::string_view body, keeping keeps,
+                               std::uint32_t date = next_date()) {
+    const char kind = keeps ? 0x31 : 0x11;
+    return header(1, kind, method.size(), std::uint64_t{date} << 32 | body.size()) +
+           std::string(method) + std::string(body);
+}
+
+enum status : std::uint16_t { replied, no_reply, refused, too_large, busy, malformed, not_run };
 
 inline std::string reply_frame(status how, std::string_view body = "") {
     return header(1, 2, how, body.size()) + std::string(body);
+}
+
+// A reply after which the connection is kept.
+inline std::string kept_frame(std::string_view body) {
+    return header(1, 0x22, replied, body.size()) + std::string(body);
 }
 
 // ---- Sockets by hand ---------------------------------------------------------------------------
@@ -186,7 +246,7 @@ class raw_stream {
         return true;
     }
 
-    bool send_with(std::string_view bytes, const std::vector<int>& fds) {
+    bool send_with(std::string_view bytes, const std::vector<int>& fds, int flags = 0) {
         std::vector<char> control(CMSG_SPACE(fds.size() * sizeof(int)));
         iovec part = {const_cast<char*>(bytes.data()), bytes.size()};
         msghdr message = {};
@@ -199,7 +259,8 @@ class raw_stream {
         rights->cmsg_type = SCM_RIGHTS;
         rights->cmsg_len = CMSG_LEN(fds.size() * sizeof(int));
         std::memcpy(CMSG_DATA(rights), fds.data(), fds.size() * sizeof(int));
-        return sendmsg(fd_.get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+        return sendmsg(fd_.get(), &message, MSG_NOSIGNAL | flags) ==
+               static_cast<ssize_t>(bytes.size());
     }
 
     // At most this many bytes; fewer at the end of the stream.

@@ -25,10 +25,10 @@ class lingering_sockets {
     }
 
     // Hands them over; the only copies are the receiver's then.
-    bool send_through(raw_stream& stream, std::string_view bytes) {
+    bool send_through(raw_stream& stream, std::string_view bytes, int flags = 0) {
         std::vector<int> fds;
         for (const file& each : made_) fds.push_back(each.get());
-        const bool sent = stream.send_with(bytes, fds);
+        const bool sent = stream.send_with(bytes, fds, flags);
         made_.clear();
         return sent;
     }

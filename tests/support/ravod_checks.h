@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ravo_api.h"
+#include "support/bus.h"
 #include "support/daemon.h"
 #include "support/files.h"
 
@@ -142,8 +143,10 @@ inline std::map<int, std::string> descriptors_of(pid_t pid) {
     return targets;
 }
 
-// How many descriptors a daemon has open when it waits for callers and has none.
+// How many descriptors a daemon has open when it waits for callers and has none: this process's
+// calls have kept a connection until now.
 inline size_t idle_descriptors(pid_t pid) {
+    bus_test::end_kept_connections();
     while (!proc_status(pid, "State").starts_with("S")) sched_yield();
     return descriptors_of(pid).size();
 }
