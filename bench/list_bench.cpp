@@ -39,7 +39,7 @@ namespace {
 using row = db_conn_server_log;
 constexpr size_t largest = 100000;
 constexpr size_t largest_reply = sizeof(db_conn_server_log_query) + largest * sizeof(row);
-constexpr size_t held_more_kib = 8 * 1024;  // that the daemon may hold after the largest listing
+constexpr size_t held_more_kib = 8192;  // that the daemon may hold after the largest listing
 
 // --- Bytes from another process ------------------------------------------------------------------
 
@@ -243,9 +243,10 @@ void list_plainly(const other_process& server, size_t rows) {
         server.receive(reply.data + reply.used, step);
         reply.used += step;
     }
-    auto* array = static_cast<char*>(calloc(rows, sizeof(row)));
+    auto* array = static_cast<row*>(calloc(rows, sizeof(row)));
+    if (array == nullptr) bench::give_up("no memory");
     memcpy(array, reply.data + sizeof(size_t), rows * sizeof(row));
-    if (reinterpret_cast<row*>(array)[rows - 1].id == 0) bench::give_up("the plain way lost rows");
+    if (array[rows - 1].id == 0) bench::give_up("the plain way lost rows");
     reply.release();
     free(array);
 }

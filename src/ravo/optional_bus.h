@@ -8,12 +8,8 @@
 
 #include "zbservice.h"
 
-extern "C" {
-__attribute__((weak)) int zb_io_adopt(zb_io* io, void* block, size_t length);
-__attribute__((weak)) int zb_call_into(const char* path, const char* method, zb_io* io,
-                                       int timeout_s, int fd, size_t head_length, zb_place_fn place,
-                                       void* arg);
-}
+#pragma weak zb_io_adopt
+#pragma weak zb_call_into
 
 // Whether an optional function is there, and from the library that the other one is from.
 template <class Optional, class Other>

@@ -297,8 +297,8 @@ void serve() {
 }
 
 // A large block is mapped by itself, whatever was freed before, so that a listing's memory is zero
-// when it comes and goes back whole: what the daemon holds makes each of its forks longer. What lies
-// free behind the small blocks is left there for the next page.
+// when it comes and goes back whole: what the daemon holds makes each of its forks longer. What
+// lies free behind the small blocks is left there for the next page.
 void map_large_blocks() {
     (void)mallopt(M_MMAP_THRESHOLD, 256 * 1024);
     (void)mallopt(M_TRIM_THRESHOLD, 1024 * 1024);
