@@ -13,25 +13,36 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-// The names that nm lists, sorted.
+// What nm lists, sorted: a letter for the kind of symbol and the name.
 strings symbols(const std::string& options, const std::string& path) {
-    const std::string command = "nm -D --format=just-symbols " + options + " '" + path + "'";
+    const std::string command = "nm -D --format=posix " + options + " '" + path + "'";
     FILE* out = popen(command.c_str(), "re");
     std::string text;
     char part[4096];
     while (fgets(part, sizeof part, out) != nullptr) text += part;
     EXPECT_EQ(pclose(out), 0) << command;
-    strings names = split_lines(text);
-    std::sort(names.begin(), names.end());
-    return names;
+    strings found;
+    for (const std::string& line : split_lines(text)) {
+        const size_t end = line.find(' ');
+        found.push_back(line.substr(end + 1, 2) + line.substr(0, end));
+    }
+    std::sort(found.begin(), found.end());
+    return found;
 }
 
-strings bus_functions_wanted_by(const std::string& path) {
-    strings names;
-    for (const std::string& name : symbols("--undefined-only", path)) {
-        if (name.rfind("zb_", 0) == 0) names.push_back(name);
+strings names_of(strings found) {
+    for (std::string& symbol : found) symbol.erase(0, 2);
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+// Those without which the program does not start (U), or those that may be missing (w).
+strings bus_functions_wanted_by(const std::string& path, const std::string& kind) {
+    strings found;
+    for (const std::string& symbol : symbols("--undefined-only", path)) {
+        if (symbol.rfind(kind + " zb_", 0) == 0) found.push_back(symbol);
     }
-    return names;
+    return names_of(found);
 }
 
 }  // namespace
@@ -40,17 +51,27 @@ TEST(exports, client_library_exports_its_functions_and_nothing_else) {
     strings expected = split_lines(read_file(EXPORTS_FOLDER "/ravo_client.txt"));
     ASSERT_FALSE(expected.empty());
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(symbols("--defined-only", CLIENT_LIBRARY), expected);
+    EXPECT_EQ(names_of(symbols("--defined-only", CLIENT_LIBRARY)), expected);
 }
 
 TEST(exports, client_library_wants_only_what_every_bus_library_has) {
-    EXPECT_EQ(bus_functions_wanted_by(CLIENT_LIBRARY),
+    EXPECT_EQ(bus_functions_wanted_by(CLIENT_LIBRARY, "w"), (strings{"zb_call_into"}));
+    EXPECT_EQ(bus_functions_wanted_by(CLIENT_LIBRARY, "U"),
               (strings{"zb_call", "zb_io_create", "zb_io_free", "zb_io_read", "zb_io_write"}));
 }
 
 TEST(exports, daemon_wants_only_what_every_bus_library_has) {
+    EXPECT_EQ(bus_functions_wanted_by(RAVOD, "w"), (strings{"zb_io_adopt"}));
     EXPECT_EQ(
-        bus_functions_wanted_by(RAVOD),
+        bus_functions_wanted_by(RAVOD, "U"),
         (strings{"zb_call", "zb_create", "zb_free", "zb_io_create", "zb_io_free", "zb_io_read",
                  "zb_io_realloc", "zb_io_write", "zb_reply", "zb_signal", "zb_start", "zb_stop"}));
+}
+
+TEST(exports, stand_in_has_nothing_but_what_every_bus_library_has) {
+    strings names = names_of(symbols("--defined-only", STANDIN_LIBRARY));
+    std::erase_if(names, [](const std::string& name) { return name.rfind("zb_", 0) != 0; });
+    EXPECT_EQ(names, (strings{"zb_call", "zb_create", "zb_free", "zb_io_create", "zb_io_free",
+                              "zb_io_read", "zb_io_realloc", "zb_io_write", "zb_reply", "zb_signal",
+                              "zb_start", "zb_stop"}));
 }

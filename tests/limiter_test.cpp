@@ -14,13 +14,13 @@
 #include "support/sql_trace.h"
 
 namespace {
-bool reallocarray_fails = false;
+bool calloc_fails = false;
 }
 
 // The store's growth of a listing (the linker puts this in its place).
-extern "C" void* __real_reallocarray(void* block, size_t count, size_t size);
-extern "C" void* __wrap_reallocarray(void* block, size_t count, size_t size) {
-    return reallocarray_fails ? nullptr : __real_reallocarray(block, count, size);
+extern "C" void* __real_calloc(size_t count, size_t size);
+extern "C" void* __wrap_calloc(size_t count, size_t size) {
+    return calloc_fails ? nullptr : __real_calloc(count, size);
 }
 
 namespace {
@@ -907,9 +907,9 @@ TEST_F(limiter, listing_without_memory_tells_of_each_row) {
     cond.count = -1;
     db_privilege_user_block_query header = {};
     db_privilege_user_block_query* result = &header;
-    reallocarray_fails = true;
+    calloc_fails = true;
     EXPECT_EQ(select_privilege_user_block(&cond, &result), 0);
-    reallocarray_fails = false;
+    calloc_fails = false;
     EXPECT_EQ(header.count, 0U);
     EXPECT_EQ(header.total, 2U);
     EXPECT_EQ(header.data, nullptr);
@@ -919,11 +919,11 @@ TEST_F(limiter, listing_without_memory_tells_of_each_row) {
 
 TEST_F(limiter, decisions_need_no_memory_for_rows) {
     fail_times("alice", 2);
-    reallocarray_fails = true;
+    calloc_fails = true;
     fail("alice");
     EXPECT_EQ(check("alice"), 1);
     lift("alice");
-    reallocarray_fails = false;
+    calloc_fails = false;
     EXPECT_EQ(notifications(), (texts{blocked("alice"), unblocked("alice")}));
     EXPECT_EQ(log_lines(), no_texts);
 }

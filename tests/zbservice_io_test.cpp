@@ -128,6 +128,7 @@ TEST(zbservice, exports_its_interface_and_nothing_else) {
     while (std::fgets(part, sizeof part, out)) names += part;
     EXPECT_EQ(pclose(out), 0);
     EXPECT_EQ(names,
-              "zb_call\nzb_create\nzb_free\nzb_io_create\nzb_io_free\nzb_io_read\nzb_io_realloc\n"
-              "zb_io_write\nzb_reply\nzb_signal\nzb_start\nzb_stop\nzb_strerror\n");
+              "zb_call\nzb_call_into\nzb_create\nzb_free\nzb_io_adopt\nzb_io_create\nzb_io_free\n"
+              "zb_io_read\nzb_io_realloc\nzb_io_write\nzb_reply\nzb_signal\nzb_start\nzb_stop\nzb_"
+              "strerror\n");
 }

@@ -9,7 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
+#include "large_pages.h"
+#include "optional_bus.h"
 #include "ravo_api.h"
 #include "ravo_log.h"
 
@@ -31,6 +34,16 @@ int call(const io_buffer& io, const char* method, const void* payload, size_t si
     return zb_call(endpoint, method, io.get(), timeout_seconds, -1);
 }
 
+// Like call(). A bus that can receives what is behind the head to its place; any other one's reply
+// is in io as a whole.
+static int call_into(const io_buffer& io, const char* method, const void* payload, size_t size,
+                     size_t head, zb_place_fn place, void* arg) {
+    static const bool can_call_into = is_from_library_of(zb_call_into, zb_call);
+    if (!can_call_into) return call(io, method, payload, size);
+    if (zb_io_write(io.get(), payload, size) != 0) return ZB_ERROR_MEMORY;
+    return zb_call_into(endpoint, method, io.get(), timeout_seconds, -1, head, place, arg);
+}
+
 }  // namespace ravo_api
 
 namespace {
@@ -50,33 +63,71 @@ int send_name(const char* method, const char* username) {
     return call(create_io(), method, username, strlen(username));
 }
 
-// Unpacks a query's reply into the caller's header. Returns false, with the header untouched, when
-// the reply is shorter than it says or there is no memory for its rows.
+// A query's reply: received to its array, or unpacked into it.
 template <class Query>
-bool unpack_rows(zb_io* io, Query& result) {
-    using row = std::remove_pointer_t<decltype(result.data)>;
-    size_t length = 0;
-    const auto* reply = static_cast<const char*>(zb_io_read(io, &length));
-    if (reply == nullptr || length < sizeof result) return false;
-    Query header;
-    memcpy(&header, reply, sizeof header);
-    if (header.count > (length - sizeof header) / sizeof(row)) return false;
-    header.data = static_cast<row*>(calloc(header.count, sizeof(row)));
-    if (header.data == nullptr && header.count != 0) return false;
-    if (header.count != 0) {
-        memcpy(header.data, reply + sizeof header, header.count * sizeof(row));
+class reply_rows {
+  public:
+    using row = std::remove_pointer_t<decltype(Query::data)>;
+
+    reply_rows() = default;
+    ~reply_rows() { free(array_); }
+    reply_rows(const reply_rows&) = delete;
+    reply_rows& operator=(const reply_rows&) = delete;
+
+    // zb_call_into()'s question. The array has room for all that comes: a reply may be longer than
+    // its header says.
+    static void* place(void* arg, const void* header, size_t rest) {
+        auto& self = *static_cast<reply_rows*>(arg);
+        self.is_refused_ = !self.read_header(header, rest) ||
+                           !self.make_array(rest / sizeof(row) + (rest % sizeof(row) != 0));
+        return self.array_;
     }
-    result = header;
-    return true;
-}
+    bool is_refused() const { return is_refused_; }
+
+    // After the call. False: the reply is shorter than it says, or there is no memory for its rows.
+    bool unpack(zb_io* io) {
+        if (array_ != nullptr) return true;
+        size_t length = 0;
+        const auto* reply = static_cast<const char*>(zb_io_read(io, &length));
+        if (reply == nullptr || length < sizeof header_) return false;
+        if (!read_header(reply, length - sizeof header_) || !make_array(header_.count))
+            return false;
+        if (header_.count != 0) memcpy(array_, reply + sizeof header_, header_.count * sizeof(row));
+        return true;
+    }
+
+    // The header with its array, which is the caller's from now on.
+    Query take() {
+        header_.data = static_cast<row*>(std::exchange(array_, nullptr));
+        return header_;
+    }
+
+  private:
+    bool read_header(const void* bytes, size_t rest) {
+        memcpy(&header_, bytes, sizeof header_);
+        return header_.count <= rest / sizeof(row);
+    }
+    bool make_array(size_t rows) {
+        array_ = calloc(rows, sizeof(row));
+        zb::use_large_pages(array_, rows * sizeof(row));
+        return array_ != nullptr || rows == 0;
+    }
+
+    Query header_{};
+    void* array_ = nullptr;
+    bool is_refused_ = false;
+};
 
 // Returns the call's result. A call that failed leaves the caller's header untouched.
 template <class Query>
 int try_list(const char* method, const db_query_cond* cond, Query** result) {
     const io_buffer io = create_io();
-    const int status = call(io, method, cond, sizeof *cond);
-    if (status != 0) return status;
-    return unpack_rows(io.get(), **result) ? 0 : ZB_ERROR_PROTOCOL;
+    reply_rows<Query> rows;
+    const int status = ravo_api::call_into(io, method, cond, sizeof *cond, sizeof(Query),
+                                           reply_rows<Query>::place, &rows);
+    if (rows.is_refused() || (status == 0 && !rows.unpack(io.get()))) return ZB_ERROR_PROTOCOL;
+    if (status == 0) **result = rows.take();
+    return status;
 }
 
 // Deliberate: returns 0 whatever happened.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "optional_bus.h"
 #include "ravo_records.h"
 #include "ravod_db_conn_client_handler.h"
 #include "ravod_db_device_info_handler.h"
@@ -47,17 +48,25 @@ int do_write(zb_io* io, int (*store)(Record*)) {
     return acknowledge(io, store(&record));
 }
 
+// Appends a block from calloc() to the payload and releases it: handed over, or else copied.
+bool append_block(zb_io* io, void* block, size_t size) {
+    static const bool can_adopt = is_from_library_of(zb_io_adopt, zb_reply);
+    if (can_adopt && zb_io_adopt(io, block, size) == 0) return true;
+    const bool written = size == 0 || zb_io_write(io, block, size) == 0;
+    free(block);
+    return written;
+}
+
 // Replies with a query's header as it lies in memory and its rows, and releases both. A reply that
 // cannot be built is no reply.
 template <class Query>
 int reply_rows(zb_io* io, Query* result) {
     zb_io_realloc(io, 0);
-    bool built = zb_io_write(io, result, sizeof *result) == 0;
-    if (built && result->count != 0) {
-        built = zb_io_write(io, result->data, result->count * sizeof *result->data) == 0;
-    }
+    const bool has_header = zb_io_write(io, result, sizeof *result) == 0;
+    const size_t size = result->count * sizeof *result->data;
+    const bool built = has_header && append_block(io, result->data, size);
+    if (!has_header) free(result->data);
     if (built) zb_reply(io);
-    free(result->data);
     free(result);
     return built ? 0 : refuse(io);
 }

@@ -18,6 +18,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -30,6 +31,7 @@
 #include <thread>
 #include <type_traits>
 
+#include "large_pages.h"
 #include "ravo_log.h"
 #include "ravo_records.h"
 #include "record_field.h"
@@ -42,8 +44,9 @@ inline constexpr int64_t trim_rows = 2000;  // oldest rows that go when the cap 
 inline constexpr int64_t visible_rows =
     100000;                                     // newest rows that a query sees, page and total cap
 inline constexpr size_t statement_size = 4096;  // bytes of a statement buffer, its NUL included
-inline constexpr size_t field_cap = 128;        // column names that a module can hold
-inline constexpr size_t field_name_size = 40;   // bytes of a column name, its NUL included
+inline constexpr size_t small_rows_size = 256 * 1024;  // bytes of a small page's block, at most
+inline constexpr size_t field_cap = 128;               // column names that a module can hold
+inline constexpr size_t field_name_size = 40;          // bytes of a column name, its NUL included
 
 // Waiting for another program's lock. The time is less than half of what any caller waits, because
 // those behind it in the queue wait as well. It is looked for often, so that a program that lets go
@@ -535,10 +538,21 @@ class filter_fence {
     int pattern_size = 0;
 };
 
-// The rows of one page as they arrive: a block for free(), and the rows in it.
+// The LIMIT of a page; a negative one is none.
+inline int64_t page_limit(const db_query_cond& cond) {
+    return cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
+}
+
+// The rows of one page as they arrive: a block for free(), and the rows in it. Behind them the
+// block is zero, as calloc() gives it: a row is filled without being cleared first.
+//
+// A page that outgrows a small block gets room for all the rows that it may have at once. The
+// system gives memory for that only as rows are written, so nothing of a large page is ever there
+// twice.
 struct row_collector {
     std::span<const column> columns;
     size_t row_size;
+    uint64_t most;  // that there will be, unless a filter cuts off the LIMIT
     char* data;
     uint64_t count;
     uint64_t capacity;
@@ -574,15 +588,26 @@ inline void read_field(const column& c, const char* text, char* record) {
     }
 }
 
-// Doubles the block when it is full. False: no memory, and everything is as it was.
-inline bool make_room(row_collector& rows) {
-    if (rows.count < rows.capacity) return true;
-    const uint64_t capacity = rows.capacity == 0 ? 1 : rows.capacity * 2;
-    void* block = reallocarray(rows.data, capacity, rows.row_size);
+// Moves the rows to a block with room for so many. False: no memory, and everything is as it was.
+inline bool move_rows(row_collector& rows, uint64_t capacity) {
+    void* block = calloc(capacity, rows.row_size);
     if (block == nullptr) return false;
+    zb::use_large_pages(block, capacity * rows.row_size);
+    if (rows.count != 0) memcpy(block, rows.data, rows.count * rows.row_size);
+    free(rows.data);
     rows.data = static_cast<char*>(block);
     rows.capacity = capacity;
     return true;
+}
+
+// A larger block when it is full, as large as it will ever have to be if that is to be had.
+inline bool make_room(row_collector& rows) {
+    if (rows.count < rows.capacity) return true;
+    const uint64_t small = std::max(small_rows_size / rows.row_size, uint64_t{1});
+    const uint64_t more = std::max(small, 2 * rows.capacity);
+    if (rows.most <= rows.capacity) return move_rows(rows, more);
+    if (rows.capacity < small) return move_rows(rows, std::min(small, rows.most));
+    return move_rows(rows, rows.most) || move_rows(rows, more);
 }
 
 // Fills a record's fields from a row. A row that is too short ends in columns without a value.
@@ -595,9 +620,7 @@ inline void read_row(std::span<const column> columns, std::span<char*> values, c
 // Appends one row. False: there was no memory for it, and it is dropped.
 inline bool append_row(row_collector& rows, std::span<char*> values) {
     if (!make_room(rows)) return false;
-    char* record = rows.data + rows.count * rows.row_size;
-    memset(record, 0, rows.row_size);
-    read_row(rows.columns, values, record);
+    read_row(rows.columns, values, rows.data + rows.count * rows.row_size);
     ++rows.count;
     return true;
 }
@@ -634,14 +657,13 @@ inline sql_text filter_text(const db_query_cond& cond) {
 
 inline void select_page(table_state& t, const db_query_cond& cond, row_callback on_row, void* arg,
                         const call_site& at) {
-    const int64_t limit = cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
     const int64_t first_id = first_visible_id(t, at);
     const sql_text filter = filter_text(cond);
     const sql_text page =
         !filter ? nullptr
                 : sql("SELECT * FROM %s WHERE %s id >= %ld ORDER BY %s %s LIMIT %ld OFFSET %ld;",
                       t.__db_table_name_str, filter.get(), first_id, t.__db_fields[cond.order_by],
-                      direction(cond.order_style), limit, cond.start);
+                      direction(cond.order_style), page_limit(cond), cond.start);
     if (!filter || *filter == '\0') {
         (void)run(t, page, at, on_row, arg);
         return;
@@ -696,8 +718,13 @@ struct table {
     int select(const db_query_cond& cond, Query& result, const call_site& at,
                row_callback on_row = select_callback) {
         static_assert(std::is_same_v<decltype(result.data), Row*>);
-        row_collector rows{state.columns, sizeof(Row), reinterpret_cast<char*>(result.data),
-                           result.count, result.count};
+        const int64_t limit = page_limit(cond) < 0 ? visible_rows : page_limit(cond);
+        row_collector rows{state.columns,
+                           sizeof(Row),
+                           result.count + static_cast<uint64_t>(limit),
+                           reinterpret_cast<char*>(result.data),
+                           result.count,
+                           result.count};
         const int status = query_rows(state, cond, on_row, &rows, result.total, at);
         result.data = reinterpret_cast<Row*>(rows.data);
         result.count = rows.count;

@@ -182,17 +182,43 @@ int receive(int socket, char* target, std::size_t room, patient_wait& time, std:
     }
 }
 
-// Receives the rest of a long reply in place, behind what has come with its header.
-int receive_long(int socket, std::size_t length, payload& reply, patient_wait& time) {
-    while (reply.size() < length) {
-        std::size_t room = 0;
-        std::size_t received = 0;
-        char* target = reply.make_room(length, room);
-        if (!target) return ZB_ERROR_MEMORY;
-        if (const int error = receive(socket, target, room, time, received)) return error;
-        reply.extend(received);
+// Receives bytes in place, the first of which may have come before.
+class arrival {
+  public:
+    arrival(int socket, std::string_view come, patient_wait& time)
+        : socket_(socket), come_(come), time_(time) {}
+
+    int receive_whole(char* target, std::size_t length) {
+        const std::size_t known = std::min(come_.size(), length);
+        std::memcpy(target, come_.data(), known);
+        come_.remove_prefix(known);
+        std::size_t taken = known;
+        while (taken < length) {
+            std::size_t received = 0;
+            const int error = receive(socket_, target + taken, length - taken, time_, received);
+            if (error) return error;
+            taken += received;
+        }
+        return ZB_OK;
     }
-    return ZB_OK;
+
+  private:
+    const int socket_;
+    std::string_view come_;
+    patient_wait& time_;
+};
+
+// Receives a reply of so many bytes: whole into a payload, or behind its head to where the caller
+// wants it.
+int receive_payload(arrival& bytes, std::size_t length, const reply_place* place, payload& reply) {
+    const std::size_t head = place ? std::min(place->head, length) : length;
+    if (!reply.expect(head)) return ZB_ERROR_MEMORY;
+    if (const int error = bytes.receive_whole(reply.end(), head)) return error;
+    reply.extend(head);
+    if (head == length) return ZB_OK;
+    void* rest = place->place(place->arg, reply.data(), length - head);
+    if (!rest) return ZB_ERROR_MEMORY;
+    return bytes.receive_whole(static_cast<char*>(rest), length - head);
 }
 
 // What is answered has been run, however the connection ends.
@@ -220,10 +246,11 @@ int receive_reply(int socket, payload& content, patient_wait& time, bool& is_kep
 
     const char* start = first.data() + header_bytes;
     const std::size_t length = taken - header_bytes;
-    if (header.length == length) return content.assign(start, length) ? ZB_OK : ZB_ERROR_MEMORY;
+    if (header.length == length && !content.place_of_reply)
+        return content.assign(start, length) ? ZB_OK : ZB_ERROR_MEMORY;
     payload reply;  // the request stays in the caller's buffer until all of this is there
-    if (!reply.append(start, length)) return ZB_ERROR_MEMORY;
-    const int error = receive_long(socket, header.length, reply, time);
+    arrival bytes(socket, {start, length}, time);
+    const int error = receive_payload(bytes, header.length, content.place_of_reply, reply);
     if (!error) content.swap(reply);
     return error_in_reply(error);
 }

@@ -11,11 +11,23 @@
 #include <utility>
 
 #include "bounds.h"
+#include "large_pages.h"
 
 namespace zb {
 namespace {
 constexpr std::size_t smallest_block = 64;
 constexpr std::size_t kept_block = 64 * kib;  // a larger one goes back when the payload is emptied
+
+// Gives back the pages of a block's bytes from `from` to `to`. A large page goes as a whole, with
+// the bytes that come to its end, and the block's first page, which is shared, never.
+void give_back_pages(char* block, std::size_t from, std::size_t to) {
+    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+    const auto start = reinterpret_cast<std::uintptr_t>(block);
+    const std::uintptr_t own = (start + page - 1) / page * page;
+    const std::uintptr_t first = std::max((start + from) / large_page * large_page, own);
+    const std::uintptr_t last = (start + to) / large_page * large_page;
+    if (first < last) (void)madvise(block + (first - start), last - first, MADV_DONTNEED);
+}
 }  // namespace
 
 payload& payload::operator=(payload&& other) noexcept {
@@ -25,7 +37,8 @@ payload& payload::operator=(payload&& other) noexcept {
 }
 
 bool payload::append(const void* data, std::size_t length, std::size_t limit) {
-    if (length > max_reply_bytes - length_ || !reserve(length_ + length, limit)) return false;
+    if (attached_ || length > max_reply_bytes - length_ || !reserve(length_ + length, limit))
+        return false;
     if (length > 0) std::memcpy(block_ + length_, data, length);
     set_length(length_ + length);
     return true;
@@ -43,33 +56,38 @@ bool payload::resize(std::size_t length) {
         reset();
         return true;
     }
-    if (length > max_reply_bytes || !reserve(length)) return false;
+    if (attached_ || length > max_reply_bytes || !reserve(length)) return false;
     if (length > length_) std::memset(block_ + length_, 0, length - length_);
     set_length(length);
     return true;
 }
 
-char* payload::make_room(std::size_t limit, std::size_t& room) {
-    if (length_ + 1 >= capacity_) {
-        const std::size_t grown = std::max(2 * capacity_, smallest_block);
-        if (!reallocate(std::min(grown, limit + 1))) return nullptr;
-    }
-    room = std::min(capacity_ - 1, limit) - length_;
-    return block_ + length_;
+bool payload::expect(std::size_t length) {
+    if (!reallocate(length + 1)) return false;
+    use_large_pages(block_, capacity_);
+    return true;
 }
 
 void payload::extend(std::size_t received) { set_length(length_ + received); }
 
-void payload::forget(std::size_t length) {
-    const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-    const auto start = reinterpret_cast<std::uintptr_t>(block_);
-    const std::uintptr_t lead = (page - start % page) % page;  // its page is shared
-    if (length <= lead) return;
-    (void)madvise(block_ + lead, (length - lead) / page * page, MADV_DONTNEED);
+bool payload::attach(void* block, std::size_t length) {
+    if (attached_ || length > max_reply_bytes - length_) return false;
+    if (length == 0) {
+        std::free(block);
+        return true;
+    }
+    attached_ = static_cast<char*>(block);
+    attached_length_ = length;
+    return true;
+}
+
+void payload::forget(std::size_t from, std::size_t to) {
+    if (from < length_) give_back_pages(block_, from, std::min(to, length_));
+    if (to > length_) give_back_pages(attached_, std::max(from, length_) - length_, to - length_);
 }
 
 void payload::reset() {
-    if (capacity_ > kept_block) {
+    if (capacity_ > kept_block || attached_) {
         clear();
     } else if (block_) {
         set_length(0);
@@ -80,12 +98,16 @@ void payload::clear() {
     std::free(std::exchange(block_, nullptr));
     length_ = 0;
     capacity_ = 0;
+    std::free(std::exchange(attached_, nullptr));
+    attached_length_ = 0;
 }
 
 void payload::swap(payload& other) noexcept {
     std::swap(block_, other.block_);
     std::swap(length_, other.length_);
     std::swap(capacity_, other.capacity_);
+    std::swap(attached_, other.attached_);
+    std::swap(attached_length_, other.attached_length_);
 }
 
 bool payload::reserve(std::size_t length, std::size_t limit) {

@@ -5,12 +5,21 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "zbservice.h"
+
 namespace zb {
 
 struct connection;
 
-// A growable block that always has a zero byte behind its content. Grows geometrically, so that
-// memory follows the bytes that are there and never a length that somebody only announced.
+// Where a reply's bytes behind the first `head` go: see zb_call_into().
+struct reply_place {
+    std::size_t head;
+    zb_place_fn place;
+    void* arg;
+};
+
+// A growable block that always has a zero byte behind its content, and perhaps a block of somebody
+// else's making attached to it.
 class payload {
   public:
     payload() = default;
@@ -30,13 +39,27 @@ class payload {
     bool assign(const void* data, std::size_t length);
     bool resize(std::size_t length);
 
-    // For receiving in place a content that will have `limit` bytes, of which some are missing:
-    // makes room behind what is there and tells how much through `room`. Null: out of memory.
-    char* make_room(std::size_t limit, std::size_t& room);
+    // For receiving in place: takes room for a content of so many bytes, for which the system gives
+    // memory only as they come. False: out of memory. Then, how much of it is missing and where.
+    bool expect(std::size_t length);
+    char* end() { return block_ + length_; }
+    std::size_t room() const { return capacity_ - 1 - length_; }
     void extend(std::size_t received);
 
-    // The first bytes are not read again: their pages go back to the system, and read as zero.
-    void forget(std::size_t length);
+    // Takes over a block from malloc, whose bytes follow the content from then on. Such a payload
+    // is sent or emptied: it grows no more. False, with nothing taken: there is one already, or the
+    // whole would be over max_reply_bytes.
+    bool attach(void* block, std::size_t length);
+    char* attached() { return attached_; }
+    std::size_t attached_size() const { return attached_length_; }
+    std::size_t whole_size() const { return length_ + attached_length_; }
+
+    // The bytes of the whole from `from` to `to`, which follow those that were told of before, are
+    // not read again: their pages go back to the system.
+    void forget(std::size_t from, std::size_t to);
+
+    // Of the call that this payload is the request of; null: the whole reply comes here.
+    const reply_place* place_of_reply = nullptr;
 
     // Empties it; a block that is worth giving back is given back.
     void reset();
@@ -51,6 +74,8 @@ class payload {
     char* block_ = nullptr;
     std::size_t length_ = 0;
     std::size_t capacity_ = 0;  // bytes of the block, the zero byte included
+    char* attached_ = nullptr;
+    std::size_t attached_length_ = 0;
     char empty_ = '\0';
 };
 

@@ -26,8 +26,8 @@ class reply_writer {
 
     write_state state() const { return state_; }
     // A large reply is charged for as long as it waits, a small one is not.
-    bool is_large() const { return content_.size() > small_reply_bytes; }
-    std::size_t charge() const { return is_large() ? content_.size() - released_ : 0; }
+    bool is_large() const { return content_.whole_size() > small_reply_bytes; }
+    std::size_t charge() const { return is_large() ? content_.whole_size() - released_ : 0; }
     std::size_t sent() const { return sent_; }
 
   private:
@@ -35,8 +35,8 @@ class reply_writer {
 
     header_block block_{};
     payload content_;
-    std::size_t sent_ = 0;      // bytes of header and content
-    std::size_t released_ = 0;  // bytes of the content whose memory is given back
+    std::size_t sent_ = 0;      // bytes of header and payload
+    std::size_t released_ = 0;  // bytes of the payload whose memory is given back
     write_state state_ = write_state::unsent;
 };
 

@@ -67,10 +67,26 @@ void zb_io_free(zb_io* io) {
     delete io;
 }
 
+int zb_io_adopt(zb_io* io, void* block, size_t length) {
+    if (!io || !io->request || (!block && length > 0)) return -1;
+    return io->content.attach(block, length) ? 0 : -1;
+}
+
 // ---- Calling -----------------------------------------------------------------------------------
 
 int zb_call(const char* path, const char* method, zb_io* io, int timeout_s, int fd) {
-    return io ? zb::call(path, method, *io, timeout_s, fd) : ZB_ERROR_ARGUMENT;
+    if (!io || io->content.attached()) return ZB_ERROR_ARGUMENT;
+    return zb::call(path, method, *io, timeout_s, fd);
+}
+
+int zb_call_into(const char* path, const char* method, zb_io* io, int timeout_s, int fd,
+                 size_t head_length, zb_place_fn place, void* arg) {
+    if (!io || !place) return ZB_ERROR_ARGUMENT;
+    const zb::reply_place behind_head{head_length, place, arg};
+    io->content.place_of_reply = &behind_head;
+    const int result = zb_call(path, method, io, timeout_s, fd);
+    io->content.place_of_reply = nullptr;
+    return result;
 }
 
 // ---- Serving -----------------------------------------------------------------------------------

@@ -93,6 +93,21 @@ int zb_io_realloc(zb_io* io, size_t length);
 /* Releases a buffer. NULL is allowed. */
 void zb_io_free(zb_io* io);
 
+/* Hands over a block instead of a copy: its length bytes follow the payload in the reply.
+ *
+ * io      the buffer of the request being handled. From then on it can only be replied with,
+ *         emptied or released: it takes no more bytes, zb_io_read() gives those before the block,
+ *         and zb_call() refuses it.
+ * block   from malloc(), calloc() or realloc(). On success it is the buffer's, who gives it to
+ *         free() when it is sent, emptied or released; may be NULL when length is 0.
+ *
+ * Returns 0. -1, with everything as it was and the block still the caller's: io is another buffer
+ * or has a block already, or the payload would pass 1 GiB.
+ *
+ * Not every library with this interface has the function: a program that is to run on others, too,
+ * declares it weak, and writes the bytes where it is missing. */
+int zb_io_adopt(zb_io* io, void* block, size_t length);
+
 /* ---- Calling ---- */
 
 /* Calls a method of an endpoint and waits for its reply.
@@ -109,6 +124,20 @@ void zb_io_free(zb_io* io);
  * Blocks. On a thread that is in zb_start, signal functions run while it waits; a call to the
  * thread's own endpoint can only time out there. Returns 0 or a negative zb_error. */
 int zb_call(const char* path, const char* method, zb_io* io, int timeout_s, int fd);
+
+/* Tells where a reply is to go behind its head, whose bytes are at head: rest bytes, 1 at least. No
+ * more than these have come then. Returns the place, which stays its owner's whatever becomes of
+ * the call; NULL: there is none. */
+typedef void* (*zb_place_fn)(void* arg, const void* head, size_t rest);
+
+/* Like zb_call(), but on success only the first head_length bytes of the reply are io's payload.
+ * Those behind it, if any, are received to where place(arg, ...) says, without a copy in between.
+ * When there is no place, the call fails with ZB_ERROR_MEMORY. Bytes there may be written although
+ * the call fails then.
+ *
+ * As optional as zb_io_adopt(). */
+int zb_call_into(const char* path, const char* method, zb_io* io, int timeout_s, int fd,
+                 size_t head_length, zb_place_fn place, void* arg);
 
 /* ---- Serving ---- */
 

@@ -45,6 +45,13 @@ bool resize(zb_io* io, size_t length) {
     return true;
 }
 
+bool append(zb_io* io, const void* data, size_t length) {
+    const size_t end = io->length;
+    if (!resize(io, end + length)) return false;
+    if (length != 0) memcpy(io->data + end, data, length);
+    return true;
+}
+
 void release(zb_io* io) {
     buffers.erase(io);
     bus.live_buffers = buffers.size();
@@ -115,11 +122,17 @@ zb_io* zb_io_create(void) {
 int zb_io_write(zb_io* io, const void* data, size_t length) {
     bus.writes.push_back({data, length});
     if (bus.writes.size() == bus.failing_write) return -1;
-    const size_t end = io->length;
-    if (!resize(io, end + length)) return -1;
-    memcpy(io->data + end, data, length);
+    return append(io, data, length) ? 0 : -1;
+}
+
+#ifdef STANDIN_TAKES_BLOCKS
+int zb_io_adopt(zb_io* io, void* block, size_t length) {
+    if (!bus.takes_blocks || !append(io, block, length)) return -1;
+    bus.adopted.push_back({block, length});
+    free(block);
     return 0;
 }
+#endif
 
 void* zb_io_read(zb_io* io, size_t* length) {
     if (length != nullptr) *length = io->length;

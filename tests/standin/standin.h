@@ -5,8 +5,10 @@
 //    program, which drives it through standin(), or under the daemon, which it drives by a script.
 // 2. Linked into a test program it takes the bus's place under the handlers.
 //
-// It has no function beyond the ones that any bus library has, so zb_strerror is missing. A buffer
-// is a block of exactly its size, so that a sanitizer sees the first byte read past it. One thread.
+// As a library it has no function beyond the ones that any bus library has, so zb_strerror is
+// missing, and so are those that hand memory over. In a test program, where the real library is as
+// well, it has zb_io_adopt. A buffer is a block of exactly its size, so that a sanitizer sees the
+// first byte read past it. One thread.
 #ifndef TESTS_STANDIN_H
 #define TESTS_STANDIN_H
 
@@ -41,6 +43,7 @@ struct standin_write {
 struct standin_bus {
     std::vector<standin_call> calls;
     std::vector<standin_write> writes;
+    std::vector<standin_write> adopted;
     std::vector<std::string> replies;
     std::vector<std::string> events;  // as in the record
     size_t live_buffers = 0;
@@ -48,6 +51,7 @@ struct standin_bus {
     std::function<int(zb_io* io)> answer;  // zb_call's result; fills io, which is empty; none: 0
     bool no_buffers = false;               // zb_io_create gives NULL
     size_t failing_write = 0;              // this zb_io_write, counted from 1 here, fails; 0: none
+    bool takes_blocks = true;              // zb_io_adopt takes what it is given; else it refuses
 };
 
 extern "C" standin_bus* standin();
