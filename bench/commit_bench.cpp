@@ -12,14 +12,9 @@
 
 #include "bench_support.h"
 #include "commit_vfs.h"
+#include "statements.h"
 
 namespace {
-
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
-    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, source_ip "
-    "TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, rx_total INTEGER, "
-    "outgoing TEXT, action INTEGER);";
 
 constexpr size_t full_text = 1024;
 
@@ -36,7 +31,8 @@ class side {
              {std::string("PRAGMA page_size = 2048;"), std::string("PRAGMA synchronous = ON;"),
               std::string("PRAGMA auto_vacuum = FULL;"),
               "PRAGMA journal_mode = " + std::string(journal_mode) + ";",
-              std::string("PRAGMA cache_size = 10000;"), std::string(create_text)}) {
+              std::string("PRAGMA cache_size = 10000;"),
+              std::string(bench::connections.create_text)}) {
             run(text);
         }
     }
@@ -60,15 +56,17 @@ class side {
     sqlite3* db = nullptr;
 };
 
+// The sample's, or one with its texts filled up to a size.
 std::string insert_statement(size_t text_size) {
-    const auto text = [&](const char* sample) {
-        return text_size == 0 ? std::string(sample) : std::string(text_size, 'x');
-    };
-    return "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-           "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES ('" +
-           text("alice") + "', 4, 0, 1795222858, '" + text("linux 2.6.14 alice-laptop") + "', '" +
-           text("203.0.113.11") + "', '" + text("10.88.0.2") + "', 0, 0, 64916, 12345, '" +
-           text("tun0") + "', 1);";
+    db_conn_server_log record = bench::sample_connection();
+    for (char* text :
+         {record.username, record.device_info, record.source_ip, record.vpn_ip, record.outgoing}) {
+        memset(text, 'x', text_size);
+    }
+    char* text = bench::insert_text(record);
+    std::string statement = text;
+    sqlite3_free(text);
+    return statement;
 }
 
 void fill(side& s, const std::string& statement, int rows) {

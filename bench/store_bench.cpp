@@ -21,47 +21,13 @@
 
 #include "bench_support.h"
 #include "ravo_api.h"
+#include "statements.h"
 
 namespace {
 
 constexpr size_t largest = 100000;
 
 // --- The peer: the daemon's statements, without the daemon --------------------------------------
-
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
-    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, "
-    "source_ip TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, "
-    "rx_total INTEGER, outgoing TEXT, action INTEGER);";
-
-// Leaves exactly this many rows in the table.
-void fill(bench::database& side, size_t rows) {
-    side.run("DELETE FROM conn_server_log;");
-    side.run(sqlite3_mprintf(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) "
-        "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) "
-        "SELECT 'user' || (i %% 97), 4, i, 1795222858 + i, 'linux 2.6.14', '203.0.113.11', "
-        "'10.88.0.2', 1, 2, 3 * i, 4 * i, 'tun0', 1 FROM n WHERE %d > 0;",
-        static_cast<int>(rows), static_cast<int>(rows)));
-}
-
-void insert_directly(bench::database& peer, const db_conn_server_log& r) {
-    long count = 0;
-    peer.run("BEGIN TRANSACTION;");
-    peer.run(sqlite3_mprintf(
-        "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES "
-        "('%q', %d, %lu, %lu, '%q', '%q', '%q', %ld, %ld, %ld, %ld, '%q', %d);",
-        r.username, r.vpn_type, r.uptime, r.time, r.device_info, r.source_ip, r.vpn_ip, r.tx_rate,
-        r.rx_rate, r.tx_total, r.rx_total, r.outgoing, r.action));
-    peer.run("SELECT Count(*) FROM conn_server_log;", bench::read_number, &count);
-    peer.run("END TRANSACTION;");
-}
-
-void copy_text(char (&array)[RAVO_TEXT_SIZE], const char* text) {
-    strncpy(array, text, sizeof array - 1);
-}
 
 struct row_block {
     db_conn_server_log* rows = nullptr;
@@ -81,36 +47,25 @@ int copy_row(void* out, int /*columns*/, char** values, char** /*names*/) {
     memset(&r, 0, sizeof r);
     const auto number = [&](int n) { return strtol(values[n], nullptr, 10); };
     r.id = number(0);
-    copy_text(r.username, values[1]);
+    bench::copy_text(r.username, values[1]);
     r.vpn_type = static_cast<int32_t>(number(2));
     r.uptime = static_cast<uint64_t>(number(3));
     r.time = static_cast<uint64_t>(number(4));
-    copy_text(r.device_info, values[5]);
-    copy_text(r.source_ip, values[6]);
-    copy_text(r.vpn_ip, values[7]);
+    bench::copy_text(r.device_info, values[5]);
+    bench::copy_text(r.source_ip, values[6]);
+    bench::copy_text(r.vpn_ip, values[7]);
     r.tx_rate = number(8);
     r.rx_rate = number(9);
     r.tx_total = number(10);
     r.rx_total = number(11);
-    copy_text(r.outgoing, values[12]);
+    bench::copy_text(r.outgoing, values[12]);
     r.action = static_cast<int32_t>(number(13));
     return 0;
 }
 
 void list_directly(bench::database& peer, size_t rows) {
-    long first_id = -1;
-    long total = -1;
     row_block block;
-    peer.run(
-        "SELECT id FROM (SELECT * FROM conn_server_log ORDER BY id DESC LIMIT 100000) ORDER BY id "
-        "ASC LIMIT 1;",
-        bench::read_number, &first_id);
-    peer.run(sqlite3_mprintf(
-                 "SELECT * FROM conn_server_log WHERE  id >= %ld ORDER BY id ASC LIMIT %ld OFFSET "
-                 "0;",
-                 first_id, static_cast<long>(rows)),
-             copy_row, &block);
-    peer.run("SELECT Count(*) FROM conn_server_log;", bench::read_number, &total);
+    bench::select_rows(peer, bench::connections, rows, copy_row, &block);
     if (block.count != rows) bench::give_up("the peer lost rows");
     free(block.rows);
 }
@@ -133,30 +88,15 @@ void insert_through_daemon(db_conn_server_log record) {
 
 // --- Measuring ----------------------------------------------------------------------------------
 
-db_conn_server_log sample_record() {
-    db_conn_server_log record = {};
-    copy_text(record.username, "alice");
-    record.vpn_type = 4;
-    record.time = 1795222858;
-    copy_text(record.device_info, "linux 2.6.14 alice-laptop");
-    copy_text(record.source_ip, "203.0.113.11");
-    copy_text(record.vpn_ip, "10.88.0.2");
-    record.tx_total = 64916;
-    record.rx_total = 12345;
-    copy_text(record.outgoing, "tun0");
-    record.action = 1;
-    return record;
-}
-
 void compare_inserts(bench::database& daemon_side, bench::database& peer, size_t rows) {
-    fill(daemon_side, rows);
-    fill(peer, rows);
-    const db_conn_server_log record = sample_record();
+    bench::fill_connections(daemon_side, rows);
+    bench::fill_connections(peer, rows);
+    const db_conn_server_log record = bench::sample_connection();
     const int times = rows < 50000 ? 50 : 20;
-    bench::compare(
-        "insert", std::to_string(rows) + " rows", 21,
-        bench::repeated(times, [&] { insert_through_daemon(record); }),
-        {{"in this process", bench::repeated(times, [&] { insert_directly(peer, record); })}});
+    bench::compare("insert", std::to_string(rows) + " rows", 21,
+                   bench::repeated(times, [&] { insert_through_daemon(record); }),
+                   {{"in this process",
+                     bench::repeated(times, [&] { bench::insert_connection(peer, record); })}});
 }
 
 void compare_listings(bench::database& peer, size_t rows) {
@@ -184,14 +124,14 @@ void show_peak_memory(pid_t daemon) {
 int main(int argc, char** argv) {
     if (argc != 2) bench::give_up("usage: store_bench RAVOD");
     // The first is there to fill the daemon's table from outside.
-    bench::database daemon_side(bench::daemon_file, create_text);
-    bench::database peer(bench::peer_file, create_text);
+    bench::database daemon_side(bench::daemon_file, bench::connections.create_text);
+    bench::database peer(bench::peer_file, bench::connections.create_text);
     const pid_t daemon = bench::start_service(argv[1]);
     for (const size_t rows : {size_t{0}, size_t{10000}, largest}) {
         compare_inserts(daemon_side, peer, rows);
     }
-    fill(daemon_side, largest);
-    fill(peer, largest);
+    bench::fill_connections(daemon_side, largest);
+    bench::fill_connections(peer, largest);
     for (const size_t rows : {size_t{20}, size_t{1000}, largest}) compare_listings(peer, rows);
     show_peak_memory(daemon);
     bench::stop_service(daemon);
