@@ -348,7 +348,7 @@ def faillock_failure(_peers):
 
 
 FAIL2BAN_FILES = {
-    "fail2ban.conf": """[DEFAULT]
+    "fail2ban.conf": """[Definition]
 loglevel = NOTICE
 logtarget = {work}/fail2ban.log
 syslogsocket = auto
@@ -357,6 +357,8 @@ pidfile = {work}/fail2ban.pid
 dbfile = {work}/fail2ban.db
 dbpurgeage = 1d
 dbmaxmatches = 10
+
+[Thread]
 """,
     "jail.conf": """[bench]
 enabled = true

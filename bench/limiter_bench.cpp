@@ -89,7 +89,7 @@ void fail_directly(bench::database& peer, const char* username) {
 void lift_directly(bench::database& peer, const char* username) {
     const db_privilege_user_block_data row = look_directly(peer, username);
     if (row.id == 0) give_up("the peer lost a user");
-    bench::delete_user(peer, row.id);
+    bench::delete_row(peer, bench::users, row.id);
 }
 
 // --- The daemon ----------------------------------------------------------------------------------

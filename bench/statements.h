@@ -148,8 +148,17 @@ inline void update_user(database& side, long id, const char* username, int failu
                         username, failures, static_cast<unsigned long>(time(nullptr)), id));
 }
 
-inline void delete_user(database& side, long id) {
-    side.run(sqlite3_mprintf("DELETE FROM privilege_user_block WHERE id = %lu;", id));
+inline void delete_row(database& side, const table& t, long id) {
+    side.run(sqlite3_mprintf("DELETE FROM %s WHERE id = %lu;", t.name, id));
+}
+
+// 0: there is no such user.
+inline long id_of_user(database& side, const char* username) {
+    long id = 0;
+    side.run(
+        sqlite3_mprintf("SELECT id FROM privilege_user_block WHERE username = '%q';", username),
+        read_number, &id);
+    return id;
 }
 
 }  // namespace bench
