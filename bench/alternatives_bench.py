@@ -7,7 +7,9 @@ A record, until it is stored:
     ours        a connection, by the client library, to the reply
     FreeRADIUS  an accounting request by UDP, to the reply; its own SQLite schema and queries
     sqlite3     the command, started once for each record
-    rsyslog     a line handed to its socket, until it stands in the file
+    rsyslog     a line handed to its socket, until it stands in the file; once as it comes, where
+                nothing is brought to the disk, and once with a sync after each line, as the daemon
+                and both others have it
 
 A failed login, until it is counted:
     ours        add_privilege_user_block() of a user among ten, whom it does not block
@@ -277,18 +279,19 @@ def sqlite_record(peers):
 RSYSLOG_CONFIGURATION = """
 module(load="imuxsock" SysSock.Use="off")
 input(type="imuxsock" Socket="{socket}")
-action(type="omfile" file="{file}")
+action(type="omfile" file="{file}" sync="{sync}")
 """
 
 
-def rsyslog_record(peers):
-    path, file = WORK / "log.socket", WORK / "syslog"
-    (WORK / "rsyslog.conf").write_text(RSYSLOG_CONFIGURATION.format(socket=path, file=file))
+def rsyslog_record(peers, sync):
+    path, file = WORK / f"log-{sync}.socket", WORK / f"log-{sync}"
+    configuration = WORK / f"rsyslog-{sync}.conf"
+    configuration.write_text(RSYSLOG_CONFIGURATION.format(socket=path, file=file, sync=sync))
     file.touch()
     modules = ":".join(str(folder / f"usr/lib/{os.uname().machine}-linux-gnu/rsyslog")
                        for folder in (peers.folder, Path("/")))
-    peers.start(peers.program("rsyslogd"), "-n", "-f", str(WORK / "rsyslog.conf"), "-i",
-                str(WORK / "rsyslog.pid"), "-M", modules, ready=path.exists)
+    peers.start(peers.program("rsyslogd"), "-n", "-f", str(configuration), "-i",
+                str(WORK / f"rsyslog-{sync}.pid"), "-M", modules, ready=path.exists)
     tail = Tail(file)
     log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
     log.connect(str(path))
@@ -453,7 +456,8 @@ def main():
     measure("record", f"empty table at first, {place}", rounds, repeated(20, our_record(library_dir)),
             [("FreeRADIUS into SQLite", radius_record),
              ("sqlite3 once per record", sqlite_record),
-             ("rsyslog into a file", rsyslog_record)], peers)
+             ("rsyslog", lambda peers: rsyslog_record(peers, "off")),
+             ("rsyslog, each line synced", lambda peers: rsyslog_record(peers, "on"))], peers)
     expect_rows("/etc/config/ravo/ravo.db", "conn_server_log", 20 * (rounds + 1))
     for name, table in (("radius.db", "radacct"), ("command.db", "conn_server_log")):
         if (WORK / name).exists():

@@ -71,8 +71,9 @@ bool is_listed(int64_t page, size_t expected) {
     db_conn_server_log_query header = {};
     db_conn_server_log_query* result = &header;
     list_conn_server_log(&cond, &result);
+    const bool whole = header.data != nullptr && header.count == expected;
     free(header.data);
-    return header.data != nullptr && header.count == expected;
+    return whole;
 }
 
 void list_through_daemon(int64_t page, size_t expected) {
