@@ -64,20 +64,18 @@ void compare(const char* what, const std::string& state, effort e, const side& o
 
 // --- Connections ---------------------------------------------------------------------------------
 
-// False when the daemon has not begun to answer after the time that the client library waits.
-bool is_listed(int64_t page, size_t expected) {
+// The daemon has not begun to answer within the time that the client library waits.
+struct no_answer {};
+
+void list_through_daemon(int64_t page, size_t expected) {
     db_query_cond cond = {};
     cond.count = page;
     db_conn_server_log_query header = {};
     db_conn_server_log_query* result = &header;
     list_conn_server_log(&cond, &result);
-    const bool whole = header.data != nullptr && header.count == expected;
+    if (header.data == nullptr) throw no_answer();
+    if (header.count != expected) bench::give_up("the daemon lost rows");
     free(header.data);
-    return whole;
-}
-
-void list_through_daemon(int64_t page, size_t expected) {
-    if (!is_listed(page, expected)) bench::give_up("the daemon lost rows");
 }
 
 void compare_records(bench::database& peer, size_t rows, const std::string& state) {
@@ -103,16 +101,13 @@ void compare_listings(bench::database& peer, size_t rows, const std::string& sta
     compare("page of 20 rows", state, rows < 100000 ? effort{21, 5} : effort{11, 1},
             {[&] { list_through_daemon(page, std::min(page, rows)); }},
             {[&] { bench::select_rows(peer, bench::connections, page); }});
-    if (!is_listed(-1, rows)) {
+    const effort e = rows < 1000 ? effort{21, 5} : effort{rows < 100000 ? 11 : 5, 1};
+    try {
+        compare("whole listing", state, e, {[&] { list_through_daemon(-1, rows); }},
+                {[&] { bench::select_rows(peer, bench::connections, 100000); }});
+    } catch (const no_answer&) {
         bench::not_measured(size_of("whole listing"), state, floor_name, "no answer in 5 seconds");
-        return;
     }
-    compare("whole listing", state,
-            rows < 1000     ? effort{21, 5}
-            : rows < 100000 ? effort{11, 1}
-                            : effort{5, 1},
-            {[&] { list_through_daemon(-1, rows); }},
-            {[&] { bench::select_rows(peer, bench::connections, 100000); }});
 }
 
 // --- Users ---------------------------------------------------------------------------------------
