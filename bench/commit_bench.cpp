@@ -1,7 +1,8 @@
 // What the commit layer costs: the store's insert with its transaction, through the layer and past
 // it.
 //
-//   commit_bench FOLDER    the databases are made in FOLDER: memory or disk
+//   commit_bench FOLDER FILE_SYSTEM    the databases are made in FOLDER, on a file system of that
+//   name
 //
 // kill-safe is compared with the bare file; power-safe with a rollback journal (journal_mode
 // DELETE, everything else alike). The two sides take turns. "short" is a row of 150 bytes, "full"
@@ -86,33 +87,35 @@ constexpr workload workloads[] = {
     {"full row, 100 rows", full_text, 100},
 };
 
-void compare(const char* name, const workload& w, side& layer, side& peer, const char* peer_name,
-             double at_most) {
+void compare(const char* name, const workload& w, const std::string& file_system, side& layer,
+             side& peer, const char* peer_name, double at_most) {
     const std::string statement = insert_statement(w.text_size);
     fill(layer, statement, w.rows);
     fill(peer, statement, w.rows);
-    bench::compare(name, w.name, 21, bench::repeated(20, [&] { layer.insert(statement); }),
+    bench::compare(name, w.name + (", " + file_system), 21,
+                   bench::repeated(20, [&] { layer.insert(statement); }),
                    {{peer_name, bench::repeated(20, [&] { peer.insert(statement); }), at_most}});
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) bench::give_up("usage: commit_bench FOLDER");
+    if (argc != 3) bench::give_up("usage: commit_bench FOLDER FILE_SYSTEM");
     const std::string folder = argv[1];
+    const std::string file_system = argv[2];
     for (const workload& w : workloads) {
         if (register_commit_vfs(commit_strength::kill_safe) != SQLITE_OK) {
             bench::give_up("no layer");
         }
         side layer(folder + "/layer.db", nullptr, "OFF");
         side peer(folder + "/peer.db", "unix", "OFF");
-        compare("commit, kill-safe", w, layer, peer, "bare file", 1.2);
+        compare("commit, kill-safe", w, file_system, layer, peer, "bare file", 1.2);
     }
     for (const workload& w : workloads) {
         (void)register_commit_vfs(commit_strength::power_safe);
         side layer(folder + "/layer.db", nullptr, "OFF");
         side peer(folder + "/peer.db", "unix", "DELETE");
-        compare("commit, power-safe", w, layer, peer, "rollback journal", 1);
+        compare("commit, power-safe", w, file_system, layer, peer, "rollback journal", 1);
     }
     return 0;
 }
