@@ -14,9 +14,9 @@ test_packages=(
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 
-# What bench/run measures beside ours, with files that their dependencies would bring. They are
-# unpacked, never installed: most are services, which an installation would start, now or at the next
-# start of the machine.
+# What bench/run measures beside ours. They are unpacked, never installed: most are services, which an
+# installation would start, now or at the next start of the machine. The parts of FreeRADIUS are named
+# one by one, so that they come even if the machine has some of them.
 peer_packages=(freeradius freeradius-common freeradius-config rsyslog fail2ban python3-pyinotify)
 
 # announce WORDS...: a heading, so that a long step is never a silent one.
