@@ -162,19 +162,20 @@ struct opponent {
 };
 
 // One line of the table: also appended, with tabs between its fields, to the file that the
-// environment names BENCH_RESULTS, and there with the tenths of both times at the end. `state` says
-// of which table, file system, placement.
+// environment names BENCH_RESULTS, and there with the tenths of both times and the unit at the end.
+// `state` says of which table, file system, placement.
 inline void report(const std::string& what, const std::string& state, const std::string& other,
                    const std::vector<double>& ours_us, const std::vector<double>& other_us,
-                   double at_most) {
+                   double at_most, const char* unit = "us") {
     std::vector<double> ratios;
     for (size_t n = 0; n < ours_us.size(); ++n) ratios.push_back(ours_us[n] / other_us[n]);
     const double low = quantile(ratios, 1);
     const double middle = median(ratios);
     const double high = quantile(ratios, 9);
     const char* verdict = at_most == 0 ? "" : middle <= at_most ? "met" : "MISSED";
-    printf("%-22s %-30s %10.1f us  %-28s %10.1f us  ratio %6.3f (%.3f to %.3f)", what.c_str(),
-           state.c_str(), median(ours_us), other.c_str(), median(other_us), middle, low, high);
+    printf("%-22s %-30s %10.1f %s  %-28s %10.1f %s  ratio %6.3f (%.3f to %.3f)", what.c_str(),
+           state.c_str(), median(ours_us), unit, other.c_str(), median(other_us), unit, middle, low,
+           high);
     if (at_most != 0) printf("  goal %.2f %s", at_most, verdict);
     printf("\n");
     (void)fflush(stdout);
@@ -184,7 +185,7 @@ inline void report(const std::string& what, const std::string& state, const std:
         << what << '\t' << state << '\t' << other << '\t' << median(ours_us) << '\t'
         << median(other_us) << '\t' << middle << '\t' << low << '\t' << high << '\t' << at_most
         << '\t' << quantile(ours_us, 1) << '\t' << quantile(ours_us, 9) << '\t'
-        << quantile(other_us, 1) << '\t' << quantile(other_us, 9) << '\n';
+        << quantile(other_us, 1) << '\t' << quantile(other_us, 9) << '\t' << unit << '\n';
 }
 
 // The line of a comparison that cannot be made here.

@@ -6,7 +6,7 @@ from typing import NamedTuple
 
 
 class Line(NamedTuple):
-    """One comparison. Times in microseconds; the ratio is ours over the other, round by round, and
+    """One comparison. Times in microseconds, unless the unit is another one; the ratio is ours over the other, round by round, and
     at_most its goal, 0 for none. low and high are the tenths at both ends."""
 
     what: str
@@ -22,6 +22,7 @@ class Line(NamedTuple):
     ours_high: float = 0
     theirs_low: float = 0
     theirs_high: float = 0
+    unit: str = "us"
 
     @property
     def verdict(self):
@@ -44,7 +45,7 @@ def parse(text):
     fields = text.rstrip("\n").split("\t")
     if len(fields) == len(NotMeasured._fields):
         return NotMeasured(*fields)
-    return Line(*fields[:3], *(float(field) for field in fields[3:]))
+    return Line(*fields[:3], *(float(field) for field in fields[3:13]), *fields[13:])
 
 
 def read(path):

@@ -9,10 +9,11 @@ from pathlib import Path
 top = Path(__file__).resolve().parent.parent
 svg = "{http://www.w3.org/2000/svg}"
 
-# what, state, other, ours, theirs, ratio with its tenths, goal, tenths of ours and of theirs
+# what, state, other, ours, theirs, ratio with its tenths, goal, tenths of ours and of theirs, unit
 compared = ["record\ttmpfs\tFreeRADIUS\t98.4\t374\t0.263\t0.2\t0.3\t1\t90\t110\t360\t400",
             "record\ttmpfs\trsyslog\t98.4\t29.3\t3.358\t3\t4\t1\t90\t110\t28\t31",
-            "record\ttmpfs\tsqlite3\t98.4\t1941\t0.05\t0.04\t0.06\t0\t90\t110\t1900\t2000"]
+            "record\ttmpfs\tsqlite3\t98.4\t1941\t0.05\t0.04\t0.06\t0\t90\t110\t1900\t2000",
+            "peak\tlisting\tthe reply\t1040.3\t496.1\t2.097\t2\t2.2\t2.05\t1\t1\t1\t1\tMiB"]
 not_measured = "block\ttmpfs\tfail2ban\tthere is no fail2ban-server here"
 
 
@@ -33,14 +34,15 @@ class bench_tools(unittest.TestCase):
 
     def test_table_has_every_comparison_and_every_gap(self):
         shown = self.run_tool("table", compared + [not_measured], self.folder / "table.md")
-        self.assertIn("4 comparisons: 1 goals met, 1 missed, 1 not measured.", shown)
+        self.assertIn("5 comparisons: 1 goals met, 2 missed, 1 not measured.", shown)
         markdown = (self.folder / "table.md").read_text()
         rows = [[cell.strip() for cell in line.split("|")[1:-1]]
                 for line in markdown.splitlines() if line.startswith("| ")]
         self.assertEqual([(row[3], row[4], row[-1]) for row in rows[1:]], [
             ("FreeRADIUS", "374 µs", "met"), ("rsyslog", "29.3 µs", "MISSED"),
-            ("sqlite3", "1.94 ms", ""), ("fail2ban", "NOT MEASURED", "")])
-        self.assertEqual(rows[4][5], "there is no fail2ban-server here")
+            ("sqlite3", "1.94 ms", ""), ("the reply", "496.1 MiB", "MISSED"),
+            ("fail2ban", "NOT MEASURED", "")])
+        self.assertEqual(rows[5][5], "there is no fail2ban-server here")
 
     def draw(self, lines):
         self.run_tool("plot", lines, self.folder)
