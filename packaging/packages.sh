@@ -11,10 +11,12 @@ test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
     binutils systemd
 )
+# What bench/run compares with.
+bench_packages=(libsystemd-dev)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 
-# What bench/run measures beside ours. They are unpacked, never installed: most are services, which an
+# Programs that bench/run compares with. They are unpacked, never installed: most are services, which an
 # installation would start, now or at the next start of the machine. The parts of FreeRADIUS are named
 # one by one, so that they come even if the machine has some of them.
 peer_packages=(freeradius freeradius-common freeradius-config rsyslog fail2ban python3-pyinotify)
