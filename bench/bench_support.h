@@ -181,7 +181,8 @@ struct opponent {
 };
 
 // One line of the table: also appended, with tabs between its fields, to the file that the
-// environment names BENCH_RESULTS. `state` says of which table, file system, placement.
+// environment names BENCH_RESULTS, and there with the tenths of both times and the unit at the end.
+// `state` says of which table, file system, placement.
 inline void report(const std::string& what, const std::string& state, const std::string& other,
                    const std::vector<double>& ours_us, const std::vector<double>& other_us,
                    double at_most, const char* unit = "us") {
@@ -202,7 +203,20 @@ inline void report(const std::string& what, const std::string& state, const std:
     std::ofstream(results, std::ios::app)
         << what << '\t' << state << '\t' << other << '\t' << median(ours_us) << '\t'
         << median(other_us) << '\t' << middle << '\t' << low << '\t' << high << '\t' << at_most
-        << '\n';
+        << '\t' << quantile(ours_us, 1) << '\t' << quantile(ours_us, 9) << '\t'
+        << quantile(other_us, 1) << '\t' << quantile(other_us, 9) << '\t' << unit << '\n';
+}
+
+// The line of a comparison that cannot be made here.
+inline void not_measured(const std::string& what, const std::string& state,
+                         const std::string& other, const std::string& reason) {
+    printf("%-22s %-30s NOT MEASURED against %s: %s\n", what.c_str(), state.c_str(), other.c_str(),
+           reason.c_str());
+    (void)fflush(stdout);
+    const char* results = getenv("BENCH_RESULTS");
+    if (results == nullptr) return;
+    std::ofstream(results, std::ios::app)
+        << what << '\t' << state << '\t' << other << '\t' << reason << '\n';
 }
 
 // All sides in turn, in an order that rotates from round to round, after one round that does not

@@ -1,7 +1,8 @@
 // What the commit layer costs: the store's insert with its transaction, through the layer and past
 // it.
 //
-//   commit_bench FOLDER    the databases are made in FOLDER: memory or disk
+//   commit_bench FOLDER FILE_SYSTEM    the databases are made in FOLDER, on a file system of that
+//   name
 //
 // kill-safe is compared with the bare file; power-safe with a rollback journal (journal_mode
 // DELETE, everything else alike). The two sides take turns. "short" is a row of 150 bytes, "full"
@@ -12,14 +13,9 @@
 
 #include "bench_support.h"
 #include "commit_vfs.h"
+#include "statements.h"
 
 namespace {
-
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
-    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, source_ip "
-    "TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, rx_total INTEGER, "
-    "outgoing TEXT, action INTEGER);";
 
 constexpr size_t full_text = 1024;
 
@@ -36,7 +32,8 @@ class side {
              {std::string("PRAGMA page_size = 2048;"), std::string("PRAGMA synchronous = ON;"),
               std::string("PRAGMA auto_vacuum = FULL;"),
               "PRAGMA journal_mode = " + std::string(journal_mode) + ";",
-              std::string("PRAGMA cache_size = 10000;"), std::string(create_text)}) {
+              std::string("PRAGMA cache_size = 10000;"),
+              std::string(bench::connections.create_text)}) {
             run(text);
         }
     }
@@ -60,15 +57,17 @@ class side {
     sqlite3* db = nullptr;
 };
 
+// The sample's, or one with its texts filled up to a size.
 std::string insert_statement(size_t text_size) {
-    const auto text = [&](const char* sample) {
-        return text_size == 0 ? std::string(sample) : std::string(text_size, 'x');
-    };
-    return "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-           "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES ('" +
-           text("alice") + "', 4, 0, 1795222858, '" + text("linux 2.6.14 alice-laptop") + "', '" +
-           text("203.0.113.11") + "', '" + text("10.88.0.2") + "', 0, 0, 64916, 12345, '" +
-           text("tun0") + "', 1);";
+    db_conn_server_log record = bench::sample_connection();
+    for (char* text :
+         {record.username, record.device_info, record.source_ip, record.vpn_ip, record.outgoing}) {
+        memset(text, 'x', text_size);
+    }
+    char* text = bench::insert_text(record);
+    std::string statement = text;
+    sqlite3_free(text);
+    return statement;
 }
 
 void fill(side& s, const std::string& statement, int rows) {
@@ -88,33 +87,35 @@ constexpr workload workloads[] = {
     {"full row, 100 rows", full_text, 100},
 };
 
-void compare(const char* name, const workload& w, side& layer, side& peer, const char* peer_name,
-             double at_most) {
+void compare(const char* name, const workload& w, const std::string& file_system, side& layer,
+             side& peer, const char* peer_name, double at_most) {
     const std::string statement = insert_statement(w.text_size);
     fill(layer, statement, w.rows);
     fill(peer, statement, w.rows);
-    bench::compare(name, w.name, 21, bench::repeated(20, [&] { layer.insert(statement); }),
+    bench::compare(name, w.name + (", " + file_system), 21,
+                   bench::repeated(20, [&] { layer.insert(statement); }),
                    {{peer_name, bench::repeated(20, [&] { peer.insert(statement); }), at_most}});
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) bench::give_up("usage: commit_bench FOLDER");
+    if (argc != 3) bench::give_up("usage: commit_bench FOLDER FILE_SYSTEM");
     const std::string folder = argv[1];
+    const std::string file_system = argv[2];
     for (const workload& w : workloads) {
         if (register_commit_vfs(commit_strength::kill_safe) != SQLITE_OK) {
             bench::give_up("no layer");
         }
         side layer(folder + "/layer.db", nullptr, "OFF");
         side peer(folder + "/peer.db", "unix", "OFF");
-        compare("commit, kill-safe", w, layer, peer, "bare file", 1.2);
+        compare("commit, kill-safe", w, file_system, layer, peer, "bare file", 1.2);
     }
     for (const workload& w : workloads) {
         (void)register_commit_vfs(commit_strength::power_safe);
         side layer(folder + "/layer.db", nullptr, "OFF");
         side peer(folder + "/peer.db", "unix", "DELETE");
-        compare("commit, power-safe", w, layer, peer, "rollback journal", 1);
+        compare("commit, power-safe", w, file_system, layer, peer, "rollback journal", 1);
     }
     return 0;
 }

@@ -25,7 +25,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -34,30 +33,16 @@
 
 #include "bench_support.h"
 #include "ravo_api.h"
+#include "statements.h"
 
 namespace {
 
 using bench::give_up;
 
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY AUTOINCREMENT "
-    "UNIQUE, username TEXT, limit_count INTEGER, timestamp INTEGER);";
-
 void set_limit(int limit) {
     std::ofstream file("/etc/config/vpn_block.conf");
     file << R"({"global": {"enable": true, "limit": )" << limit << R"(, "time": 5}})";
     if (!file.flush()) give_up("cannot write the settings");
-}
-
-// Leaves exactly this many users, "user1" and so on, with one failure each.
-void fill(bench::database& side, size_t users) {
-    side.run("DELETE FROM privilege_user_block;");
-    side.run("DELETE FROM sqlite_sequence WHERE name = 'privilege_user_block';");
-    side.run(sqlite3_mprintf(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) INSERT INTO "
-        "privilege_user_block (username, limit_count, timestamp) SELECT 'user' || i, 1, 1795222858 "
-        "FROM n;",
-        static_cast<int>(users)));
 }
 
 // --- The peer: the limiter's statements, without the daemon --------------------------------------
@@ -86,46 +71,25 @@ int look_at_row(void* arg, int /*columns*/, char** values, char** /*names*/) {
 }
 
 db_privilege_user_block_data look_directly(bench::database& peer, const char* username) {
-    long first_id = -1;
-    long total = -1;
     search wanted = {};
     wanted.username = username;
-    peer.run(
-        "SELECT id FROM (SELECT * FROM privilege_user_block ORDER BY id DESC LIMIT 100000) ORDER "
-        "BY id ASC LIMIT 1;",
-        bench::read_number, &first_id);
-    peer.run(sqlite3_mprintf("SELECT * FROM privilege_user_block WHERE  id >= %ld ORDER BY id ASC "
-                             "LIMIT 100000 OFFSET 0;",
-                             first_id),
-             look_at_row, &wanted);
-    peer.run("SELECT Count(*) FROM privilege_user_block;", bench::read_number, &total);
+    bench::select_users(peer, look_at_row, &wanted);
     return wanted.row;
 }
 
 void fail_directly(bench::database& peer, const char* username) {
     const db_privilege_user_block_data row = look_directly(peer, username);
-    const auto now = static_cast<unsigned long>(time(nullptr));
     if (row.id != 0) {
-        peer.run(
-            sqlite3_mprintf("UPDATE privilege_user_block SET username = '%q', limit_count = "
-                            "%d, timestamp = %lu WHERE id = %lu;",
-                            username, row.limit + 1, now, row.id));
-        return;
+        bench::update_user(peer, row.id, username, row.limit + 1);
+    } else {
+        bench::insert_user(peer, username);
     }
-    long count = 0;
-    peer.run("BEGIN TRANSACTION;");
-    peer.run(
-        sqlite3_mprintf("INSERT OR REPLACE INTO privilege_user_block (username, limit_count, "
-                        "timestamp) VALUES ('%q', 1, %lu);",
-                        username, now));
-    peer.run("SELECT Count(*) FROM privilege_user_block;", bench::read_number, &count);
-    peer.run("END TRANSACTION;");
 }
 
 void lift_directly(bench::database& peer, const char* username) {
     const db_privilege_user_block_data row = look_directly(peer, username);
     if (row.id == 0) give_up("the peer lost a user");
-    peer.run(sqlite3_mprintf("DELETE FROM privilege_user_block WHERE id = %lu;", row.id));
+    bench::delete_row(peer, bench::users, row.id);
 }
 
 // --- The daemon ----------------------------------------------------------------------------------
@@ -165,8 +129,8 @@ void compare_lifts(bench::database& peer, size_t users, int rounds, int times) {
 }
 
 void compare_operations(bench::database& daemon_side, bench::database& peer, size_t users) {
-    fill(daemon_side, users);
-    fill(peer, users);
+    bench::fill_users(daemon_side, users);
+    bench::fill_users(peer, users);
     std::string name = "user" + std::to_string(users / 2);
     const int rounds = users < 50000 ? 21 : 11;
     const int times = users <= 1000 ? 50 : users <= 10000 ? 10 : 2;
@@ -230,8 +194,8 @@ int main(int argc, char** argv) {
     std::filesystem::create_symlink(argv[3], "/usr/local/sbin/notify");
     set_limit(1000000);
     // The first is there to fill the daemon's table from outside.
-    bench::database daemon_side(bench::daemon_file, create_text);
-    bench::database peer(bench::peer_file, create_text);
+    bench::database daemon_side(bench::daemon_file, bench::users.create_text);
+    bench::database peer(bench::peer_file, bench::users.create_text);
     const pid_t vpncaas = bench::start_service(argv[2]);
     const pid_t daemon = bench::start_service(argv[1]);
     for (const size_t users : {size_t{10}, size_t{1000}, size_t{10000}, size_t{100000}}) {

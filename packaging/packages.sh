@@ -1,5 +1,5 @@
-# Debian packages that this project needs, and the functions that get them. Sourced by ./run and
-# ./test (bash), never executed.
+# Debian packages that this project needs, and the functions that get them. Sourced by ./run, ./test
+# and bench/run (bash), never executed.
 
 # To build and to try it out.
 build_packages=(
@@ -15,6 +15,11 @@ test_packages=(
 bench_packages=(libsystemd-dev)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
+
+# Programs that bench/run compares with. They are unpacked, never installed: most are services, which an
+# installation would start, now or at the next start of the machine. The parts of FreeRADIUS are named
+# one by one, so that they come even if the machine has some of them.
+peer_packages=(freeradius freeradius-common freeradius-config rsyslog fail2ban python3-pyinotify)
 
 # announce WORDS...: a heading, so that a long step is never a silent one.
 announce() { printf '\n==> %s\n' "$*"; }
@@ -61,4 +66,30 @@ install_missing_packages() {
     apt_install "${missing[@]}" ||
         { as_root apt-get update && apt_install "${missing[@]}"; } ||
         die "could not install: ${missing[*]}"
+}
+
+# with_dependencies PACKAGE...: the names, and those of what else would have to be installed.
+with_dependencies() {
+    local names
+    names=$(apt-get install --simulate --no-install-recommends "$@" | sed -n 's/^Inst \([^ ]*\).*/\1/p')
+    printf '%s\n' "$@" "$names" | sort --unique | sed '/^$/d'
+}
+
+# unpack_packages FOLDER PACKAGE...: puts the files of packages, and of what they need besides the
+# system's, into a folder of their own. Needs no rights unless the package lists are to be fetched.
+# False when it cannot.
+unpack_packages() {
+    local folder=$1 names archive
+    shift
+    [[ ! -e $folder/complete ]] || return 0
+    announce "Unpacking packages: $*"
+    command -v apt-get >/dev/null || return 1
+    are_known "$@" || { can_become_root && as_root apt-get update && are_known "$@"; } || return 1
+    mapfile -t names < <(with_dependencies "$@")
+    rm -rf "$folder"
+    mkdir -p "$folder/archives"
+    (cd "$folder/archives" && apt-get download --quiet=2 "${names[@]}") || return 1
+    for archive in "$folder"/archives/*.deb; do dpkg-deb --extract "$archive" "$folder"; done
+    rm -r "$folder/archives"
+    touch "$folder/complete"
 }
