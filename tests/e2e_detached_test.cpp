@@ -392,7 +392,7 @@ texts finish_calls() {
     for (const logged_table& table : logged_tables) {
         if (!table.is_finished) continue;
         expected.push_back(std::string("sqlite3_exec VACCUM ") + table.name);
-        expected.push_back(std::string("fopen ") + log_path);
+        expected.push_back(std::string("open ") + log_path);
         expected.push_back("sqlite3_close");
     }
     return expected;
@@ -421,7 +421,7 @@ TEST(detached_steps, are_taken_in_order) {
                                  "zb_signal SIGHUP",
                                  "zb_signal SIGTERM",
                                  "fopen /tmp/conf",
-                                 "fopen /tmp/own.log"};
+                                 "open /tmp/own.log"};
     const texts service = {"zb_create @/var/run/ravod.sock 4 1",
                            "zb_start endpoint",
                            "lockf F_ULOCK 0",
