@@ -58,18 +58,16 @@ constexpr size_t vector_slots = 26;  // what the notifier is given at most
 // always ends in null.
 using argument_vector = std::array<char*, vector_slots + 1>;
 
-argument_vector make_vector(const nc_msg_struct& msg, va_list texts) {
+constexpr size_t first_argument_slot = 14;
+
+// The words before the arguments.
+argument_vector fixed_words(const nc_msg_struct& msg) {
     argument_vector words = {};
     size_t slot = 0;
     for (const char* word :
          {"/usr/local/sbin/notify", "send", "-A", "A238", "-C", msg.category_id, "-M",
           msg.message_id, "-l", msg.level, "-t", "3", msg.message, "RAVO Service"}) {
         words[slot++] = const_cast<char*>(word);
-    }
-    while (slot < vector_slots) {
-        char* text = va_arg(texts, char*);
-        if (text == nullptr) break;
-        words[slot++] = text;
     }
     return words;
 }
@@ -141,10 +139,14 @@ int run_child(void* arg) {
 }  // namespace
 
 void nclog::notify_send(const nc_msg_struct* msg, ...) {
+    notifier_start start;
+    start.words = fixed_words(*msg);
     va_list texts;
     va_start(texts, msg);
-    notifier_start start;
-    start.words = make_vector(*msg, texts);
+    for (size_t slot = first_argument_slot; slot < vector_slots; ++slot) {
+        start.words[slot] = va_arg(texts, char*);
+        if (start.words[slot] == nullptr) break;
+    }
     va_end(texts);
     sigset_t all;
     sigset_t before;
