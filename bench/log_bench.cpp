@@ -72,12 +72,13 @@ void compare_lines(const char* what, Log write_line) {
 
 int main() {
     bench::run_on(0);
+    const call_site here = HERE;
     int table = 0;
     compare_lines("log line",
-                  [&] { log_line(HERE, "WARN", "close db %p\n", static_cast<void*>(&table)); });
+                  [&] { log_line(here, "WARN", "close db %p\n", static_cast<void*>(&table)); });
     const std::string statement(1000, 's');
     compare_lines("log error", [&] {
-        log_line(HERE, "ERROR", "sql = %s, err = %s\n", statement.c_str(), "no such table: t");
+        log_line(here, "ERROR", "sql = %s, err = %s\n", statement.c_str(), "no such table: t");
     });
     return 0;
 }

@@ -20,6 +20,17 @@
 #include "support/files.h"
 
 namespace {
+bool has_memory = true;
+}  // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size);
+
+void* __wrap_malloc(size_t size) { return has_memory ? __real_malloc(size) : nullptr; }
+}
+
+namespace {
 
 namespace fs = std::filesystem;
 using std::to_string;
@@ -104,6 +115,19 @@ TEST(log, line_longer_than_the_buffer_arrives_whole) {
     const std::string message(100000, 'm');
     log_text(message.c_str());
     EXPECT_EQ(read_file(log_path), prefix() + message);
+}
+
+TEST(log, line_needs_no_memory_and_is_cut_at_its_buffer_without) {
+    has_memory = false;
+    log_text("short\n");
+    const std::string message(100000, 'm');
+    log_text(message.c_str());
+    has_memory = true;
+    const std::string expected = prefix() + "short\n" + prefix();
+    const std::string written = read_file(log_path);
+    EXPECT_EQ(written.substr(0, expected.size()), expected);
+    EXPECT_EQ(written.size(), prefix().size() + strlen("short\n") + 32767);
+    EXPECT_EQ(written.find_first_not_of('m', expected.size()), std::string::npos);
 }
 
 TEST(log, null_text_is_written_as_null) {
