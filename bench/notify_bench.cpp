@@ -154,7 +154,6 @@ void compare_requests(const char* ravod, int rounds, int times) {
             continue;
         }
         const pid_t daemon = bench::start_service(ravod);
-        if (clean_privilege_user_block() != 0) give_up("the daemon did not answer");
         bench::compare("request", state_of(std::to_string(open_max), daemon), rounds,
                        [times] { return notifying_less_quiet(times); },
                        {{"an empty double fork here", bench::repeated(times, [] {
