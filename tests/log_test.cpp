@@ -20,6 +20,17 @@
 #include "support/files.h"
 
 namespace {
+bool has_memory = true;
+}  // namespace
+
+extern "C" {
+void* __real_malloc(size_t size);
+void* __wrap_malloc(size_t size);
+
+void* __wrap_malloc(size_t size) { return has_memory ? __real_malloc(size) : nullptr; }
+}
+
+namespace {
 
 namespace fs = std::filesystem;
 using std::to_string;
@@ -27,7 +38,8 @@ using texts = std::vector<std::string>;
 
 const std::string lock_file = "/var/lock/ravo_log.lck";
 const std::string open_lock = "open " + lock_file + " O_WRONLY|O_CREAT|O_CLOEXEC|O_NONBLOCK 0777";
-const std::string open_log = std::string("fopen ") + log_path + " ae";
+const std::string open_log =
+    std::string("open ") + log_path + " O_WRONLY|O_CREAT|O_APPEND|O_CLOEXEC 0666";
 
 log_state& state_a() { return *place_in_unit_a().log; }
 
@@ -103,6 +115,19 @@ TEST(log, line_longer_than_the_buffer_arrives_whole) {
     const std::string message(100000, 'm');
     log_text(message.c_str());
     EXPECT_EQ(read_file(log_path), prefix() + message);
+}
+
+TEST(log, line_needs_no_memory_and_is_cut_at_its_buffer_without) {
+    has_memory = false;
+    log_text("short\n");
+    const std::string message(100000, 'm');
+    log_text(message.c_str());
+    has_memory = true;
+    const std::string expected = prefix() + "short\n" + prefix();
+    const std::string written = read_file(log_path);
+    EXPECT_EQ(written.substr(0, expected.size()), expected);
+    EXPECT_EQ(written.size(), prefix().size() + strlen("short\n") + 32767);
+    EXPECT_EQ(written.find_first_not_of('m', expected.size()), std::string::npos);
 }
 
 TEST(log, null_text_is_written_as_null) {
@@ -193,7 +218,7 @@ TEST(log, file_is_opened_for_each_line_so_it_may_be_removed) {
 
 TEST(log, line_lands_behind_what_another_writer_appended_meanwhile) {
     write_file(log_path, "old\n");
-    file_calls::after_fopen = [] { write_file(log_path, "a longer text than before\n"); };
+    file_calls::after_log_open = [] { write_file(log_path, "a longer text than before\n"); };
     log_text("new\n");
     EXPECT_EQ(read_file(log_path), "a longer text than before\n" + prefix() + "new\n");
 }
@@ -204,7 +229,7 @@ TEST(log, lock_file_is_opened_but_not_locked) {
     const file_calls::recording seen;
     log_text("x\n");
     log_text("y\n");
-    const texts one_line = {open_lock, open_log, "fclose", "F_SETLK F_UNLCK 0 0 0", "close"};
+    const texts one_line = {open_lock, open_log, "close log", "F_SETLK F_UNLCK 0 0 0", "close"};
     texts two_lines = one_line;
     two_lines.insert(two_lines.end(), one_line.begin(), one_line.end());
     EXPECT_EQ(seen.calls, two_lines);
@@ -232,7 +257,7 @@ void leave_lock_file_open() {
 TEST(log, failed_open_leaves_the_lock_file_open_after_the_line) {
     const file_calls::recording seen;
     leave_lock_file_open();
-    EXPECT_EQ(seen.calls, (texts{open_lock, open_log, "fclose", open_lock}));
+    EXPECT_EQ(seen.calls, (texts{open_lock, open_log, "close log", open_lock}));
     EXPECT_NE(state_a()._iot_lock_fd, -1);
     EXPECT_EQ(read_file(log_path), prefix() + "unlocked\n");
 }
@@ -241,7 +266,7 @@ TEST(log, descriptor_left_open_is_waited_for_then_closed) {
     leave_lock_file_open();
     const file_calls::recording seen;
     log_text("locked\n");
-    EXPECT_EQ(seen.calls, (texts{"F_SETLKW F_WRLCK 0 0 0", open_log, "fclose",
+    EXPECT_EQ(seen.calls, (texts{"F_SETLKW F_WRLCK 0 0 0", open_log, "close log",
                                  "F_SETLK F_UNLCK 0 0 0", "close"}));
     EXPECT_EQ(state_a()._iot_lock_fd, -1);
     log_text("as usual\n");
@@ -253,7 +278,7 @@ TEST(log, lines_that_fail_to_open_at_once_leave_one_lock_file_open) {
     int opens = 0;
     const size_t before = open_descriptors();
     file_calls::open_fails = [&opens] { return opens++ < 2; };
-    file_calls::after_fopen = [] { log_text("inner\n"); };
+    file_calls::after_log_open = [] { log_text("inner\n"); };
     log_text("outer\n");
     file_calls::open_fails = nullptr;
     EXPECT_EQ(opens, 4);
@@ -294,7 +319,7 @@ TEST(log, lock_file_that_cannot_be_opened_does_not_stop_the_line) {
     fs::remove_all("/var/lock");
     const file_calls::recording seen;
     log_text("x\n");
-    EXPECT_EQ(seen.calls, (texts{open_lock, open_log, "fclose", open_lock}));
+    EXPECT_EQ(seen.calls, (texts{open_lock, open_log, "close log", open_lock}));
     EXPECT_EQ(state_a()._iot_lock_fd, -1);
     EXPECT_EQ(read_file(log_path), prefix() + "x\n");
 }
@@ -308,7 +333,7 @@ TEST(log, lock_file_that_somebody_made_a_fifo_does_not_stop_the_line) {
 
 TEST(log, descriptors_are_close_on_exec_while_a_line_is_written) {
     size_t others = 0;
-    file_calls::after_fopen = [&] {
+    file_calls::after_log_open = [&] {
         for (int fd = 3; fd < 64; ++fd) {
             char target[64] = {};
             const std::string link = "/proc/self/fd/" + to_string(fd);

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -33,9 +34,11 @@ namespace {
 
 using texts = std::vector<std::string>;
 
-// Each process has its own copy of these, so a child's calls do not show in the caller.
-std::atomic<int> forks = 0;
-int failing_fork = 0;  // this fork, counted from 1 in a line of processes, fails
+// The processes that the sender starts borrow this one's memory, so their calls show here.
+std::atomic<int> starts = 0;
+int failing_start = 0;  // this one, counted from 1, fails
+int copies = 0;         // starts that copy this process's memory
+int interruptible = 0;  // starts with a signal that is not blocked
 int interrupted_waits = 0;
 
 struct wait_call {
@@ -57,8 +60,8 @@ constexpr long lower_limit = 20;
 }  // namespace
 
 extern "C" {
-pid_t __real_fork();
-pid_t __wrap_fork();
+int __real_clone(int (*steps)(void*), void* stack, int flags, void* arg, ...);
+int __wrap_clone(int (*steps)(void*), void* stack, int flags, void* arg, ...);
 pid_t __real_waitpid(pid_t pid, int* status, int options);
 pid_t __wrap_waitpid(pid_t pid, int* status, int options);
 int __real_close_range(unsigned first, unsigned last, int flags);
@@ -66,14 +69,19 @@ int __wrap_close_range(unsigned first, unsigned last, int flags);
 long __real_sysconf(int name);
 long __wrap_sysconf(int name);
 
-pid_t __wrap_fork() {
-    if (++forks == failing_fork) {
+int __wrap_clone(int (*steps)(void*), void* stack, int flags, void* arg, ...) {
+    if (++starts == failing_start) {
         errno = EAGAIN;
         return -1;
     }
-    const pid_t child = __real_fork();
-    if (child > 0) last_child = child;
-    return child;
+    if ((flags & (CLONE_VM | CLONE_VFORK)) != (CLONE_VM | CLONE_VFORK)) ++copies;
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    for (const int sig : {SIGHUP, SIGINT, SIGTERM, SIGCHLD, SIGRTMIN, SIGRTMAX}) {
+        if (sigismember(&blocked, sig) == 0) ++interruptible;
+    }
+    // The child's own start comes back first, the caller's last.
+    return last_child = __real_clone(steps, stack, flags, arg);
 }
 
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
@@ -235,7 +243,7 @@ constexpr char no_signals[] = "0000000000000000";
 
 // Runs the steps in a child and returns its exit status.
 int in_child(const std::function<void()>& steps) {
-    const pid_t child = __real_fork();
+    const pid_t child = fork();
     if (child == 0) {
         steps();
         _exit(testing::Test::HasFailure() ? 1 : 0);
@@ -469,7 +477,22 @@ TEST_F(notifications, notifier_belongs_to_init_and_the_caller_has_no_child) {
         EXPECT_EQ(next().parent, 1);
         stop_reading();
     }
-    EXPECT_EQ(forks, 20) << "one for each notification";
+    EXPECT_EQ(starts, 40) << "two for each notification";
+}
+
+TEST_F(notifications, memory_of_the_caller_is_not_copied_and_no_handler_runs_in_it) {
+    ravo::nclog::notify_send(entry(17), "alice", nullptr);
+    EXPECT_EQ(next().words.size(), 15U);
+    EXPECT_EQ(starts, 2);
+    EXPECT_EQ(copies, 0);
+    EXPECT_EQ(interruptible, 0);
+}
+
+TEST_F(notifications, script_that_names_no_interpreter_is_run_by_the_shell) {
+    std::filesystem::remove(notifier);
+    write_file(notifier, R"(printf '8\n\n\n%s\0' "${14}" > /tmp/notifications)");
+    ASSERT_EQ(chmod(notifier, 0755), 0);
+    EXPECT_EQ(words_of(entry(17), "alice"), (texts{"alice"}));
 }
 
 TEST_F(notifications, caller_waits_for_its_child_only_and_wants_no_status) {
@@ -490,7 +513,7 @@ TEST_F(notifications, interrupted_wait_is_repeated) {
 TEST_F(notifications, children_of_the_caller_are_left_alone) {
     int ready[2];
     ASSERT_EQ(pipe2(ready, O_CLOEXEC), 0);
-    const pid_t other = __real_fork();
+    const pid_t other = fork();
     if (other == 0) {
         close(ready[1]);
         char byte = 0;
@@ -705,16 +728,19 @@ TEST_F(lost_notification, text_too_long_for_the_system_leaves_nothing_behind) {
     EXPECT_EQ(orphan_status(), 0) << "and the next one is delivered";
 }
 
-TEST_F(lost_notification, first_fork_that_fails_returns_at_once) {
-    failing_fork = 1;
+TEST_F(lost_notification, child_that_cannot_be_started_returns_at_once) {
+    failing_start = 1;
     ravo::nclog::notify_send(entry(17), "alice", nullptr);
     EXPECT_EQ(waits.size(), 0U) << "there is no child to wait for";
+    sigset_t now;
+    ASSERT_EQ(sigprocmask(SIG_SETMASK, nullptr, &now), 0);
+    EXPECT_EQ(sigisemptyset(&now), 1) << "the caller's mask is back";
     expect_no_process_left();
     EXPECT_EQ(read_file(log_path), "");
 }
 
-TEST_F(lost_notification, second_fork_that_fails_ends_the_child_with_1) {
-    failing_fork = 2;
+TEST_F(lost_notification, notifier_that_cannot_be_started_ends_the_child_with_1) {
+    failing_start = 2;
     ravo::nclog::notify_send(entry(17), "alice", nullptr);
     EXPECT_EQ(last_child_status, 1 << 8) << "exit status 1";
     expect_no_process_left();

@@ -1,15 +1,16 @@
 // The notification catalogue and the sender that hands an entry to the notification centre.
 #include "nc_msg_db.h"
 
-#include <stdio_ext.h>
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
-#include <cstdio>
-#include <cstring>
+#include <cstddef>
 #include <initializer_list>
 
 namespace ravo {
@@ -51,36 +52,47 @@ constexpr nc_msg_struct __NC_MSG_DB__[nc_msg_count] = {
 
 namespace {
 
-constexpr int vector_slots = 26;  // what the notifier is given at most
-constexpr int first_argument_slot = 14;
+constexpr size_t vector_slots = 26;  // what the notifier is given at most
 
-// The notifier's words. One slot more than are filled, so that the vector always ends in null.
-struct argument_vector {
-    char* slots[vector_slots + 1] = {};
-    int used = 0;
+// The notifier's words, which nobody writes to. One slot more than are filled, so that the vector
+// always ends in null.
+using argument_vector = std::array<char*, vector_slots + 1>;
 
-    // Without memory for a copy the word itself will do: nobody writes to it.
-    void add(const char* word) {
-        char* copy = strdup(word);
-        slots[used++] = copy != nullptr ? copy : const_cast<char*>(word);
-    }
-    bool is_full() const { return used == vector_slots; }
-};
+constexpr size_t first_argument_slot = 14;
 
-argument_vector make_vector(const nc_msg_struct& msg, va_list texts) {
-    argument_vector words;
+// The words before the arguments.
+argument_vector fixed_words(const nc_msg_struct& msg) {
+    argument_vector words = {};
+    size_t slot = 0;
     for (const char* word :
          {"/usr/local/sbin/notify", "send", "-A", "A238", "-C", msg.category_id, "-M",
           msg.message_id, "-l", msg.level, "-t", "3", msg.message, "RAVO Service"}) {
-        words.add(word);
-    }
-    static_assert(first_argument_slot < vector_slots);
-    while (!words.is_full()) {
-        const char* text = va_arg(texts, const char*);
-        if (text == nullptr) break;
-        words.add(text);
+        words[slot++] = const_cast<char*>(word);
     }
     return words;
+}
+
+// --- Processes that borrow the caller's memory --------------------------------------------------
+//
+// Copying the memory of a daemon that holds a large reply takes a tenth of a second, twice. So the
+// child and the notifier run in the memory of the caller, who stands still meanwhile: until the
+// child has ended, and that one until the notifier's program is in place. What they do there is
+// system calls; anything else they would do to the caller. Descriptors and signal actions are their
+// own, and no handler runs in them: every signal is blocked from before the first one starts until
+// the second one has put all actions back.
+
+using borrowed_stack = std::array<char, 16384>;  // for a few system calls
+
+struct notifier_start {
+    argument_vector words;
+    alignas(16) borrowed_stack child_stack;
+    alignas(16) borrowed_stack notifier_stack;
+};
+
+// Starts a process in this memory, and returns when it has ended or become another program. Returns
+// its pid, or -1.
+pid_t run_borrowing(int (*steps)(void*), borrowed_stack& stack, notifier_start& start) {
+    return clone(steps, stack.data() + stack.size(), CLONE_VM | CLONE_VFORK | SIGCHLD, &start);
 }
 
 // Everything but the standard streams. The loop does the same where the kernel has no close_range.
@@ -92,43 +104,57 @@ void close_descriptors() {
 
 // Handlers do not survive an exec, but ignored signals and the mask do.
 void restore_signals() {
-    for (int sig = 1; sig < NSIG; ++sig) (void)signal(sig, SIG_DFL);
+    struct sigaction standard = {};
+    standard.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) (void)sigaction(sig, &standard, nullptr);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-[[noreturn]] void become_notifier(const nc_msg_struct& msg, va_list texts) {
+// The lowest free number is always the one that was just closed.
+void reopen_standard_streams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        close(fd);
+        // The notifier is to have them.
+        (void)open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+    }
+}
+
+int become_notifier(void* arg) {
     restore_signals();
-    // What the caller has not written yet is its own to write, once; and a reopened stream would
-    // take the offset of the caller's input back to what it has not read yet.
-    for (FILE* stream : {stdin, stdout, stderr}) __fpurge(stream);
-    [[maybe_unused]] FILE* stream = freopen("/dev/null", "r", stdin);
-    stream = freopen("/dev/null", "w", stdout);
-    stream = freopen("/dev/null", "w", stderr);
-    argument_vector words = make_vector(msg, texts);
-    execvp(words.slots[0], words.slots);
+    reopen_standard_streams();
+    argument_vector& words = static_cast<notifier_start*>(arg)->words;
+    execvp(words[0], words.data());
     _exit(1);
 }
 
 // The child between: its early end leaves the notifier to the init process.
-[[noreturn]] void run_child(const nc_msg_struct& msg, va_list texts) {
+int run_child(void* arg) {
+    auto& start = *static_cast<notifier_start*>(arg);
     close_descriptors();
-    const pid_t grandchild = fork();
-    if (grandchild == 0) become_notifier(msg, texts);
-    _exit(grandchild < 0 ? 1 : 0);
+    _exit(run_borrowing(become_notifier, start.notifier_stack, start) < 0 ? 1 : 0);
 }
 
 }  // namespace
 
 void nclog::notify_send(const nc_msg_struct* msg, ...) {
-    const pid_t child = fork();
-    if (child < 0) return;
-    if (child == 0) {
-        va_list texts;
-        va_start(texts, msg);
-        run_child(*msg, texts);
+    notifier_start start;
+    start.words = fixed_words(*msg);
+    va_list texts;
+    va_start(texts, msg);
+    for (size_t slot = first_argument_slot; slot < vector_slots; ++slot) {
+        start.words[slot] = va_arg(texts, char*);
+        if (start.words[slot] == nullptr) break;
     }
+    va_end(texts);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    const pid_t child = run_borrowing(run_child, start.child_stack, start);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (child < 0) return;
     // With SIGCHLD ignored this waits as well, and ends in ECHILD.
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -31,8 +31,9 @@ class nclog {
     //
     // The notifier runs as a grandchild that nobody waits for, with standard streams on /dev/null,
     // no other descriptor of this process, default signal handling and an empty signal mask. Blocks
-    // only while a short-lived child sees to that. No failure is reported: a notifier that is
-    // missing loses the notification. Any thread may call.
+    // until its program is in place or known to be missing, with every signal held back, however
+    // large this process is. No failure is reported: a notifier that is missing loses the
+    // notification. Any thread may call.
     static void notify_send(const nc_msg_struct* msg, ...);
 };
 

@@ -17,7 +17,10 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 // One source unit's log variables.
 struct log_state {
@@ -81,13 +84,57 @@ inline void release_lock(log_state& log, int fd) {
     if (other != -1) close(other);
 }
 
-[[gnu::format(printf, 4, 0)]] inline void print_line(FILE* out, const call_site& at,
-                                                     const char* level_word, const char* format,
-                                                     va_list args) {
-    char level[16] = {};
-    strncpy(level, level_word, sizeof level - 1);
-    (void)fprintf(out, "%d [%s] %s [%d] %s:", getpid(), level, at.file, at.line, at.function);
-    (void)vfprintf(out, format, args);
+// One line, made in room for the longest statement. A longer one gets a block of its own; without
+// memory for that it is cut.
+class line_text {
+  public:
+    [[gnu::format(printf, 4, 0)]] line_text(const call_site& at, const char* level,
+                                            const char* format, va_list args) {
+        va_list again;
+        va_copy(again, args);
+        const int head = snprintf(room, sizeof room, "%d [%.15s] %s [%d] %s:", getpid(), level,
+                                  at.file, at.line, at.function);
+        const auto start = static_cast<size_t>(head);
+        const int message = vsnprintf(room + start, sizeof room - start, format, args);
+        size = start + static_cast<size_t>(message > 0 ? message : 0);
+        if (size >= sizeof room) {
+            block.reset(static_cast<char*>(malloc(size + 1)));
+            if (block) {
+                memcpy(block.get(), room, start);
+                (void)vsnprintf(block.get() + start, size + 1 - start, format, again);
+            } else {
+                size = sizeof room - 1;
+            }
+        }
+        va_end(again);
+    }
+
+    // In one write, if the file takes it whole, so that the lines of other processes stay whole.
+    void write_to(int fd) const {
+        const std::string_view all = text();
+        for (size_t done = 0; done < all.size();) {
+            const ssize_t step = write(fd, all.data() + done, all.size() - done);
+            if (step <= 0) return;
+            done += static_cast<size_t>(step);
+        }
+    }
+    void print_to(FILE* out) const { (void)fwrite(text().data(), 1, size, out); }
+
+  private:
+    struct freer {
+        void operator()(char* memory) const { free(memory); }
+    };
+
+    std::string_view text() const { return {block ? block.get() : room, size}; }
+
+    char room[32768];
+    std::unique_ptr<char, freer> block;
+    size_t size = 0;
+};
+
+// A descriptor that appends, or -1.
+inline int open_log_file(const log_state& log) {
+    return open(log.__log_file__, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
 }
 
 }  // namespace ravo_log
@@ -100,16 +147,13 @@ inline void release_lock(log_state& log, int fd) {
     va_list args;
     va_start(args, format);
     if (log.__cur_type__ == 0) {
-        ravo_log::print_line(stdout, at, level, format, args);
+        ravo_log::line_text(at, level, format, args).print_to(stdout);
     } else if (log.__cur_type__ == 1 && log.__log_file__[0] != '\0') {
         const int lock_fd = ravo_log::acquire_lock(log);
-        if (FILE* file = fopen(log.__log_file__, "ae")) {
-            // Room for the longest statement, so that a line goes out in one write and the lines of
-            // other processes stay whole.
-            char whole_line[32768];
-            (void)setvbuf(file, whole_line, _IOFBF, sizeof whole_line);
-            ravo_log::print_line(file, at, level, format, args);
-            (void)fclose(file);
+        const int fd = ravo_log::open_log_file(log);
+        if (fd != -1) {
+            ravo_log::line_text(at, level, format, args).write_to(fd);
+            close(fd);
         }
         ravo_log::release_lock(log, lock_fd);
     }

@@ -8,7 +8,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +30,7 @@
 namespace {
 
 constexpr char endpoint[] = "@/var/run/ravod.sock";
-constexpr long close_loop_limit = 65536;  // above it descriptors are closed by the range
+constexpr long close_loop_limit = 65536;  // the highest descriptor that is closed by itself
 
 // --- Process-wide state -------------------------------------------------------------------------
 
@@ -163,14 +165,16 @@ void leave_parent() {
     if (child > 0) exit(0);
 }
 
-// Closes everything but descriptor 0, which the reopening of standard input takes care of.
+// Closes everything but descriptor 0, which the reopening of standard input takes care of. The
+// limit itself is closed, too, on purpose: a descriptor of that number may be left from before the
+// limit was lowered. Where the kernel has no close_range, they are closed one by one.
 void close_descriptors() {
     const long limit = sysconf(_SC_OPEN_MAX);
-    const bool is_vast = limit < 0 || limit > close_loop_limit;
-    if (is_vast && close_range(1, ~0U, 0) == 0) return;
-    // The limit itself comes first, on purpose: a descriptor of that number may be left from before
-    // the limit was lowered.
-    for (long n = is_vast ? close_loop_limit : limit; n >= 1; --n) close(static_cast<int>(n));
+    const bool is_unknown = limit < 0 || limit > UINT_MAX;
+    if (close_range(1, is_unknown ? UINT_MAX : static_cast<unsigned>(limit), 0) == 0) return;
+    for (long n = is_unknown ? close_loop_limit : std::min(limit, close_loop_limit); n >= 1; --n) {
+        close(static_cast<int>(n));
+    }
 }
 
 void reopen_standard_streams() {

@@ -3,7 +3,6 @@
 
 #include "log_units/file_calls.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -15,7 +14,7 @@
 
 namespace file_calls {
 std::function<bool()> open_fails;
-std::function<void()> after_fopen;
+std::function<void()> after_log_open;
 std::function<void(int)> before_wait;
 std::atomic<int> bad_closes;
 }  // namespace file_calls
@@ -23,13 +22,16 @@ std::atomic<int> bad_closes;
 namespace {
 
 thread_local file_calls::recording* current = nullptr;
-thread_local int last_opened = -1;
+thread_local int lock_fd = -1;
+thread_local int log_fd = -1;
 
 void record(const std::string& call) {
     if (current != nullptr) current->calls.push_back(call);
 }
 
-void record_for(int fd, const std::string& call) { record((fd == last_opened ? "" : "!") + call); }
+void record_for(int fd, const std::string& call) {
+    record(call + (fd == log_fd ? " log" : fd == lock_fd ? "" : " of another"));
+}
 
 std::string octal(unsigned value) {
     char text[16];
@@ -47,6 +49,7 @@ std::string flag_names(int flags) {
         rest &= ~flag;
     };
     take(O_CREAT, "|O_CREAT");
+    take(O_APPEND, "|O_APPEND");
     take(O_CLOEXEC, "|O_CLOEXEC");
     take(O_NONBLOCK, "|O_NONBLOCK");
     return rest == 0 ? names : names + "|" + std::to_string(rest);
@@ -56,11 +59,6 @@ std::string lock_text(const struct flock& lock) {
     const std::string type = lock.l_type == F_WRLCK ? " F_WRLCK " : " F_UNLCK ";
     return type + std::to_string(lock.l_whence) + " " + std::to_string(lock.l_start) + " " +
            std::to_string(lock.l_len);
-}
-
-template <class Function>
-Function next(Function /*like*/, const char* name) {
-    return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -82,16 +80,21 @@ int open(const char* path, int flags, ...) {
         va_end(args);
     }
     record(std::string("open ") + path + " " + flag_names(flags) + " " + octal(mode));
-    if (file_calls::open_fails && file_calls::open_fails()) {
+    const bool is_log = (flags & O_APPEND) != 0;
+    if (!is_log && file_calls::open_fails && file_calls::open_fails()) {
         errno = EMFILE;
         return -1;
     }
-    last_opened = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
-    return last_opened;
+    const auto fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+    if (is_log && fd >= 0 && file_calls::after_log_open) {
+        std::exchange(file_calls::after_log_open, nullptr)();
+    }
+    return (is_log ? log_fd : lock_fd) = fd;
 }
 
 int close(int fd) {
     record_for(fd, "close");
+    if (fd == log_fd) log_fd = -1;
     const auto result = static_cast<int>(syscall(SYS_close, fd));
     if (result != 0) ++file_calls::bad_closes;
     return result;
@@ -108,22 +111,6 @@ int fcntl(int fd, int command, ...) {
     }
     if (command == F_SETLKW && file_calls::before_wait) file_calls::before_wait(fd);
     return static_cast<int>(syscall(SYS_fcntl, fd, command, argument));
-}
-
-FILE* fopen(const char* path, const char* mode) {
-    static const auto real_fopen = next(&fopen, "fopen");
-    record(std::string("fopen ") + path + " " + mode);
-    FILE* file = real_fopen(path, mode);
-    if (file != nullptr && file_calls::after_fopen) {
-        std::exchange(file_calls::after_fopen, nullptr)();
-    }
-    return file;
-}
-
-int fclose(FILE* file) {
-    static const auto real_fclose = next(&fclose, "fclose");
-    record("fclose");
-    return real_fclose(file);
 }
 }
 #pragma GCC visibility pop

@@ -19,15 +19,14 @@ class recording {
     recording& operator=(const recording&) = delete;
 
     // One line a call, such as "open /p O_WRONLY|O_CREAT|O_CLOEXEC 0777", "F_SETLK F_UNLCK 0 0 0",
-    // "close". A "!" in front tells that the call was made with another descriptor than the last
-    // open gave.
+    // "close": the lock file's. "close log" is the log file's.
     std::vector<std::string> calls{};
 };
 
-// When set, asked before each open; true makes the open fail. Any thread asks.
+// When set, asked before each open of the lock file; true makes it fail. Any thread asks.
 extern std::function<bool()> open_fails;
-// When set, called when the next stream was opened, before anything is written to it, and unset.
-extern std::function<void()> after_fopen;
+// When set, called when the log file was opened next, before anything is written to it, and unset.
+extern std::function<void()> after_log_open;
 // When set, called with the descriptor before it is waited for.
 extern std::function<void(int)> before_wait;
 // Closes of numbers that were no open descriptors, of all threads.

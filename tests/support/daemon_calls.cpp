@@ -183,6 +183,7 @@ int open(const char* path, int flags, ...) {
         va_end(args);
     }
     if (strstr(path, ".pid") != nullptr) record("open %s %04o", path, mode);
+    if (strstr(path, ".log") != nullptr) record("open %s", path);
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags, mode));
 }
 
