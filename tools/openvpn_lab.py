@@ -39,10 +39,14 @@ def run(*command, **options):
 
 
 class Process:
-    """A program whose output is read line by line. Its input is a pipe, which says when this ends."""
+    """A program whose output is read line by line."""
+
+    started = []
 
     def __init__(self, *command):
+        self.command = command
         self.lines = []
+        Process.started.append(self)
         self.changed = threading.Condition()
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, text=True, errors="replace")
@@ -68,8 +72,12 @@ class Process:
         """The first line from the start-th on that has the pattern, as a match."""
         with self.changed:
             if not self.changed.wait_for(lambda: self.find(pattern, start), TIMEOUT_SECONDS):
-                raise AssertionError(f"no line with {pattern!r} in:\n" + "\n".join(self.lines))
+                raise AssertionError(f"no line with {pattern!r}; " + self.last_words() + "".join(
+                    other.last_words() for other in Process.started if other is not self))
             return self.find(pattern, start)
+
+    def last_words(self):
+        return "\n".join([f"{self.command} said last:", *self.lines[-60:], ""])
 
     def end(self, sig=signal.SIGTERM):
         """Sends the signal, and waits for the end and the last line."""
@@ -159,7 +167,7 @@ data-ciphers AES-256-GCM
 """
 
     def start_server(self, *lines):
-        """Silent clients are given up after 3 seconds. The server itself sends no pings, so that
+        """Silent clients are given up after 5 seconds. The server itself sends no pings, so that
         nothing is counted after a client's last word."""
         config = self.write("server.conf", self.common_lines("server") + f"""proto udp6
 multihome
@@ -170,7 +178,7 @@ server 10.88.0.0 255.255.255.0
 server-ipv6 fd00:88::/64
 username-as-common-name
 verify-client-cert require
-ping-restart 3
+ping-restart 5
 push "ping 1"
 push "ping-restart 60"
 management {MANAGEMENT} unix
