@@ -9,8 +9,10 @@ build_packages=(
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils systemd openvpn openssl
+    binutils systemd
 )
+# What ./run openvpn and the tests of real OpenVPN servers need besides.
+openvpn_packages=(openvpn openssl)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 
