@@ -362,19 +362,20 @@ TEST(openvpn_journal, server_closes_what_dead_servers_have_left) {
 // Killed before each change that it makes to a file, the last of which follow the daemon's answer.
 TEST(openvpn_journal, nothing_twice_and_nothing_lost_when_it_is_killed) {
     const ravod_process ravod;
-    const texts expected = {"1 a", "1 b", "2 a", "3 b"};
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which cannot look for them while traced
+    const journal events(many);
     bool was_killed = true;
     int n = 0;
     while (was_killed) {
         clean_conn_server_log();
-        const journal events(many);
-        EXPECT_TRUE(events.take(event_of("connect", "a")));
         EXPECT_TRUE(events.take(event_of("connect", "b")));
+        EXPECT_TRUE(deliver());
+        EXPECT_TRUE(events.take(event_of("connect", "a")));
         EXPECT_TRUE(events.take(event_of("disconnect", "a")));
         EXPECT_TRUE(events.take(event_of("server-down", "")));
         was_killed = kill_at_change({RAVO_OPENVPN, "replay"}, ++n);
         EXPECT_TRUE(deliver());
-        EXPECT_EQ(records(), expected) << "killed at change " << n;
+        EXPECT_EQ(records(), (texts{"1 b", "1 a", "2 a", "3 b"})) << "killed at change " << n;
         EXPECT_EQ(files_in("open"), 0U);
     }
     EXPECT_GT(n, 12);
@@ -382,6 +383,7 @@ TEST(openvpn_journal, nothing_twice_and_nothing_lost_when_it_is_killed) {
 
 TEST(openvpn_journal, nothing_twice_when_it_is_killed_on_the_way_to_the_disk) {
     const int changes = 6;  // and some more
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     texts expected;
     for (int n = 1; n <= changes; ++n) {
         expected.push_back("1 " + std::to_string(n));

@@ -26,7 +26,7 @@ size_t fitting_length(std::string_view text, size_t most) {
 template <size_t size>
 void put(char (&field)[size], std::string_view text) {
     text = text.substr(0, text.find('\0'));
-    memcpy(field, text.data(), fitting_length(text, size - 1));
+    (void)text.copy(field, fitting_length(text, size - 1));
 }
 
 template <class Record>
