@@ -95,7 +95,8 @@ class Lab:
         self.processes = []
         self.networks = {}
         self.make_certificates()
-        run("ip", "link", "add", "lab", "type", "bridge")
+        # With an address of its own: otherwise each new port may change it, under the clients' feet.
+        run("ip", "link", "add", "lab", "address", "02:00:00:00:00:01", "type", "bridge", "mcast_snooping", "0")
         run("ip", "address", "add", "203.0.113.1/24", "dev", "lab")
         run("ip", "address", "add", "2001:db8::1/64", "dev", "lab", "nodad")
         run("ip", "link", "set", "lab", "up")
