@@ -89,6 +89,7 @@ class openvpn(RavodTest):
         server = self.start_server()
         users = ("alice", "o'brien", "zoë", "100%", HOSTILE)
         clients = self.start_clients(*users)
+        server.wait_for("o'brien/.* Data Channel: ")  # nothing is left to be repeated
         with openvpn_lab.Management() as management:
             status = {client["Username"]: client for client in management.clients()}
             self.assertEqual(sorted(status), sorted(users))

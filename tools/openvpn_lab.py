@@ -100,6 +100,7 @@ class Lab:
         run("ip", "address", "add", "203.0.113.1/24", "dev", "lab")
         run("ip", "address", "add", "2001:db8::1/64", "dev", "lab", "nodad")
         run("ip", "link", "set", "lab", "up")
+        self.quiet_tunnels()
 
     # --- Certificates ----------------------------------------------------------------------------
 
@@ -153,6 +154,12 @@ class Lab:
     def pipe(self, name):
         os.mkfifo(self.path(name))
         return self.path(name)
+
+    def quiet_tunnels(self):
+        """The server's kernel would ask all clients for routers, at times of its own."""
+        for name, value in (("router_solicitations", "0"), ("addr_gen_mode", "1")):
+            with open(f"/proc/sys/net/ipv6/conf/default/{name}", "w", encoding="utf-8") as file:
+                file.write(value)
 
     # --- OpenVPN ---------------------------------------------------------------------------------
 
