@@ -13,6 +13,8 @@ test_packages=(
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)
+# What ./run openvpn and the tests of real OpenVPN servers need besides.
+openvpn_packages=(openvpn openssl)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 

@@ -10,3 +10,11 @@ function(ravo_write_units RAVO_PREFIX folder)
         configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.service.in" "${folder}/${unit}.service" @ONLY)
     endforeach()
 endfunction()
+
+# ravo_write_openvpn_files(prefix folder): writes what servers of OpenVPN include, for a helper below
+# the prefix. Also used while installing.
+function(ravo_write_openvpn_files RAVO_PREFIX folder)
+    foreach(name ravod ravod-auth)
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/openvpn/${name}.conf.in" "${folder}/${name}.conf" @ONLY)
+    endforeach()
+endfunction()
