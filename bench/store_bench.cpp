@@ -1,11 +1,10 @@
-// What the way through the daemon costs: inserts and listings by the client library, against the
-// same SQLite statements and row copies run in this process without any daemon.
+// What the way through the daemon costs: listings by the client library, against the same SQLite
+// statements and row copies run in this process without any daemon.
 //
 // Each figure is a ratio, daemon over in-process, taken in turns within one run: the median over
 // the rounds, with the fastest and the slowest round beside it. Both sides use the same table,
 // filled alike, in two database files on one file system.
 //
-//   insert N     one connection recorded in a table that holds N rows already
 //   list N       the first N rows by id of a table of 100000
 //   peak memory  of the daemon while it answers the largest listing, over the reply's size
 //
@@ -44,19 +43,6 @@ void fill(bench::database& side, size_t rows) {
         "SELECT 'user' || (i %% 97), 4, i, 1795222858 + i, 'linux 2.6.14', '203.0.113.11', "
         "'10.88.0.2', 1, 2, 3 * i, 4 * i, 'tun0', 1 FROM n WHERE %d > 0;",
         static_cast<int>(rows), static_cast<int>(rows)));
-}
-
-void insert_directly(bench::database& peer, const db_conn_server_log& r) {
-    long count = 0;
-    peer.run("BEGIN TRANSACTION;");
-    peer.run(sqlite3_mprintf(
-        "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES "
-        "('%q', %d, %lu, %lu, '%q', '%q', '%q', %ld, %ld, %ld, %ld, '%q', %d);",
-        r.username, r.vpn_type, r.uptime, r.time, r.device_info, r.source_ip, r.vpn_ip, r.tx_rate,
-        r.rx_rate, r.tx_total, r.rx_total, r.outgoing, r.action));
-    peer.run("SELECT Count(*) FROM conn_server_log;", bench::read_number, &count);
-    peer.run("END TRANSACTION;");
 }
 
 void copy_text(char (&array)[RAVO_TEXT_SIZE], const char* text) {
@@ -127,37 +113,7 @@ void list_through_daemon(size_t rows) {
     free(header.data);
 }
 
-void insert_through_daemon(db_conn_server_log record) {
-    if (add_conn_server_log(&record) != 0) bench::give_up("the daemon does not answer");
-}
-
 // --- Measuring ----------------------------------------------------------------------------------
-
-db_conn_server_log sample_record() {
-    db_conn_server_log record = {};
-    copy_text(record.username, "alice");
-    record.vpn_type = 4;
-    record.time = 1795222858;
-    copy_text(record.device_info, "linux 2.6.14 alice-laptop");
-    copy_text(record.source_ip, "203.0.113.11");
-    copy_text(record.vpn_ip, "10.88.0.2");
-    record.tx_total = 64916;
-    record.rx_total = 12345;
-    copy_text(record.outgoing, "tun0");
-    record.action = 1;
-    return record;
-}
-
-void compare_inserts(bench::database& daemon_side, bench::database& peer, size_t rows) {
-    fill(daemon_side, rows);
-    fill(peer, rows);
-    const db_conn_server_log record = sample_record();
-    const int times = rows < 50000 ? 50 : 20;
-    bench::compare(
-        "insert", std::to_string(rows) + " rows", 21,
-        bench::repeated(times, [&] { insert_through_daemon(record); }),
-        {{"in this process", bench::repeated(times, [&] { insert_directly(peer, record); })}});
-}
 
 void compare_listings(bench::database& peer, size_t rows) {
     const int times = rows > 10000 ? 1 : 10;
@@ -187,9 +143,6 @@ int main(int argc, char** argv) {
     bench::database daemon_side(bench::daemon_file, create_text);
     bench::database peer(bench::peer_file, create_text);
     const pid_t daemon = bench::start_service(argv[1]);
-    for (const size_t rows : {size_t{0}, size_t{10000}, largest}) {
-        compare_inserts(daemon_side, peer, rows);
-    }
     fill(daemon_side, largest);
     fill(peer, largest);
     for (const size_t rows : {size_t{20}, size_t{1000}, largest}) compare_listings(peer, rows);
