@@ -178,7 +178,8 @@ sql_text format_again(const char* text, int64_t id) {
 }
 
 // Deliberate: formatted twice, and a '%' that the first pass has copied from the name is a
-// conversion to the second. "%%" becomes "%", and any other conversion spoils the statement.
+// conversion to the second. "%%" becomes "%", and any other conversion spoils the statement. A name
+// without one needs no connection for it.
 sql_text update_statement(const row& user) {
     char text[update_size] = {};
     sqlite3_snprintf(
@@ -186,7 +187,8 @@ sql_text update_statement(const row& user) {
         "UPDATE privilege_user_block SET username = '%q', limit_count = %d, timestamp = %lu",
         user.username, user.limit, user.timestamp);
     (void)append(text, {" WHERE id = %lu;"});
-    return format_again(text, user.id);
+    const bool is_plain = strchr(user.username, '%') == nullptr;
+    return is_plain ? sql(text, user.id) : format_again(text, user.id);
 }
 
 // Stores one more failure of the user, now, and returns the new count.
