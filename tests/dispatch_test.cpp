@@ -213,10 +213,13 @@ class spare : public testing::Test {
         for (int fd = -1; (fd = fcntl(0, F_DUPFD_CLOEXEC, 0)) >= 0;) taken.push_back(fd);
         return taken;
     }
+    static void give_back(const std::vector<int>& taken) {
+        for (const int fd : taken) close(fd);
+    }
     static size_t free_in_a_request() {
         const spare_descriptors request;
         const std::vector<int> taken = take_all();
-        for (const int fd : taken) close(fd);
+        give_back(taken);
         return taken.size();
     }
 };
@@ -230,7 +233,7 @@ TEST_F(spare, stay_aside_while_as_many_others_are_free) {
 }
 
 TEST_F(spare, serve_a_request_and_whatever_it_starts_when_none_else_is_free) {
-    (void)take_all();
+    const std::vector<int> taken = take_all();
     {
         const spare_descriptors request;
         EXPECT_EQ(limit(), whole_limit);
@@ -238,6 +241,7 @@ TEST_F(spare, serve_a_request_and_whatever_it_starts_when_none_else_is_free) {
         EXPECT_EQ(limit(), whole_limit);
     }
     EXPECT_EQ(limit(), lowered_limit);
+    give_back(taken);
 }
 
 // However the free ones lie, below the numbers in use or above them.
