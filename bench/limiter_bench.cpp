@@ -1,21 +1,20 @@
 // What the login-attempt limiter costs: a failed login, a check and a lift by the client library,
-// against the same SQLite statements and row copies run in this process without daemon, bus and
-// settings service.
+// the commit layer left out, held against two floors with the same table and the same statements:
 //
-// Each figure is a ratio, daemon over in-process, taken in turns within one run: the median over
-// the rounds, with the lowest and the highest beside it. Both sides use the same table, filled
-// alike, in two database files on one file system. Every operation looks at all rows, so the cost
-// grows with the users; what the daemon adds is two calls on the bus.
+//   statements    in this process, with a row callback that does nothing
+//   raw exchanges the same statements in a process that is asked over a raw socket and asks another
+//                 one for the settings likewise. The limiter is asked over the bus, and has to ask
+//                 the settings service over the bus: with few users that is nearly all it costs.
+//   and vpncaas   as above, but the settings are asked of the service itself, which reads a file
 //
-//   fail N    one more failure of a user among N
-//   check N   whether one of N users is blocked (not)
-//   lift N    one of N users forgotten; they are added again, untimed
-//   notify L  the time that one notification keeps the daemon when its limit of descriptors is L: a
-//             user's first failure at a limit of 1, which notifies, less one at a limit of 2
+// All processes share one CPU and take turns, a few calls each; the first of each turn does not
+// count. A user is added, untimed, before each lift.
+//
+// Then the memory that each operation takes of the daemon at its peak beyond what it has before,
+// with the pages of the table in SQLite's cache and, for the first look of all, without.
 //
 // Run it through bench/run, which gives it a throw-away root.
 #include <sqlite3.h>
-#include <sys/resource.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -25,19 +24,25 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
+#include <ctime>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "bench_support.h"
 #include "ravo_api.h"
-#include "statements.h"
+#include "raw_exchange.h"
+#include "zbservice.h"
 
 namespace {
 
 using bench::give_up;
+
+constexpr char create_text[] =
+    "CREATE  TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY AUTOINCREMENT "
+    "UNIQUE, username TEXT, limit_count INTEGER, timestamp INTEGER);";
 
 void set_limit(int limit) {
     std::ofstream file("/etc/config/vpn_block.conf");
@@ -45,51 +50,101 @@ void set_limit(int limit) {
     if (!file.flush()) give_up("cannot write the settings");
 }
 
-// --- The peer: the limiter's statements, without the daemon --------------------------------------
+// Leaves exactly this many users, "user1" and so on, with one failure each.
+void fill(bench::database& side, size_t users) {
+    side.run("DELETE FROM privilege_user_block;");
+    side.run("DELETE FROM sqlite_sequence WHERE name = 'privilege_user_block';");
+    side.run(sqlite3_mprintf(
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) INSERT INTO "
+        "privilege_user_block (username, limit_count, timestamp) SELECT 'user' || i, 1, 1795222858 "
+        "FROM n;",
+        static_cast<int>(users)));
+}
 
-struct search {
-    const char* username;
-    db_privilege_user_block_data row;
-    bool found;
-};
+// --- The floors: the limiter's statements, and nothing done with their rows ----------------------
 
-// Copies each row, as the limiter does, and keeps the user's.
-int look_at_row(void* arg, int /*columns*/, char** values, char** /*names*/) {
-    auto& wanted = *static_cast<search*>(arg);
-    db_privilege_user_block_data row;
-    row.id = strtol(values[0], nullptr, 10);
-    const size_t length = strnlen(values[1], sizeof row.username - 1);
-    memcpy(row.username, values[1], length);
-    row.username[length] = '\0';
-    row.limit = static_cast<int32_t>(strtol(values[2], nullptr, 10));
-    row.timestamp = static_cast<uint64_t>(strtol(values[3], nullptr, 10));
-    if (!wanted.found && strcmp(row.username, wanted.username) == 0) {
-        wanted.row = row;
-        wanted.found = true;
-    }
+constexpr char exchanges_file[] = "/etc/config/ravo/exchanges.db";
+constexpr char limiter_name[] = "limiter_bench/limiter";
+constexpr char settings_name[] = "limiter_bench/settings";
+constexpr size_t settings_request = 60;  // bytes; the bus's are about as many
+constexpr size_t settings_reply = 100;
+
+constexpr int lifted_id = 1000000;  // of the user that is added for each lift
+
+int look_at_nothing(void* /*arg*/, int /*columns*/, char** /*values*/, char** /*names*/) {
     return 0;
 }
 
-db_privilege_user_block_data look_directly(bench::database& peer, const char* username) {
-    search wanted = {};
-    wanted.username = username;
-    bench::select_users(peer, look_at_row, &wanted);
-    return wanted.row;
+void look(bench::database& floor) {
+    long first_id = -1;
+    long total = -1;
+    floor.run(
+        "SELECT id FROM (SELECT * FROM privilege_user_block ORDER BY id DESC LIMIT 100000) ORDER "
+        "BY id ASC LIMIT 1;",
+        bench::read_number, &first_id);
+    floor.run(sqlite3_mprintf("SELECT * FROM privilege_user_block WHERE  id >= %ld ORDER BY id ASC "
+                              "LIMIT 100000 OFFSET 0;",
+                              first_id),
+              look_at_nothing);
+    floor.run("SELECT Count(*) FROM privilege_user_block;", bench::read_number, &total);
 }
 
-void fail_directly(bench::database& peer, const char* username) {
-    const db_privilege_user_block_data row = look_directly(peer, username);
-    if (row.id != 0) {
-        bench::update_user(peer, row.id, username, row.limit + 1);
-    } else {
-        bench::insert_user(peer, username);
+enum class operation : char { fail, check, add, lift };
+
+// id is that of the user who fails.
+void run_statements(bench::database& floor, operation what, int id) {
+    const auto now = static_cast<unsigned long>(time(nullptr));
+    if (what == operation::add) {
+        floor.run(
+            sqlite3_mprintf("INSERT OR REPLACE INTO privilege_user_block (id, username, "
+                            "limit_count, timestamp) VALUES (%d, 'lifted', 1, %lu);",
+                            lifted_id, now));
+        return;
+    }
+    look(floor);
+    if (what == operation::fail) {
+        floor.run(sqlite3_mprintf(
+            "UPDATE privilege_user_block SET username = '%q', limit_count = "
+            "%d, timestamp = %lu WHERE id = %lu;",
+            ("user" + std::to_string(id)).c_str(), 2, now, static_cast<unsigned long>(id)));
+    } else if (what == operation::lift) {
+        floor.run(sqlite3_mprintf("DELETE FROM privilege_user_block WHERE id = %lu;",
+                                  static_cast<unsigned long>(lifted_id)));
     }
 }
 
-void lift_directly(bench::database& peer, const char* username) {
-    const db_privilege_user_block_data row = look_directly(peer, username);
-    if (row.id == 0) give_up("the peer lost a user");
-    bench::delete_row(peer, bench::users, row.id);
+// A request to the bare limiter, behind the frame header.
+struct bare_request {
+    operation what;
+    bool asks_vpncaas;
+    int id;
+};
+
+bench::raw_server::work answer_settings() {
+    return [](const char*) {};
+}
+
+void ask_vpncaas() {
+    constexpr char request[] = R"({"path": "/etc/config/vpn_block.conf"})";
+    zb_io* io = zb_io_create();
+    if (zb_io_write(io, request, sizeof request - 1) != 0 ||
+        zb_call("vpncaas", "read_json", io, 5, -1) != 0) {
+        give_up("vpncaas does not answer");
+    }
+    zb_io_free(io);
+}
+
+bench::raw_server::work answer_limiter() {
+    auto floor = std::make_shared<bench::database>(exchanges_file, create_text);
+    auto settings = std::make_shared<bench::raw_caller>(settings_name, settings_reply);
+    return [floor, settings](const char* bytes) {
+        bare_request request = {};
+        memcpy(&request, bytes + bench::frame_header_bytes, sizeof request);
+        run_statements(*floor, request.what, request.id);
+        if (request.what == operation::add) return;
+        if (request.asks_vpncaas) return ask_vpncaas();
+        settings->call(std::vector<char>(bench::frame_header_bytes + settings_request));
+    };
 }
 
 // --- The daemon ----------------------------------------------------------------------------------
@@ -98,112 +153,121 @@ void expect(int wanted, int result) {
     if (result != wanted) give_up("the daemon answered " + std::to_string(result));
 }
 
+void ask_daemon(operation what, int id) {
+    std::string user = "user" + std::to_string(id);
+    std::string lifted = "lifted";
+    switch (what) {
+        case operation::fail:
+            return expect(0, add_privilege_user_block(user.data()));
+        case operation::check:
+            return expect(0, check_privilege_user_block(user.data()));
+        case operation::add:
+            return expect(0, add_privilege_user_block(lifted.data()));
+        case operation::lift:
+            return expect(0, delete_privilege_user_block(lifted.data()));
+    }
+}
+
 // --- Operations ----------------------------------------------------------------------------------
 
-// A lift needs users: those that the untimed end of the round adds again.
-void compare_lifts(bench::database& peer, size_t users, int rounds, int times) {
-    std::vector<std::string> names;
-    for (int n = 1; n <= std::min(times, static_cast<int>(users / 10)); ++n) {
-        names.push_back("user" + std::to_string(n));
-    }
-    const auto lifts = static_cast<double>(names.size());
-    std::vector<double> daemon_us;
-    std::vector<double> direct_us;
-    for (int round = 0; round <= rounds; ++round) {
-        const double a = bench::microseconds(1, [&] {
-            for (std::string& user : names) expect(0, delete_privilege_user_block(user.data()));
-        });
-        const double b = bench::microseconds(1, [&] {
-            for (const std::string& user : names) lift_directly(peer, user.c_str());
-        });
-        for (std::string& user : names) {
-            expect(0, add_privilege_user_block(user.data()));
-            fail_directly(peer, user.c_str());
+using ask = std::function<void(operation what)>;
+
+// Microseconds of one operation, the mean of a few.
+bench::sample turn(const ask& side, operation what, int times) {
+    return [&side, what, times] {
+        double spent = 0;
+        for (int n = 0; n <= times; ++n) {
+            if (what == operation::lift) side(operation::add);
+            const double each = bench::microseconds(1, [&] { side(what); });
+            if (n > 0) spent += each;
         }
-        if (round == 0) continue;
-        daemon_us.push_back(a / lifts);
-        direct_us.push_back(b / lifts);
-    }
-    bench::report("lift", std::to_string(users) + " users", "in this process", daemon_us, direct_us,
-                  0);
-}
-
-void compare_operations(bench::database& daemon_side, bench::database& peer, size_t users) {
-    bench::fill_users(daemon_side, users);
-    bench::fill_users(peer, users);
-    std::string name = "user" + std::to_string(users / 2);
-    const int rounds = users < 50000 ? 21 : 11;
-    const int times = users <= 1000 ? 50 : users <= 10000 ? 10 : 2;
-    const std::string state = std::to_string(users) + " users";
-    const auto against = [&](const char* what, const std::function<void()>& ours,
-                             const std::function<void()>& directly) {
-        bench::compare(what, state, rounds, bench::repeated(times, ours),
-                       {{"in this process", bench::repeated(times, directly)}});
+        return spent / times;
     };
-    against(
-        "fail", [&] { expect(0, add_privilege_user_block(name.data())); },
-        [&] { fail_directly(peer, name.data()); });
-    against(
-        "check", [&] { expect(0, check_privilege_user_block(name.data())); },
-        [&] { (void)look_directly(peer, name.data()); });
-    compare_lifts(peer, users, rounds, times);
 }
 
-// --- Notifications -------------------------------------------------------------------------------
+constexpr struct {
+    const char* name;
+    operation what;
+} operations[] = {
+    {"check", operation::check}, {"fail", operation::fail}, {"lift", operation::lift}};
 
-// Microseconds of first failures of new users.
-double first_failures(int times) {
-    static int count = 0;
-    return bench::microseconds(times, [] {
-        std::string name = "stranger" + std::to_string(++count);
-        expect(0, add_privilege_user_block(name.data()));
-    });
-}
-
-void measure_notification(const char* ravod, rlim_t open_max) {
-    rlimit allowed = {};
-    getrlimit(RLIMIT_NOFILE, &allowed);
-    char label[32];
-    (void)snprintf(label, sizeof label, "notify %ju", static_cast<uintmax_t>(open_max));
-    if (open_max > allowed.rlim_max) {
-        printf("%-16s not measured: no more than %ju descriptors are allowed here\n", label,
-               static_cast<uintmax_t>(allowed.rlim_max));
-        return;
+void compare_operations(bench::database& floor, size_t users) {
+    for (const char* file : {bench::daemon_file, bench::peer_file, exchanges_file}) {
+        bench::database side(file, create_text);
+        fill(side, users);
     }
-    const pid_t daemon = bench::start_service(ravod, open_max);
-    expect(0, clean_privilege_user_block());
-    std::vector<double> spent;
-    for (int round = 0; round <= 15; ++round) {
-        set_limit(2);
-        const double quiet = first_failures(5);
-        set_limit(1);
-        const double notifying = first_failures(5);
-        if (round > 0) spent.push_back(notifying - quiet);
+    const int id = static_cast<int>(users / 2);
+    bench::raw_caller limiter(limiter_name, 1);
+    const ask ours = [&](operation what) { ask_daemon(what, id); };
+    const ask statements = [&](operation what) { run_statements(floor, what, id); };
+    const auto bare = [&](operation what, bool asks_vpncaas) {
+        const bare_request request = {what, asks_vpncaas, id};
+        std::vector<char> bytes(bench::frame_header_bytes + sizeof request);
+        memcpy(bytes.data() + bench::frame_header_bytes, &request, sizeof request);
+        limiter.call(bytes);
+    };
+    const ask exchanges = [&](operation what) { bare(what, false); };
+    const ask questions = [&](operation what) { bare(what, true); };
+    const int rounds = users <= 1000 ? 300 : users <= 10000 ? 101 : 41;
+    const int times = users <= 1000 ? 2 : 1;
+    for (const auto& [name, what] : operations) {
+        bench::compare(name, std::to_string(users) + " users, one CPU", rounds,
+                       turn(ours, what, times),
+                       {{"statements", turn(statements, what, times), 1.1},
+                        {"raw exchanges", turn(exchanges, what, times)},
+                        {"raw exchange and vpncaas", turn(questions, what, times), 1.1}});
+    }
+}
+
+// --- Memory --------------------------------------------------------------------------------------
+
+// KiB of the daemon beyond what it has before, at its peak.
+size_t extra_memory(pid_t daemon, const std::function<void()>& work) {
+    std::ofstream("/proc/" + std::to_string(daemon) + "/clear_refs") << "5";
+    const size_t before = bench::memory_of(daemon, "VmRSS");
+    work();
+    return bench::memory_of(daemon, "VmHWM") - before;
+}
+
+void show_memory(pid_t daemon, const char* what, size_t users, const std::function<void()>& work) {
+    const size_t extra = extra_memory(daemon, work);
+    printf("%-22s %-30s %10zu KiB  goal 1024 %s\n", what,
+           (std::to_string(users) + " users").c_str(), extra, extra <= 1024 ? "met" : "MISSED");
+}
+
+// SQLite's cache holds the whole table from the first look on.
+void measure_memory(const char* ravod, size_t users) {
+    const int id = static_cast<int>(users / 2);
+    const pid_t daemon = bench::start_service(ravod);
+    const size_t first = extra_memory(daemon, [&] { ask_daemon(operation::check, id); });
+    printf("%-22s %-30s %10zu KiB  the table in SQLite's cache, for good\n", "first look",
+           (std::to_string(users) + " users").c_str(), first);
+    for (const auto& [name, what] : operations) {
+        if (what == operation::lift) ask_daemon(operation::add, id);
+        show_memory(daemon, (std::string(name) + ", memory").c_str(), users,
+                    [&, op = what] { ask_daemon(op, id); });
     }
     bench::stop_service(daemon);
-    const auto [low, high] = std::minmax_element(spent.begin(), spent.end());
-    printf("%-16s %9.1f us (%.1f to %.1f)\n", label, bench::median(spent), *low, *high);
-    (void)fflush(stdout);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) give_up("usage: limiter_bench RAVOD VPNCAAS NOTIFY");
-    std::filesystem::create_directories("/usr/local/sbin");
-    std::filesystem::create_symlink(argv[3], "/usr/local/sbin/notify");
+    if (argc != 3) give_up("usage: limiter_bench RAVOD VPNCAAS");
     set_limit(1000000);
-    // The first is there to fill the daemon's table from outside.
-    bench::database daemon_side(bench::daemon_file, bench::users.create_text);
-    bench::database peer(bench::peer_file, bench::users.create_text);
+    bench::run_on(0);
+    setenv("RAVOD_COMMIT", "off", 1);
+    const bench::raw_server settings(settings_name, settings_request, settings_reply,
+                                     answer_settings);
+    const bench::raw_server limiter(limiter_name, sizeof(bare_request), 1, answer_limiter);
+    bench::database floor(bench::peer_file, create_text);
     const pid_t vpncaas = bench::start_service(argv[2]);
     const pid_t daemon = bench::start_service(argv[1]);
     for (const size_t users : {size_t{10}, size_t{1000}, size_t{10000}, size_t{100000}}) {
-        compare_operations(daemon_side, peer, users);
+        compare_operations(floor, users);
     }
     bench::stop_service(daemon);
-    for (const rlim_t open_max : {rlim_t{1024}, rlim_t{20000}, rlim_t{1048576}})
-        measure_notification(argv[1], open_max);
+    measure_memory(argv[1], 100000);
     bench::stop_service(vpncaas);
     return 0;
 }

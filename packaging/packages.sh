@@ -9,7 +9,7 @@ build_packages=(
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils systemd
+    binutils systemd valgrind strace
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)

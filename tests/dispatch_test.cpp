@@ -1,6 +1,7 @@
 // The method registry and the dispatch of a request, on a bus that records what is called.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include "ravod_db.h"
 #include "ravod_handler.h"
 #include "ravod_mobile.h"
+#include "spare_descriptors.h"
 #include "standin/standin.h"
 
 namespace {
@@ -183,4 +185,77 @@ TEST_F(dispatch, descriptor_0_is_a_descriptor) {
     EXPECT_FALSE(is_open(0));
     EXPECT_EQ(dup2(spare, 0), 0);
     close(spare);
+}
+
+// --- Descriptors set aside ----------------------------------------------------------------------
+
+namespace {
+
+constexpr rlim_t whole_limit = 64;
+constexpr rlim_t lowered_limit = 56;
+
+class spare : public testing::Test {
+  protected:
+    spare() {
+        const rlimit few = {whole_limit, whole_limit};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+        set_descriptors_aside();
+    }
+
+    static rlim_t limit() {
+        rlimit now = {};
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &now), 0);
+        return now.rlim_cur;
+    }
+    // Opens descriptors until there are no more. Returns their numbers, the lowest first.
+    static std::vector<int> take_all() {
+        std::vector<int> taken;
+        for (int fd = -1; (fd = fcntl(0, F_DUPFD_CLOEXEC, 0)) >= 0;) taken.push_back(fd);
+        return taken;
+    }
+    static void give_back(const std::vector<int>& taken) {
+        for (const int fd : taken) close(fd);
+    }
+    static size_t free_in_a_request() {
+        const spare_descriptors request;
+        const std::vector<int> taken = take_all();
+        give_back(taken);
+        return taken.size();
+    }
+};
+
+}  // namespace
+
+TEST_F(spare, stay_aside_while_as_many_others_are_free) {
+    EXPECT_EQ(limit(), lowered_limit);
+    const spare_descriptors request;
+    EXPECT_EQ(limit(), lowered_limit);
+}
+
+TEST_F(spare, serve_a_request_and_whatever_it_starts_when_none_else_is_free) {
+    const std::vector<int> taken = take_all();
+    {
+        const spare_descriptors request;
+        EXPECT_EQ(limit(), whole_limit);
+        { const spare_descriptors signal; }
+        EXPECT_EQ(limit(), whole_limit);
+    }
+    EXPECT_EQ(limit(), lowered_limit);
+    give_back(taken);
+}
+
+// However the free ones lie, below the numbers in use or above them.
+TEST_F(spare, leave_a_request_eight_however_few_are_free) {
+    std::vector<int> open = take_all();
+    while (!open.empty()) {
+        EXPECT_GE(free_in_a_request(), 8U) << open.size();
+        EXPECT_EQ(limit(), lowered_limit) << open.size();
+        close(open.back());
+        open.pop_back();
+    }
+    open = take_all();
+    for (const int fd : open) {
+        EXPECT_GE(free_in_a_request(), 8U) << fd;
+        close(fd);
+    }
 }

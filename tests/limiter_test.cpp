@@ -620,6 +620,15 @@ TEST_F(limiter, null_name_reads_as_NULL) {
     EXPECT_EQ(notifications(), texts{unblocked("NULL")});
 }
 
+TEST_F(limiter, row_of_a_table_without_names_is_that_of_NULL) {
+    keep_ids_only();
+    put_row("7");
+    EXPECT_EQ(check("alice"), 0);
+    reply = settings_on("-1", "5");
+    now = 1;
+    EXPECT_EQ(check("NULL"), 1);
+}
+
 TEST_F(limiter, null_count_reads_as_minus_1) {
     put_row("1", "'alice'", "NULL", "1");
     reply = settings_on("0", "5");

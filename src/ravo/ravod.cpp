@@ -267,6 +267,12 @@ commit_strength read_commit_strength() {
     return commit_strength::kill_safe;
 }
 
+// One thread does everything, so SQLite need not lock, and nobody asks how much memory it uses.
+void spare_sqlite_what_nobody_needs() {
+    (void)sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
+    (void)sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+}
+
 // Without the layer the daemon serves all the same, and the system log has the reason.
 void make_commits_whole() {
     const int rc = register_commit_vfs(read_commit_strength());
@@ -326,6 +332,7 @@ int main(int argc, char** argv) {
     register_signals();
     apply_log_file();
     (void)read_conf_file(0);
+    spare_sqlite_what_nobody_needs();
     make_commits_whole();
     create_tables();
     serve();

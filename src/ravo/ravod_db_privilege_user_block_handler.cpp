@@ -10,9 +10,11 @@
 #include "ravod_db_privilege_user_block_handler.h"
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <new>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -75,14 +77,27 @@ call_site as_listing(call_site at) {
     return at;
 }
 
-// Calls visit(record) for every visible row, in the order of their ids.
+// A row as SQLite delivers it: the texts of its columns, in the order of SELECT *.
+using row_values = std::span<char*>;
+
+row read_whole(row_values values) {
+    row record;
+    read_row(columns, values, reinterpret_cast<char*>(&record));
+    return record;
+}
+
+// Compares as the record has the name: cut to its array, and "NULL" for no value.
+bool is_named(row_values values, const char* username) {
+    const bool has_name = values.size() > 1 && values[1] != nullptr;
+    const char* name = has_name ? values[1] : "NULL";
+    return strncmp(name, username, sizeof row::username - 1) == 0;
+}
+
+// Calls visit(values) for every visible row, in the order of their ids.
 template <class Visit>
 void visit_rows(Visit visit) {
     const auto on_row = [](void* arg, int num_fields, char** p_fields, char** /*names*/) {
-        row record;
-        read_row(columns, {p_fields, static_cast<size_t>(num_fields)},
-                 reinterpret_cast<char*>(&record));
-        (*static_cast<Visit*>(arg))(record);
+        (*static_cast<Visit*>(arg))(row_values(p_fields, static_cast<size_t>(num_fields)));
         return 0;
     };
     db_query_cond all = {};
@@ -93,10 +108,9 @@ void visit_rows(Visit visit) {
 
 // The user's row: the first with that name.
 std::optional<row> find_user(const char* username) {
-    const row wanted = named_row(username);
     std::optional<row> found;
-    visit_rows([&](const row& record) {
-        if (!found && strcmp(record.username, wanted.username) == 0) found = record;
+    visit_rows([&](row_values values) {
+        if (!found && is_named(values, username)) found = read_whole(values);
     });
     return found;
 }
@@ -164,7 +178,8 @@ sql_text format_again(const char* text, int64_t id) {
 }
 
 // Deliberate: formatted twice, and a '%' that the first pass has copied from the name is a
-// conversion to the second. "%%" becomes "%", and any other conversion spoils the statement.
+// conversion to the second. "%%" becomes "%", and any other conversion spoils the statement. A name
+// without one needs no connection for it.
 sql_text update_statement(const row& user) {
     char text[update_size] = {};
     sqlite3_snprintf(
@@ -172,7 +187,8 @@ sql_text update_statement(const row& user) {
         "UPDATE privilege_user_block SET username = '%q', limit_count = %d, timestamp = %lu",
         user.username, user.limit, user.timestamp);
     (void)append(text, {" WHERE id = %lu;"});
-    return format_again(text, user.id);
+    const bool is_plain = strchr(user.username, '%') == nullptr;
+    return is_plain ? sql(text, user.id) : format_again(text, user.id);
 }
 
 // Stores one more failure of the user, now, and returns the new count.
@@ -257,7 +273,8 @@ int clean_privilege_user_block() {
     const block_settings settings = read_settings();
     std::vector<std::string> released;
     if (settings.enabled) {
-        visit_rows([&](const row& user) {
+        visit_rows([&](row_values values) {
+            const row user = read_whole(values);
             if (user.limit == settings.limit) keep_name(released, user.username);
         });
     }

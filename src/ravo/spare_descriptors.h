@@ -3,7 +3,7 @@
 // Callers who connect may take every descriptor that the process can have. A statement that wants
 // one then, for a journal or to open its connection again, fails, and its row is lost though its
 // caller is answered. So the limit stands lower while the bus takes callers, and is whole while a
-// request or a signal is dealt with. For one thread.
+// request or a signal is dealt with, unless as many are free without that. For one thread.
 #ifndef SPARE_DESCRIPTORS_H
 #define SPARE_DESCRIPTORS_H
 

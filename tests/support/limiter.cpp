@@ -165,9 +165,18 @@ void put_row(const std::string& id, const std::string& username, const std::stri
                       limit_count + ", " + timestamp + ");");
 }
 
+void put_row(const std::string& id) {
+    (void)run_in_file("INSERT INTO privilege_user_block VALUES (" + id + ");");
+}
+
 void drop_rows() {
     (void)run_in_file("DELETE FROM privilege_user_block;");
     (void)run_in_file("DELETE FROM sqlite_sequence;");
+}
+
+void keep_ids_only() {
+    (void)run_in_file("DROP TABLE privilege_user_block;");
+    (void)run_in_file("CREATE TABLE privilege_user_block (id INTEGER PRIMARY KEY);");
 }
 
 // --- What was done -------------------------------------------------------------------------------

@@ -59,8 +59,11 @@ std::string count_of_user(const std::string& user);
 // Puts a row into the file from outside; values as SQL.
 void put_row(const std::string& id, const std::string& username, const std::string& limit_count,
              const std::string& timestamp);
+void put_row(const std::string& id);
 // Empties the table from outside; ids start at 1 again.
 void drop_rows();
+// Makes the table, from outside, an empty one whose rows are ids and nothing else.
+void keep_ids_only();
 
 // What the store was asked for, in order: statement texts, and "(settings)" and "(notifier)" where
 // a call or a notification stands between them.
