@@ -255,12 +255,20 @@ servers start_servers(serve_function serve, int cpu) {
     return all;
 }
 
+#ifdef BENCH_SD_BUS
+void call_sd_bus_at(const server& at) {
+    const sd_bus_connection peer = connect_sd_bus(at.path());
+    call_sd_bus(peer.get());
+}
+#endif
+
 // --- Measuring -----------------------------------------------------------------------------------
 
 // A call to each server in turn.
 template <class Call>
 bench::sample in_turn(const servers& all, Call call) {
-    return bench::repeated(calls_per_round, [&all, call, next = size_t{0}]() mutable {
+    return bench::repeated(calls_per_round, [&all, call] {
+        static size_t next = 0;
         call(*all[next++ % endpoints]);
     });
 }
@@ -268,37 +276,37 @@ bench::sample in_turn(const servers& all, Call call) {
 void compare_per_call(const std::string& state, int rounds, int cpu) {
     const servers bus = start_servers(serve_bus, cpu);
     const servers bare = start_servers(serve_bare<false>, cpu);
-    std::vector<bench::opponent> others = {
-        {"raw exchange",
-         in_turn(bare, [](const server& at) { call_bare(abstract_address(at.path())); }), 1.15}};
 #ifdef BENCH_SD_BUS
     const servers peers = start_servers(serve_sd_bus, cpu);
-    others.push_back({"sd-bus, peer to peer",
-                      in_turn(peers,
-                              [](const server& at) {
-                                  const sd_bus_connection peer = connect_sd_bus(at.path());
-                                  call_sd_bus(peer.get());
-                              }),
-                      0.4});
 #endif
-    bench::compare("call, connection each", state, rounds,
-                   in_turn(bus, [](const server& at) { call_bus(at.bus_path()); }), others);
+    const auto call_bare_at = [](const server& at) { call_bare(abstract_address(at.path())); };
+    const auto call_bus_at = [](const server& at) { call_bus(at.bus_path()); };
+    bench::compare("call, connection each", state, rounds, in_turn(bus, call_bus_at),
+                   {{"raw exchange", in_turn(bare, call_bare_at), 1.15},
+#ifdef BENCH_SD_BUS
+                    {"sd-bus, peer to peer", in_turn(peers, call_sd_bus_at), 0.4}
+#endif
+                   });
 }
 
 void compare_kept(const std::string& state, int rounds, int cpu) {
     const server bus(serve_bus, cpu);
     const server bare(serve_bare<true>, cpu);
     const int kept = connect_to(abstract_address(bare.path()));
-    std::vector<bench::opponent> others = {
-        {"raw exchange", bench::repeated(calls_per_round, [&] { exchange(kept); }), 1.2}};
 #ifdef BENCH_SD_BUS
     const server peer(serve_sd_bus, cpu);
     const sd_bus_connection connection = connect_sd_bus(peer.path());
-    others.push_back({"sd-bus, peer to peer",
-                      bench::repeated(calls_per_round, [&] { call_sd_bus(connection.get()); }), 1});
 #endif
-    bench::compare("call, connection kept", state, rounds,
-                   bench::repeated(calls_per_round, [&] { call_bus(bus.bus_path()); }), others);
+    const std::string path = bus.bus_path();
+    bench::compare(
+        "call, connection kept", state, rounds,
+        bench::repeated(calls_per_round, [&] { call_bus(path); }),
+        {{"raw exchange", bench::repeated(calls_per_round, [&] { exchange(kept); }), 1.2},
+#ifdef BENCH_SD_BUS
+         {"sd-bus, peer to peer",
+          bench::repeated(calls_per_round, [&] { call_sd_bus(connection.get()); }), 1}
+#endif
+        });
     close(kept);
 }
 

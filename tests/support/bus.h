@@ -30,6 +30,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/kept_connections.h"
 #include "zbservice.h"
 
 #if defined(__has_feature)
@@ -96,32 +97,6 @@ inline std::size_t open_descriptors() {
     using std::filesystem::directory_iterator;
     return static_cast<std::size_t>(
         std::distance(directory_iterator("/proc/self/fd"), directory_iterator()));
-}
-
-// Whether a descriptor is this end of a connection to an endpoint.
-inline bool is_connected_to_endpoint(int fd) {
-    sockaddr_un name = {};
-    socklen_t length = sizeof name;
-    return getpeername(fd, reinterpret_cast<sockaddr*>(&name), &length) == 0 &&
-           name.sun_family == AF_UNIX && length > offsetof(sockaddr_un, sun_path);
-}
-
-// The connections that this process's calls have kept: at most one for each thread and address.
-inline std::size_t kept_connections() {
-    using std::filesystem::directory_iterator;
-    const auto is_kept = [](const auto& each) {
-        return is_connected_to_endpoint(std::stoi(each.path().filename()));
-    };
-    return static_cast<std::size_t>(
-        std::count_if(directory_iterator("/proc/self/fd"), directory_iterator(), is_kept));
-}
-
-// Makes them end for their endpoints; the calls find that out.
-inline void end_kept_connections() {
-    for (const auto& each : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const int fd = std::stoi(each.path().filename());
-        if (is_connected_to_endpoint(fd)) (void)shutdown(fd, SHUT_RDWR);
-    }
 }
 
 // Declared before all else in a test: at the end as many descriptors are open as before, but for

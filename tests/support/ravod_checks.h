@@ -17,9 +17,9 @@
 #include <vector>
 
 #include "ravo_api.h"
-#include "support/bus.h"
 #include "support/daemon.h"
 #include "support/files.h"
+#include "support/kept_connections.h"
 
 // --- The log ------------------------------------------------------------------------------------
 
