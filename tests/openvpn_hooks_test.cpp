@@ -185,6 +185,24 @@ TEST(openvpn_session, key_tells_sessions_apart) {
     }
 }
 
+TEST(openvpn_session, client_that_moves_stays_in_its_session) {
+    const variables first = {{"server", "boot/17/5"},
+                             {"time_unix", "1"},
+                             {"ifconfig_pool_remote_ip", "10.0.0.2"},
+                             {"username", "u"},
+                             {"trusted_ip", "a"}};
+    variables moved = first;
+    moved.back().second = "b";
+    EXPECT_TRUE(is_same_session(with(first), with(moved)));
+    for (size_t n = 0; n + 1 < first.size(); ++n) {
+        variables other = moved;
+        other[n].second += "0";
+        EXPECT_FALSE(is_same_session(with(first), with(other))) << first[n].first;
+    }
+    EXPECT_FALSE(is_same_session(with({{"trusted_ip", "a"}}), with({{"trusted_ip", "b"}})));
+    EXPECT_TRUE(is_same_session(with({{"trusted_ip", "a"}}), with({{"trusted_ip", "a"}})));
+}
+
 TEST(openvpn_session, device_needs_a_hardware_address) {
     const std::pair<const char*, const char*> cases[] = {{"26:30:2d:70:37:d8", "26:30:2d:70:37:d8"},
                                                          {"26-30-2D-70-37-D8", "26:30:2d:70:37:d8"},

@@ -223,9 +223,9 @@ bool journal::deliver_all() {
     while (!files.empty()) {
         std::string path = files.begin()->second;
         files.erase(files.begin());
-        const auto has_later = [&files](const std::string& key) {
+        const auto has_later = [&files](const environment& connect) {
             for (const auto& [name, later] : files) {
-                if (session_key(environment(file_bytes(later))) == key) return true;
+                if (is_same_session(environment(file_bytes(later)), connect)) return true;
             }
             return false;
         };
@@ -256,8 +256,19 @@ bool journal::open_session(std::string& path, const environment& event) {
 
 bool journal::close_session(std::string& path, const environment& event) {
     if (!send_once(path, to_connection(event, session_action::disconnected))) return false;
-    (void)unlink((open_ + "/" + session_file(session_key(event))).c_str());
+    (void)unlink(open_file_of(event).c_str());
     return true;
+}
+
+// The file of the open session that a disconnect ends.
+std::string journal::open_file_of(const environment& disconnect) const {
+    std::string path = open_ + "/" + session_file(session_key(disconnect));
+    if (access(path.c_str(), F_OK) == 0) return path;
+    for (const std::string& name : names_in(open_)) {
+        std::string other = open_ + "/" + name;
+        if (is_same_session(environment(file_bytes(other)), disconnect)) return other;
+    }
+    return path;
 }
 
 // A server that comes up has no sessions yet, one that goes down has none any more.
@@ -269,7 +280,7 @@ bool journal::close_lost(const environment& event, const later_events& has_later
         const environment connect(file_bytes(path));
         const std::string_view its_server = connect.get(server_variable);
         if (its_server != server && !(others_too && !is_running(its_server))) continue;
-        if (has_later(session_key(connect))) continue;
+        if (has_later(connect)) continue;
         const auto noticed = static_cast<time_t>(event.number(noticed_variable));
         if (!send_once(path, to_lost_connection(connect, noticed))) return false;
         (void)unlink(path.c_str());
