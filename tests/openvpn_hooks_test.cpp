@@ -352,6 +352,7 @@ TEST(openvpn_journal, files_that_are_no_events_do_not_stop_it) {
     write_file(spool_folder + std::string("/waiting/2"), "");
     write_file(spool_folder + std::string("/waiting/3"), event_of("connect", "a").bytes());
     write_file(spool_folder + std::string("/waiting/.4"), "a draft");
+    ASSERT_TRUE(make_folders(spool_folder + std::string("/waiting/5")));
     const ravod_process ravod;
     EXPECT_TRUE(deliver());
     EXPECT_EQ(records(), texts{"1 a"});

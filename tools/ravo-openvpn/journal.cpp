@@ -30,13 +30,14 @@ constexpr std::string_view sent_ending = ".sent";
 
 // --- Files ---------------------------------------------------------------------------------------
 
-// Names in a folder but for those that begin with a dot.
+// Names of files in a folder but for those that begin with a dot.
 std::vector<std::string> names_in(const std::string& folder) {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(folder.c_str()), closedir);
     if (open == nullptr) return names;
     while (const dirent* entry = readdir(open.get())) {
-        if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+        const bool is_file = entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN;
+        if (is_file && entry->d_name[0] != '.') names.emplace_back(entry->d_name);
     }
     return names;
 }
@@ -77,6 +78,13 @@ bool write_whole(const std::string& folder, const std::string& name, std::string
         return true;
     }
     (void)unlink(draft.c_str());
+    return false;
+}
+
+// Removes a file. False when it is still there, which is told.
+bool is_removed(const std::string& path) {
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+    syslog(LOG_ERR, "cannot remove %s: %s", path.c_str(), strerror(errno));
     return false;
 }
 
@@ -229,8 +237,9 @@ bool journal::deliver_all() {
             }
             return false;
         };
+        if (access(path.c_str(), R_OK) != 0) return false;  // another user's
         if (!deliver_one(path, environment(file_bytes(path)), has_later)) return false;
-        (void)unlink(path.c_str());
+        if (!is_removed(path)) return false;
     }
     return true;
 }
@@ -326,7 +335,7 @@ bool journal::keep_on_disk() const {
             syslog(LOG_ERR, "cannot write to %s: %s", waiting_.c_str(), strerror(errno));
             return false;
         }
-        (void)unlink(path.c_str());
+        if (!is_removed(path)) return false;
         ++count;
     }
     return true;
