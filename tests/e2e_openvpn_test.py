@@ -32,8 +32,8 @@ class openvpn(RavodTest):
         with open("/etc/ravo-openvpn.conf", "w", encoding="utf-8") as file:
             file.write(f"verifier {verifier}\n")
 
-    def start_server(self):
-        return self.lab.start_server(f"config {os.environ['INCLUDES']}/ravod-auth.conf")
+    def start_server(self, *lines):
+        return self.lab.start_server(f"config {os.environ['INCLUDES']}/ravod-auth.conf", *lines)
 
     def rows(self):
         """The listing, once everything has arrived."""
@@ -146,6 +146,18 @@ class openvpn(RavodTest):
         server.end()
         self.start_ravod()
         self.assertEqual([row["action"] for row in self.rows()], [CONNECTED, DISCONNECTED])
+
+    def test_client_that_moves_ends_the_session_that_it_began(self):
+        self.start_ravod()
+        server = self.start_server("verb 5")
+        self.lab.connect(1, "alice")
+        server.wait_for("alice/.* Data Channel: ")
+        self.lab.move(1, "203.0.113.99")
+        server.wait_for(r"floated from .* to .*203\.0\.113\.99")
+        server.end()
+        self.assertEqual([(row["action"], row["source_ip"]) for row in self.rows()],
+                         [(CONNECTED, "203.0.113.11"), (DISCONNECTED, "203.0.113.99")])
+        self.assertEqual(os.listdir("/var/spool/ravo-openvpn/open"), [])
 
     def test_killed_server_loses_its_sessions(self):
         self.start_ravod()

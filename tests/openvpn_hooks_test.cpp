@@ -185,6 +185,24 @@ TEST(openvpn_session, key_tells_sessions_apart) {
     }
 }
 
+TEST(openvpn_session, client_that_moves_stays_in_its_session) {
+    const variables first = {{"server", "boot/17/5"},
+                             {"time_unix", "1"},
+                             {"ifconfig_pool_remote_ip", "10.0.0.2"},
+                             {"username", "u"},
+                             {"trusted_ip", "a"}};
+    variables moved = first;
+    moved.back().second = "b";
+    EXPECT_TRUE(is_same_session(with(first), with(moved)));
+    for (size_t n = 0; n + 1 < first.size(); ++n) {
+        variables other = moved;
+        other[n].second += "0";
+        EXPECT_FALSE(is_same_session(with(first), with(other))) << first[n].first;
+    }
+    EXPECT_FALSE(is_same_session(with({{"trusted_ip", "a"}}), with({{"trusted_ip", "b"}})));
+    EXPECT_TRUE(is_same_session(with({{"trusted_ip", "a"}}), with({{"trusted_ip", "a"}})));
+}
+
 TEST(openvpn_session, device_needs_a_hardware_address) {
     const std::pair<const char*, const char*> cases[] = {{"26:30:2d:70:37:d8", "26:30:2d:70:37:d8"},
                                                          {"26-30-2D-70-37-D8", "26:30:2d:70:37:d8"},
@@ -334,6 +352,7 @@ TEST(openvpn_journal, files_that_are_no_events_do_not_stop_it) {
     write_file(spool_folder + std::string("/waiting/2"), "");
     write_file(spool_folder + std::string("/waiting/3"), event_of("connect", "a").bytes());
     write_file(spool_folder + std::string("/waiting/.4"), "a draft");
+    ASSERT_TRUE(make_folders(spool_folder + std::string("/waiting/5")));
     const ravod_process ravod;
     EXPECT_TRUE(deliver());
     EXPECT_EQ(records(), texts{"1 a"});

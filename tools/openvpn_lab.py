@@ -151,6 +151,12 @@ class Lab:
             self.networks[number] = pid
         return self.networks[number]
 
+    def move(self, number, address):
+        """Gives a client another address."""
+        inside = ("nsenter", "-t", self.network(number), "-n", "ip", "address")
+        run(*inside, "flush", "dev", "eth0")
+        run(*inside, "add", f"{address}/24", "dev", "eth0")
+
     def pipe(self, name):
         os.mkfifo(self.path(name))
         return self.path(name)

@@ -30,13 +30,14 @@ constexpr std::string_view sent_ending = ".sent";
 
 // --- Files ---------------------------------------------------------------------------------------
 
-// Names in a folder but for those that begin with a dot.
+// Names of files in a folder but for those that begin with a dot.
 std::vector<std::string> names_in(const std::string& folder) {
     std::vector<std::string> names;
     const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(folder.c_str()), closedir);
     if (open == nullptr) return names;
     while (const dirent* entry = readdir(open.get())) {
-        if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+        const bool is_file = entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN;
+        if (is_file && entry->d_name[0] != '.') names.emplace_back(entry->d_name);
     }
     return names;
 }
@@ -77,6 +78,13 @@ bool write_whole(const std::string& folder, const std::string& name, std::string
         return true;
     }
     (void)unlink(draft.c_str());
+    return false;
+}
+
+// Removes a file. False when it is still there, which is told.
+bool is_removed(const std::string& path) {
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) return true;
+    syslog(LOG_ERR, "cannot remove %s: %s", path.c_str(), strerror(errno));
     return false;
 }
 
@@ -223,14 +231,15 @@ bool journal::deliver_all() {
     while (!files.empty()) {
         std::string path = files.begin()->second;
         files.erase(files.begin());
-        const auto has_later = [&files](const std::string& key) {
+        const auto has_later = [&files](const environment& connect) {
             for (const auto& [name, later] : files) {
-                if (session_key(environment(file_bytes(later))) == key) return true;
+                if (is_same_session(environment(file_bytes(later)), connect)) return true;
             }
             return false;
         };
+        if (access(path.c_str(), R_OK) != 0) return false;  // another user's
         if (!deliver_one(path, environment(file_bytes(path)), has_later)) return false;
-        (void)unlink(path.c_str());
+        if (!is_removed(path)) return false;
     }
     return true;
 }
@@ -256,8 +265,19 @@ bool journal::open_session(std::string& path, const environment& event) {
 
 bool journal::close_session(std::string& path, const environment& event) {
     if (!send_once(path, to_connection(event, session_action::disconnected))) return false;
-    (void)unlink((open_ + "/" + session_file(session_key(event))).c_str());
+    (void)unlink(open_file_of(event).c_str());
     return true;
+}
+
+// The file of the open session that a disconnect ends.
+std::string journal::open_file_of(const environment& disconnect) const {
+    std::string path = open_ + "/" + session_file(session_key(disconnect));
+    if (access(path.c_str(), F_OK) == 0) return path;
+    for (const std::string& name : names_in(open_)) {
+        std::string other = open_ + "/" + name;
+        if (is_same_session(environment(file_bytes(other)), disconnect)) return other;
+    }
+    return path;
 }
 
 // A server that comes up has no sessions yet, one that goes down has none any more.
@@ -269,7 +289,7 @@ bool journal::close_lost(const environment& event, const later_events& has_later
         const environment connect(file_bytes(path));
         const std::string_view its_server = connect.get(server_variable);
         if (its_server != server && !(others_too && !is_running(its_server))) continue;
-        if (has_later(session_key(connect))) continue;
+        if (has_later(connect)) continue;
         const auto noticed = static_cast<time_t>(event.number(noticed_variable));
         if (!send_once(path, to_lost_connection(connect, noticed))) return false;
         (void)unlink(path.c_str());
@@ -315,7 +335,7 @@ bool journal::keep_on_disk() const {
             syslog(LOG_ERR, "cannot write to %s: %s", waiting_.c_str(), strerror(errno));
             return false;
         }
-        (void)unlink(path.c_str());
+        if (!is_removed(path)) return false;
         ++count;
     }
     return true;

@@ -43,13 +43,14 @@ class journal {
     bool deliver(when_busy what);
 
   private:
-    using later_events = std::function<bool(const std::string& key)>;
+    using later_events = std::function<bool(const environment& connect)>;
 
     std::map<std::string, std::string> waiting() const;
     bool deliver_all();
     bool deliver_one(std::string& path, const environment& event, const later_events& has_later);
     bool open_session(std::string& path, const environment& event);
     bool close_session(std::string& path, const environment& event);
+    std::string open_file_of(const environment& disconnect) const;
     bool close_lost(const environment& event, const later_events& has_later);
     bool send_once(std::string& path, const db_conn_server_log& row);
     bool keep_on_disk() const;

@@ -105,6 +105,14 @@ std::string session_key(const environment& event) {
     return key;
 }
 
+bool is_same_session(const environment& one, const environment& other) {
+    if (session_key(one) == session_key(other)) return true;
+    const std::string address = vpn_addresses(one);
+    return !address.empty() && address == vpn_addresses(other) && user_of(one) == user_of(other) &&
+           one.get("time_unix") == other.get("time_unix") &&
+           one.get(server_variable) == other.get(server_variable);
+}
+
 db_conn_server_log to_connection(const environment& event, session_action action) {
     auto row = empty_record<db_conn_server_log>();
     put(row.username, user_of(event));

@@ -19,6 +19,10 @@ std::string_view user_of(const environment& event);
 // address and port, and name.
 std::string session_key(const environment& event);
 
+// Whether two events are of one session, whose client may have moved to another source address
+// between them: then they have the VPN's address in common.
+bool is_same_session(const environment& one, const environment& other);
+
 // The record of a connect or a disconnect. Texts that are too long end before a character's middle.
 db_conn_server_log to_connection(const environment& event, session_action action);
 
