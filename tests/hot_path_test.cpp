@@ -86,7 +86,8 @@ std::vector<std::string> calls_of_last_request(const std::string& trace) {
     std::vector<std::string> last;
     for (std::string line; std::getline(lines, line);) {
         if (line.find("POLLNVAL") != std::string::npos) calls.clear();
-        if (line.find("\"zbus\\1\\2") != std::string::npos) last = calls;
+        if (line.starts_with("sendmsg(") && line.find("\"zbus\\1") != std::string::npos)
+            last = calls;
         calls.push_back(line.substr(0, line.find('(')));
     }
     return last;

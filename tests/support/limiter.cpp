@@ -2,6 +2,7 @@
 #include "support/limiter.h"
 
 #include <dlfcn.h>
+#include <sched.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -48,13 +49,16 @@ extern "C" __attribute__((visibility("default"))) time_t time(time_t* place) noe
     return limiter_world::now;
 }
 
-extern "C" __attribute__((visibility("default"))) pid_t fork() noexcept {
-    static const auto real_fork = reinterpret_cast<pid_t (*)()>(dlsym(RTLD_NEXT, "fork"));
-    if (getpid() != test_process) return real_fork();
-    receive_all();
-    ++limiter_world::forks;
-    sql_trace::statements.emplace_back("(notifier)");
-    return real_fork();
+extern "C" __attribute__((visibility("default"))) int clone(int (*steps)(void*), void* stack,
+                                                            int flags, void* arg, ...) noexcept {
+    using function = int (*)(int (*)(void*), void*, int, void*, ...);
+    static const auto real_clone = reinterpret_cast<function>(dlsym(RTLD_NEXT, "clone"));
+    if (getpid() == test_process) {
+        receive_all();
+        ++limiter_world::forks;
+        sql_trace::statements.emplace_back("(notifier)");
+    }
+    return real_clone(steps, stack, flags, arg);
 }
 
 extern "C" __attribute__((visibility("default"))) int zb_call(const char* path, const char* method,
