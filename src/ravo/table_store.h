@@ -46,9 +46,10 @@ inline constexpr int64_t trim_rows = 2000;  // oldest rows that go when the cap 
 inline constexpr int64_t visible_rows =
     100000;                                     // newest rows that a query sees, page and total cap
 inline constexpr size_t statement_size = 4096;  // bytes of a statement buffer, its NUL included
-inline constexpr size_t small_rows_size = 256 * 1024;  // bytes of a small page's block, at most
-inline constexpr size_t field_cap = 128;               // column names that a module can hold
-inline constexpr size_t field_name_size = 40;          // bytes of a column name, its NUL included
+inline constexpr size_t small_rows_size =
+    size_t{256} * 1024;                        // bytes of a small page's block, at most
+inline constexpr size_t field_cap = 128;       // column names that a module can hold
+inline constexpr size_t field_name_size = 40;  // bytes of a column name, its NUL included
 
 // Waiting for another program's lock. The time is less than half of what any caller waits, because
 // those behind it in the queue wait as well. It is looked for often, so that a program that lets go
