@@ -1,8 +1,8 @@
 // The world of the login-attempt limiter, for tests that link it: a settings service that answers
 // what a test says, a clock that stands still, and a recording notifier.
 //
-// Linking limiter.cpp into a test puts it in front of zb_call(), time() and clone(). The notifier is
-// a program, at its own path and started by the real sender; it sends its words back. One starts
+// Linking limiter.cpp into a test puts it in front of zb_call(), time() and clone(). The notifier
+// is a program, at its own path and started by the real sender; it sends its words back. One starts
 // only after the one before has sent its words, so their order is certain.
 #ifndef TESTS_SUPPORT_LIMITER_H
 #define TESTS_SUPPORT_LIMITER_H
