@@ -67,25 +67,6 @@ class database {
     sqlite3* db = nullptr;
 };
 
-// The daemon's table of connections to its own server.
-inline constexpr char create_server_log[] =
-    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
-    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, "
-    "source_ip TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, "
-    "rx_total INTEGER, outgoing TEXT, action INTEGER);";
-
-// Leaves exactly this many rows in that table.
-inline void fill_server_log(database& side, size_t rows) {
-    side.run("DELETE FROM conn_server_log;");
-    side.run(sqlite3_mprintf(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) "
-        "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) "
-        "SELECT 'user' || (i %% 97), 4, i, 1795222858 + i, 'linux 2.6.14', '203.0.113.11', "
-        "'10.88.0.2', 1, 2, 3 * i, 4 * i, 'tun0', 1 FROM n WHERE %d > 0;",
-        static_cast<int>(rows), static_cast<int>(rows)));
-}
-
 // The row callback of a query for one number, a long.
 inline int read_number(void* out, int /*columns*/, char** values, char** /*names*/) {
     *static_cast<long*>(out) = strtol(values[0], nullptr, 10);

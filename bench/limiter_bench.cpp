@@ -34,31 +34,17 @@
 #include "bench_support.h"
 #include "ravo_api.h"
 #include "raw_exchange.h"
+#include "statements.h"
 #include "zbservice.h"
 
 namespace {
 
 using bench::give_up;
 
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY AUTOINCREMENT "
-    "UNIQUE, username TEXT, limit_count INTEGER, timestamp INTEGER);";
-
 void set_limit(int limit) {
     std::ofstream file("/etc/config/vpn_block.conf");
     file << R"({"global": {"enable": true, "limit": )" << limit << R"(, "time": 5}})";
     if (!file.flush()) give_up("cannot write the settings");
-}
-
-// Leaves exactly this many users, "user1" and so on, with one failure each.
-void fill(bench::database& side, size_t users) {
-    side.run("DELETE FROM privilege_user_block;");
-    side.run("DELETE FROM sqlite_sequence WHERE name = 'privilege_user_block';");
-    side.run(sqlite3_mprintf(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) INSERT INTO "
-        "privilege_user_block (username, limit_count, timestamp) SELECT 'user' || i, 1, 1795222858 "
-        "FROM n;",
-        static_cast<int>(users)));
 }
 
 // --- The floors: the limiter's statements, and nothing done with their rows ----------------------
@@ -71,45 +57,22 @@ constexpr size_t settings_reply = 100;
 
 constexpr int lifted_id = 1000000;  // of the user that is added for each lift
 
-int look_at_nothing(void* /*arg*/, int /*columns*/, char** /*values*/, char** /*names*/) {
-    return 0;
-}
-
-void look(bench::database& floor) {
-    long first_id = -1;
-    long total = -1;
-    floor.run(
-        "SELECT id FROM (SELECT * FROM privilege_user_block ORDER BY id DESC LIMIT 100000) ORDER "
-        "BY id ASC LIMIT 1;",
-        bench::read_number, &first_id);
-    floor.run(sqlite3_mprintf("SELECT * FROM privilege_user_block WHERE  id >= %ld ORDER BY id ASC "
-                              "LIMIT 100000 OFFSET 0;",
-                              first_id),
-              look_at_nothing);
-    floor.run("SELECT Count(*) FROM privilege_user_block;", bench::read_number, &total);
-}
-
 enum class operation : char { fail, check, add, lift };
 
 // id is that of the user who fails.
 void run_statements(bench::database& floor, operation what, int id) {
-    const auto now = static_cast<unsigned long>(time(nullptr));
     if (what == operation::add) {
         floor.run(
             sqlite3_mprintf("INSERT OR REPLACE INTO privilege_user_block (id, username, "
                             "limit_count, timestamp) VALUES (%d, 'lifted', 1, %lu);",
-                            lifted_id, now));
+                            lifted_id, static_cast<unsigned long>(time(nullptr))));
         return;
     }
-    look(floor);
+    bench::select_users(floor);
     if (what == operation::fail) {
-        floor.run(sqlite3_mprintf(
-            "UPDATE privilege_user_block SET username = '%q', limit_count = "
-            "%d, timestamp = %lu WHERE id = %lu;",
-            ("user" + std::to_string(id)).c_str(), 2, now, static_cast<unsigned long>(id)));
+        bench::update_user(floor, id, ("user" + std::to_string(id)).c_str(), 2);
     } else if (what == operation::lift) {
-        floor.run(sqlite3_mprintf("DELETE FROM privilege_user_block WHERE id = %lu;",
-                                  static_cast<unsigned long>(lifted_id)));
+        bench::delete_row(floor, bench::users, lifted_id);
     }
 }
 
@@ -135,7 +98,7 @@ void ask_vpncaas() {
 }
 
 bench::raw_server::work answer_limiter() {
-    auto floor = std::make_shared<bench::database>(exchanges_file, create_text);
+    auto floor = std::make_shared<bench::database>(exchanges_file, bench::users.create_text);
     auto settings = std::make_shared<bench::raw_caller>(settings_name, settings_reply);
     return [floor, settings](const char* bytes) {
         bare_request request = {};
@@ -193,8 +156,8 @@ constexpr struct {
 
 void compare_operations(bench::database& floor, size_t users) {
     for (const char* file : {bench::daemon_file, bench::peer_file, exchanges_file}) {
-        bench::database side(file, create_text);
-        fill(side, users);
+        bench::database side(file, bench::users.create_text);
+        bench::fill_users(side, users);
     }
     const int id = static_cast<int>(users / 2);
     bench::raw_caller limiter(limiter_name, 1);
@@ -260,7 +223,7 @@ int main(int argc, char** argv) {
     const bench::raw_server settings(settings_name, settings_request, settings_reply,
                                      answer_settings);
     const bench::raw_server limiter(limiter_name, sizeof(bare_request), 1, answer_limiter);
-    bench::database floor(bench::peer_file, create_text);
+    bench::database floor(bench::peer_file, bench::users.create_text);
     const pid_t vpncaas = bench::start_service(argv[2]);
     const pid_t daemon = bench::start_service(argv[1]);
     for (const size_t users : {size_t{10}, size_t{1000}, size_t{10000}, size_t{100000}}) {

@@ -33,6 +33,7 @@
 
 #include "bench_support.h"
 #include "ravo_api.h"
+#include "statements.h"
 
 namespace {
 
@@ -101,43 +102,22 @@ class other_process {
 
 // --- The statements and their rows ---------------------------------------------------------------
 
-int ignore_row(void* /*arg*/, int /*columns*/, char** /*values*/, char** /*names*/) { return 0; }
-
-void run_statements(bench::database& peer, size_t rows, bench::row_callback on_row, void* arg) {
-    long first_id = -1;
-    long total = -1;
-    peer.run(
-        "SELECT id FROM (SELECT * FROM conn_server_log ORDER BY id DESC LIMIT 100000) ORDER BY id "
-        "ASC LIMIT 1;",
-        bench::read_number, &first_id);
-    peer.run(sqlite3_mprintf(
-                 "SELECT * FROM conn_server_log WHERE  id >= %ld ORDER BY id ASC LIMIT %ld OFFSET "
-                 "0;",
-                 first_id, static_cast<long>(rows)),
-             on_row, arg);
-    peer.run("SELECT Count(*) FROM conn_server_log;", bench::read_number, &total);
-}
-
-void copy_text(char (&array)[RAVO_TEXT_SIZE], const char* text) {
-    memcpy(array, text, strnlen(text, sizeof array - 1) + 1);
-}
-
 // Into a record of zero bytes.
 void fill_record(row& r, char** values) {
     const auto number = [&](int n) { return strtol(values[n], nullptr, 10); };
     r.id = number(0);
-    copy_text(r.username, values[1]);
+    bench::copy_text(r.username, values[1]);
     r.vpn_type = static_cast<int32_t>(number(2));
     r.uptime = static_cast<uint64_t>(number(3));
     r.time = static_cast<uint64_t>(number(4));
-    copy_text(r.device_info, values[5]);
-    copy_text(r.source_ip, values[6]);
-    copy_text(r.vpn_ip, values[7]);
+    bench::copy_text(r.device_info, values[5]);
+    bench::copy_text(r.source_ip, values[6]);
+    bench::copy_text(r.vpn_ip, values[7]);
     r.tx_rate = number(8);
     r.rx_rate = number(9);
     r.tx_total = number(10);
     r.rx_total = number(11);
-    copy_text(r.outgoing, values[12]);
+    bench::copy_text(r.outgoing, values[12]);
     r.action = static_cast<int32_t>(number(13));
 }
 
@@ -164,7 +144,7 @@ class sum {
     sum& operator=(const sum&) = delete;
 
     void list(size_t rows) {
-        run_statements(peer_, rows, ignore_row, nullptr);
+        bench::select_rows(peer_, bench::connections, rows);
         auto* records = reinterpret_cast<row*>(block_);
         for (size_t n = 0; n < rows; ++n) {
             memset(&records[n], 0, sizeof records[n]);
@@ -222,10 +202,10 @@ int grow_by_row(void* block, int /*columns*/, char** values, char** /*names*/) {
 }
 
 void answer_plainly(int socket, size_t wanted) {
-    static bench::database own(bench::peer_file, bench::create_server_log);
+    static bench::database own(bench::peer_file, bench::connections.create_text);
     growing_block rows;
     growing_block payload;
-    run_statements(own, wanted, grow_by_row, &rows);
+    bench::select_rows(own, bench::connections, wanted, grow_by_row, &rows);
     payload.append(reinterpret_cast<const char*>(&wanted), sizeof wanted);
     payload.append(rows.data, rows.used);
     rows.release();
@@ -321,14 +301,14 @@ int main(int argc, char** argv) {
     if (argc != 3) bench::give_up("usage: list_bench RAVOD FOLDER_OF_A_PLATFORM_BUS");
     bench::run_on(0);
     // The first is there to fill the daemon's table from outside.
-    bench::database daemon_side(bench::daemon_file, bench::create_server_log);
-    bench::database peer(bench::peer_file, bench::create_server_log);
+    bench::database daemon_side(bench::daemon_file, bench::connections.create_text);
+    bench::database peer(bench::peer_file, bench::connections.create_text);
     const pid_t daemon = bench::start_service(argv[1]);
     {
         sum floor(peer);
         for (const size_t table : {size_t{1000}, largest}) {
-            bench::fill_server_log(daemon_side, table);
-            bench::fill_server_log(peer, table);
+            bench::fill_connections(daemon_side, table);
+            bench::fill_connections(peer, table);
             for (const size_t rows : {size_t{20}, size_t{1000}}) compare_page(floor, rows, table);
         }
         compare_largest(floor);

@@ -27,6 +27,7 @@
 #include "commit_vfs.h"
 #include "ravo_api.h"
 #include "raw_exchange.h"
+#include "statements.h"
 
 namespace {
 
@@ -36,34 +37,14 @@ constexpr char layered_name[] = "record_bench/layered";
 constexpr char method[] = "db_conn_insert";
 constexpr size_t method_length = sizeof method - 1;
 
-constexpr char create_text[] =
-    "CREATE  TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
-    "username TEXT, vpn_type INTEGER, uptime INTEGER, time INTEGER, device_info TEXT, "
-    "source_ip TEXT, vpn_ip TEXT, tx_rate INTEGER, rx_rate INTEGER, tx_total INTEGER, "
-    "rx_total INTEGER, outgoing TEXT, action INTEGER);";
-
 // --- The bare server ----------------------------------------------------------------------------
 
-void insert(bench::database& db, const db_conn_server_log& r) {
-    long count = 0;
-    db.run("BEGIN TRANSACTION;");
-    db.run(sqlite3_mprintf(
-        "INSERT OR REPLACE INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) VALUES "
-        "('%q', %d, %lu, %lu, '%q', '%q', '%q', %ld, %ld, %ld, %ld, '%q', %d);",
-        r.username, r.vpn_type, r.uptime, r.time, r.device_info, r.source_ip, r.vpn_ip, r.tx_rate,
-        r.rx_rate, r.tx_total, r.rx_total, r.outgoing, r.action));
-    db.run(sqlite3_mprintf("SELECT Count(*) FROM %s;", "conn_server_log"), bench::read_number,
-           &count);
-    db.run("END TRANSACTION;");
-}
-
 bench::raw_server::work insert_into(const char* file) {
-    auto db = std::make_shared<bench::database>(file, create_text);
+    auto db = std::make_shared<bench::database>(file, bench::connections.create_text);
     return [db](const char* request) {
         db_conn_server_log record;
         memcpy(&record, request + bench::frame_header_bytes + method_length, sizeof record);
-        insert(*db, record);
+        bench::insert_connection(*db, record);
     };
 }
 
@@ -74,36 +55,9 @@ bench::raw_server::work insert_through_layer() {
 
 // --- Tables and records --------------------------------------------------------------------------
 
-// Leaves exactly this many rows in the table.
 void fill(const char* file, size_t rows) {
-    bench::database side(file, create_text);
-    side.run("DELETE FROM conn_server_log;");
-    side.run(sqlite3_mprintf(
-        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < %d) "
-        "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, "
-        "source_ip, vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) "
-        "SELECT 'user' || (i %% 97), 4, i, 1795222858 + i, 'linux 2.6.14', '203.0.113.11', "
-        "'10.88.0.2', 1, 2, 3 * i, 4 * i, 'tun0', 1 FROM n WHERE %d > 0;",
-        static_cast<int>(rows), static_cast<int>(rows)));
-}
-
-void copy_text(char (&array)[RAVO_TEXT_SIZE], const char* text) {
-    strncpy(array, text, sizeof array - 1);
-}
-
-db_conn_server_log sample_record() {
-    db_conn_server_log record = {};
-    copy_text(record.username, "alice");
-    record.vpn_type = 4;
-    record.time = 1795222858;
-    copy_text(record.device_info, "linux 2.6.14 alice-laptop");
-    copy_text(record.source_ip, "203.0.113.11");
-    copy_text(record.vpn_ip, "10.88.0.2");
-    record.tx_total = 64916;
-    record.rx_total = 12345;
-    copy_text(record.outgoing, "tun0");
-    record.action = 1;
-    return record;
+    bench::database side(file, bench::connections.create_text);
+    bench::fill_connections(side, rows);
 }
 
 std::vector<char> raw_request(const db_conn_server_log& record) {
@@ -119,7 +73,7 @@ struct bench_state {
     std::string ravod;
     std::string file_system;
     int rounds;
-    db_conn_server_log record = sample_record();
+    db_conn_server_log record = bench::sample_connection();
     std::vector<char> request = raw_request(record);
     bench::raw_caller bare{bare_name, 0};
     bench::raw_caller layered{layered_name, 0};

@@ -63,7 +63,7 @@ inline void fill_users(database& side, size_t count) {
 // Into a record that was zero-filled.
 template <size_t size>
 void copy_text(char (&array)[size], const char* text) {
-    strncpy(array, text, size - 1);
+    memcpy(array, text, strnlen(text, size - 1));
 }
 
 inline db_conn_server_log sample_connection() {
