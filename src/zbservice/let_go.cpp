@@ -27,7 +27,11 @@ namespace {
     _exit(0);
 }
 
-bool is_open(const descriptor& each) { return each.is_open(); }
+bool lingers(const descriptor& each) {
+    linger how = {};
+    socklen_t length = sizeof how;
+    return getsockopt(each.get(), SOL_SOCKET, SO_LINGER, &how, &length) == 0 && how.l_onoff != 0;
+}
 
 // Whether nothing waits unread.
 bool is_all_read(int socket) {
@@ -53,10 +57,10 @@ bool has_descriptors_unread(int socket) {
     }
     return !is_all_read(socket);
 }
-}  // namespace
 
-void let_go(std::span<descriptor> strange) {
-    if (std::none_of(strange.begin(), strange.end(), is_open)) return;
+// Leaves the last copies to a process that exits. When none can be made, the closes are this
+// process's own.
+void close_in_child(std::span<descriptor> strange) {
     const pid_t self = getpid();
     const pid_t child = fork();
     if (child == 0) hold_until_killed(self);
@@ -67,10 +71,19 @@ void let_go(std::span<descriptor> strange) {
     }
 }
 
+}  // namespace
+
+void let_go(std::span<descriptor> strange) {
+    if (std::any_of(strange.begin(), strange.end(), lingers)) close_in_child(strange);
+    for (descriptor& each : strange) each.reset();
+}
+
 void hang_up(descriptor& connection, descriptor&& passed) {
     (void)shutdown(connection.get(), SHUT_RDWR);
-    std::array<descriptor, 2> both = {std::move(connection), std::move(passed)};
-    if (both[1].is_open() || has_descriptors_unread(both[0].get())) let_go(both);
+    descriptor ended = std::move(connection);
+    descriptor last = std::move(passed);
+    let_go({&last, 1});
+    if (has_descriptors_unread(ended.get())) close_in_child({&ended, 1});
 }
 
 }  // namespace zb

@@ -69,8 +69,9 @@ double descriptors_of(pid_t pid) {
     return static_cast<double>(std::distance(all, directory_iterator()));
 }
 
-// When connections that have just ended are closed.
+// When connections that have just ended are closed, and those that this process's calls have kept.
 double descriptors_at_rest(pid_t pid) {
+    end_kept_connections();
     event never;
     double last = descriptors_of(pid);
     for (int same = 0, looks = 0; same < 5 && looks < 1000; ++looks) {
