@@ -33,7 +33,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "large_pages.h"
+#include "page_memory.h"
 #include "ravo_log.h"
 #include "ravo_records.h"
 #include "record_field.h"
@@ -563,8 +563,7 @@ inline int64_t page_limit(const db_query_cond& cond) {
     return cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
 }
 
-// The rows of one page as they arrive: a block for free(), and the rows in it. Behind them the
-// block is zero, as calloc() gives it: a row is filled without being cleared first.
+// The rows of one page as they arrive: a block of page_memory.h, and the rows in it.
 //
 // A page that outgrows a small block gets room for all the rows that it may have at once. The
 // system gives memory for that only as rows are written, so nothing of a large page is ever there
@@ -576,6 +575,7 @@ struct row_collector {
     char* data;
     uint64_t count;
     uint64_t capacity;
+    bool is_used = false;  // the block behind the rows is not zero
 };
 
 inline void read_text(char* array, size_t size, const char* text) {
@@ -610,12 +610,12 @@ inline void read_field(const column& c, const char* text, char* record) {
 
 // Moves the rows to a block with room for so many. False: no memory, and everything is as it was.
 inline bool move_rows(row_collector& rows, uint64_t capacity) {
-    void* block = calloc(capacity, rows.row_size);
-    if (block == nullptr) return false;
-    zb::use_large_pages(block, capacity * rows.row_size);
-    if (rows.count != 0) memcpy(block, rows.data, rows.count * rows.row_size);
-    free(rows.data);
-    rows.data = static_cast<char*>(block);
+    const page_block block = take_page_block(capacity * rows.row_size);
+    if (block.data == nullptr) return false;
+    if (rows.count != 0) memcpy(block.data, rows.data, rows.count * rows.row_size);
+    release_page_block(rows.data);
+    rows.data = block.data;
+    rows.is_used = block.is_used;
     rows.capacity = capacity;
     return true;
 }
@@ -640,7 +640,9 @@ inline void read_row(std::span<const column> columns, std::span<char*> values, c
 // Appends one row. False: there was no memory for it, and it is dropped.
 inline bool append_row(row_collector& rows, std::span<char*> values) {
     if (!make_room(rows)) return false;
-    read_row(rows.columns, values, rows.data + rows.count * rows.row_size);
+    char* const record = rows.data + rows.count * rows.row_size;
+    if (rows.is_used) memset(record, 0, rows.row_size);
+    read_row(rows.columns, values, record);
     ++rows.count;
     return true;
 }
