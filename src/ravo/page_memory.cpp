@@ -13,11 +13,10 @@ namespace {
 // A smaller block lies between others and is cheap; a larger one is for a listing that comes
 // seldom.
 constexpr size_t smallest_kept = size_t{256} << 10;
-constexpr size_t largest_kept = size_t{6} << 20;
 
 void* kept = nullptr;
 
-bool is_worth_keeping(size_t size) { return size >= smallest_kept && size <= largest_kept; }
+bool is_worth_keeping(size_t size) { return size >= smallest_kept && size <= largest_kept_page; }
 
 }  // namespace
 

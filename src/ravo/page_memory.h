@@ -5,6 +5,8 @@
 
 #include <cstddef>
 
+inline constexpr size_t largest_kept_page = size_t{6} << 20;  // bytes
+
 // From malloc. It is zero unless it was used before.
 struct page_block {
     char* data;  // null: there is no memory

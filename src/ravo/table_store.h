@@ -565,9 +565,9 @@ inline int64_t page_limit(const db_query_cond& cond) {
 
 // The rows of one page as they arrive: a block of page_memory.h, and the rows in it.
 //
-// A page that outgrows a small block gets room for all the rows that it may have at once. The
-// system gives memory for that only as rows are written, so nothing of a large page is ever there
-// twice.
+// A page that outgrows a small block goes to one of the size that is kept, and from there to one
+// with room for all the rows that it may have. The system gives memory for that only as rows are
+// written, so nothing of a large page is ever there twice.
 struct row_collector {
     std::span<const column> columns;
     size_t row_size;
@@ -620,14 +620,18 @@ inline bool move_rows(row_collector& rows, uint64_t capacity) {
     return true;
 }
 
-// A larger block when it is full, as large as it will ever have to be if that is to be had.
+// A larger block when it is full: of the next size, or, without memory for that, twice as large.
 inline bool make_room(row_collector& rows) {
     if (rows.count < rows.capacity) return true;
     const uint64_t small = std::max(small_rows_size / rows.row_size, uint64_t{1});
+    const uint64_t kept = largest_kept_page / rows.row_size;
     const uint64_t more = std::max(small, 2 * rows.capacity);
-    if (rows.most <= rows.capacity) return move_rows(rows, more);
-    if (rows.capacity < small) return move_rows(rows, std::min(small, rows.most));
-    return move_rows(rows, rows.most) || move_rows(rows, more);
+    uint64_t wanted = rows.most;
+    for (const uint64_t step : {kept, small}) {
+        if (rows.capacity < step) wanted = std::min(step, rows.most);
+    }
+    if (rows.capacity >= rows.most) wanted = more;
+    return move_rows(rows, wanted) || (wanted != more && move_rows(rows, more));
 }
 
 // Fills a record's fields from a row. A row that is too short ends in columns without a value.
