@@ -15,6 +15,8 @@ test_packages=(
 bench_packages=(libsystemd-dev)
 # What ./run openvpn and the tests of real OpenVPN servers need besides.
 openvpn_packages=(openvpn openssl)
+# The browser that looks at ravoctl's report in the tests. Without it they say so and go on.
+browser_packages=(chromium fonts-dejavu-core)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 
