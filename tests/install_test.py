@@ -14,12 +14,12 @@ PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/no
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
-                "man8/NetworkService.8", "man8/notify.8",
+                "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
                 "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
-    + ["lib/libravod_core.a", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
+    + ["lib/libravod_core.a", "lib/security/pam_ravod.so", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
@@ -80,7 +80,8 @@ class install(RavodTest):
 
     def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
         expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},
-                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES}}
+                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES},
+                    "lib/security/pam_ravod.so": "$ORIGIN/.."}
         for path, run_path in expected.items():
             with self.subTest(path=path):
                 dynamic = self.check("readelf", "-d", f"{PREFIX}/{path}")
@@ -135,7 +136,7 @@ class install(RavodTest):
 
     def test_library_path_of_the_operator_wins(self):
         env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
-        for path in ON_THE_BUS + ["lib/libravo_client.so"]:
+        for path in ON_THE_BUS + ["lib/libravo_client.so", "lib/security/pam_ravod.so"]:
             libraries = self.check("ldd", f"{PREFIX}/{path}", env=env)
             self.assertIn(f"{os.environ['STANDIN']}/libzbservice.so.1", libraries)
 

@@ -28,10 +28,22 @@ constexpr size_t name_size = RAVO_TEXT_SIZE - 1;
 struct io_deleter {
     void operator()(zb_io* io) const { zb_io_free(io); }
 };
+using io_owner = std::unique_ptr<zb_io, io_deleter>;
+
+// Without memory for a request the client library ends the process, which is a login program's.
+bool has_memory_for_request() { return io_owner(zb_io_create()) != nullptr; }
+
+// The limiter takes names that it could write to.
+template <auto call>
+int with_name(std::string& username) {
+    return has_memory_for_request() ? call(username.data()) : ZB_ERROR_MEMORY;
+}
+
+// --- How long a block lasts ----------------------------------------------------------------------
 
 // As the daemon asks for them.
 block_settings ask_block_settings() {
-    const std::unique_ptr<zb_io, io_deleter> io(zb_io_create());
+    const io_owner io(zb_io_create());
     const std::string request = std::string(R"({"path": ")") + block_settings_path + R"("})";
     if (zb_io_write(io.get(), request.data(), request.size()) != 0) return {};
     if (zb_call("vpncaas", "read_json", io.get(), 2, -1) != 0) return {};
@@ -44,6 +56,7 @@ block_settings ask_block_settings() {
 
 // When the user's last failure was counted.
 std::optional<uint64_t> last_failure(const std::string& username) {
+    if (!has_memory_for_request()) return std::nullopt;
     db_query_cond of_user = {};
     of_user.count = -1;
     memcpy(of_user.field, "username", sizeof "username");
@@ -74,9 +87,11 @@ const char* limiter_objection(std::string_view name) {
     return nullptr;
 }
 
-int check_block(std::string username) { return check_privilege_user_block(username.data()); }
-int count_failure(std::string username) { return add_privilege_user_block(username.data()); }
-int forget_failures(std::string username) { return delete_privilege_user_block(username.data()); }
+int check_block(std::string username) { return with_name<check_privilege_user_block>(username); }
+int count_failure(std::string username) { return with_name<add_privilege_user_block>(username); }
+int forget_failures(std::string username) {
+    return with_name<delete_privilege_user_block>(username);
+}
 
 std::string reason_of_block(const std::string& username) {
     const std::string blocked = "Too many failed logins. Try again ";
