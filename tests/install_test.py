@@ -10,12 +10,12 @@ PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
-            "sbin/ravo-openvpn", "sbin/ravod", "sbin/vpncaas"]
+            "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
                 "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod.8", "man8/vpncaas.8"]
+                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravo-ppp.8", "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
@@ -27,6 +27,7 @@ FILES = sorted(
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
+    + [f"share/ravod/ppp/{name}" for name in ("ip-down", "ip-up")]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
