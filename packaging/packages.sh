@@ -10,6 +10,7 @@ build_packages=(
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
     binutils systemd valgrind strace pamtester libpam-wrapper
+    mypy
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)

@@ -27,6 +27,8 @@ FILES = sorted(
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
+    + [f"lib/python3/dist-packages/ravo/{name}"
+       for name in ("__init__.py", "_client.py", "_library.py", "_records.py", "py.typed")]
     + [f"share/ravod/ppp/{name}" for name in ("ip-down", "ip-up")]
 )
 CMAKE_PROJECT = """
@@ -122,6 +124,13 @@ class install(RavodTest):
                               ("ostra_config", "Ostra_config")):
             self.assertEqual(self.check("pkg-config", "--modversion", name, env=env).strip(), VERSION)
             self.assertIn(f"-l{library}", self.check("pkg-config", "--libs", name, env=env))
+
+    def test_python_example_uses_the_installed_package(self):
+        self.start_ravod()
+        env = {**os.environ, "PYTHONPATH": f"{PREFIX}/lib/python3/dist-packages",
+               "RAVO_LIBRARY_DIR": f"{PREFIX}/lib"}
+        program = f"{PREFIX}/share/doc/ravod/examples/record_and_list.py"
+        self.assertIn("1 of 1", self.succeed(self.run_program("/usr/bin/python3", "-B", program, env=env)))
 
     def test_cmake_finds_the_package(self):
         self.start_ravod()
