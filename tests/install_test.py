@@ -10,16 +10,16 @@ PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
-            "sbin/ravo-openvpn", "sbin/ravod", "sbin/vpncaas"]
+            "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
-                "man8/NetworkService.8", "man8/notify.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod.8", "man8/vpncaas.8"]
+                "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
+                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravo-ppp.8", "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
-    + ["lib/libravod_core.a", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
+    + ["lib/libravod_core.a", "lib/security/pam_ravod.so", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
@@ -27,6 +27,9 @@ FILES = sorted(
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
+    + [f"lib/python3/dist-packages/ravo/{name}"
+       for name in ("__init__.py", "_client.py", "_library.py", "_records.py", "py.typed")]
+    + [f"share/ravod/ppp/{name}" for name in ("ip-down", "ip-up")]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
@@ -80,7 +83,8 @@ class install(RavodTest):
 
     def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
         expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},
-                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES}}
+                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES},
+                    "lib/security/pam_ravod.so": "$ORIGIN/.."}
         for path, run_path in expected.items():
             with self.subTest(path=path):
                 dynamic = self.check("readelf", "-d", f"{PREFIX}/{path}")
@@ -121,6 +125,13 @@ class install(RavodTest):
             self.assertEqual(self.check("pkg-config", "--modversion", name, env=env).strip(), VERSION)
             self.assertIn(f"-l{library}", self.check("pkg-config", "--libs", name, env=env))
 
+    def test_python_example_uses_the_installed_package(self):
+        self.start_ravod()
+        env = {**os.environ, "PYTHONPATH": f"{PREFIX}/lib/python3/dist-packages",
+               "RAVO_LIBRARY_DIR": f"{PREFIX}/lib"}
+        program = f"{PREFIX}/share/doc/ravod/examples/record_and_list.py"
+        self.assertIn("1 of 1", self.succeed(self.run_program("/usr/bin/python3", "-B", program, env=env)))
+
     def test_cmake_finds_the_package(self):
         self.start_ravod()
         shutil.copy(f"{PREFIX}/share/doc/ravod/examples/record_and_list.c", "/tmp/build/client.c")
@@ -135,7 +146,7 @@ class install(RavodTest):
 
     def test_library_path_of_the_operator_wins(self):
         env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
-        for path in ON_THE_BUS + ["lib/libravo_client.so"]:
+        for path in ON_THE_BUS + ["lib/libravo_client.so", "lib/security/pam_ravod.so"]:
             libraries = self.check("ldd", f"{PREFIX}/{path}", env=env)
             self.assertIn(f"{os.environ['STANDIN']}/libzbservice.so.1", libraries)
 

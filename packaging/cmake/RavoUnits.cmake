@@ -18,3 +18,13 @@ function(ravo_write_openvpn_files RAVO_PREFIX folder)
         configure_file("${RAVO_UNITS_SOURCE_DIR}/openvpn/${name}.conf.in" "${folder}/${name}.conf" @ONLY)
     endforeach()
 endfunction()
+
+# ravo_write_ppp_scripts(prefix folder): writes what pppd calls, for a helper below the prefix. Also used
+# while installing.
+function(ravo_write_ppp_scripts RAVO_PREFIX folder)
+    foreach(name ip-up ip-down)
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/ppp/${name}.in" "${folder}/${name}" @ONLY
+            FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                WORLD_READ WORLD_EXECUTE)
+    endforeach()
+endfunction()
