@@ -1,6 +1,9 @@
 // The kinds of records that ravoctl lists and adds.
 #include "records.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "blocks.h"
 
 namespace {
@@ -168,3 +171,8 @@ constexpr record_kind kinds[] = {
 }  // namespace
 
 std::span<const record_kind> record_kinds() { return kinds; }
+
+const record_kind& kind_of(std::string_view command) {
+    return *std::find_if(std::begin(kinds), std::end(kinds),
+                         [command](const record_kind& kind) { return command == kind.command; });
+}

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "fields.h"
 #include "ravo_api.h"
@@ -51,3 +52,6 @@ struct record_kind {
 };
 
 std::span<const record_kind> record_kinds();
+
+// The kind whose subcommand has this name, which must exist.
+const record_kind& kind_of(std::string_view command);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <system_error>
 
 #include "blocks.h"
@@ -17,6 +18,12 @@
 #include "time_words.h"
 
 namespace {
+
+struct report_request {
+    std::string file;   // "-": standard output
+    std::string since;  // empty: 30 days before the end
+    std::string until;  // empty: until now
+};
 
 constexpr int64_t usual_length = int64_t{30} * 24 * 3600;  // seconds
 constexpr int64_t latest_time = 253'402'300'799;           // the end of the year 9999
@@ -30,12 +37,9 @@ int64_t parse_time(const char* option, const std::string& text, int64_t now) {
 
 // False, told on standard error: the daemon did not answer.
 bool read_failures(std::vector<failed_logins>& failures) {
-    const auto blocks = std::find_if(
-        record_kinds().begin(), record_kinds().end(),
-        [](const auto& kind) { return std::string_view(kind.command) == blocks_command; });
     db_query_cond cond = {};
     cond.count = -1;
-    const page counters = blocks->list(cond);
+    const page counters = kind_of(blocks_command).list(cond);
     if (!counters.was_read) {
         (void)report_unread();
         return false;
@@ -72,8 +76,6 @@ void write_file(const std::string& path, const std::string& text) {
     if (rename(unfinished.c_str(), path.c_str()) != 0) fail();
 }
 
-}  // namespace
-
 exit_status write_report(const report_request& request) {
     report_content content;
     content.now = time(nullptr);
@@ -87,4 +89,23 @@ exit_status write_report(const report_request& request) {
     content.sessions = to_sessions(rows);
     write_file(request.file, to_html(content));
     return done;
+}
+
+}  // namespace
+
+void declare_report(command_line& line) {
+    const auto request = std::make_shared<report_request>();
+    CLI::App* report =
+        line.app.add_subcommand("report", "Draw sessions and failed logins as a page");
+    report->add_option("--html", request->file, "File for the page; - is standard output")
+        ->type_name("FILE")
+        ->required();
+    const std::string words = fmt::format("; {}", time_words_help);
+    report
+        ->add_option("-S,--since", request->since,
+                     "Begin at this time, 30 days before the end if not given" + words)
+        ->type_name("TIME");
+    report->add_option("-U,--until", request->until, "End at this time, now if not given")
+        ->type_name("TIME");
+    line.runs(report, [request] { return write_report(*request); });
 }

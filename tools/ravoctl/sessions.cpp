@@ -101,7 +101,7 @@ std::vector<session> to_sessions(const std::vector<session_row>& rows) {
 }
 
 bool read_session_rows(std::vector<session_row>& rows) {
-    const record_kind& kind = record_kinds().front();
+    const record_kind& kind = kind_of("sessions");
     db_query_cond cond = {};
     cond.count = page_rows;
     while (true) {

@@ -9,6 +9,8 @@
 #include "ravo_api.h"
 #include "text.h"
 
+namespace {
+
 // The call returns 0 whatever happened, so the record is given a byte that no UUID begins with.
 exit_status print_fresh_uuid() {
     constexpr char untouched = '\x7f';
@@ -25,4 +27,12 @@ exit_status print_fresh_uuid() {
     }
     fmt::print("{}\n", escaped(uuid));
     return done;
+}
+
+}  // namespace
+
+void declare_uuid(command_line& line) {
+    line.runs(
+        line.app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record"),
+        print_fresh_uuid);
 }
