@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "blocks.h"
 #include "call.h"
 #include "command_line.h"
+#include "completion.h"
 #include "failure.h"
 #include "gateway.h"
 #include "list.h"
@@ -25,7 +27,8 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables, declare_blocks, declare_gateway, declare_uuid, declare_report, declare_call,
+    declare_tables, declare_blocks, declare_gateway,    declare_uuid,
+    declare_report, declare_call,   declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -66,6 +69,9 @@ exit_status dispatch(int argc, char** argv) {
     if (!use_utf8()) return fail("the system has no locale C.UTF-8", local_error);
     command_line line;
     declare_all(line);
+    if (argc > 1 && strcmp(argv[1], completion_question) == 0) {
+        return answer_completion(line.app, std::span(argv + 2, argv + argc));
+    }
     const auto usage_status = [&line] {
         return line.app.get_subcommand(blocks_command)->parsed() ? bad_blocks_usage : bad_usage;
     };
