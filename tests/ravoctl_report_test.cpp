@@ -1,4 +1,4 @@
-// What ravoctl makes of recorded rows: points of time in words, sessions, and the page of them.
+// The units of ravoctl: points of time in words, sessions, the page of them, failures of the bus.
 #include <gtest/gtest.h>
 #include <time.h>
 
@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "bus.h"
 #include "report.h"
 #include "sessions.h"
 #include "text.h"
@@ -259,4 +260,22 @@ TEST(report_page, extreme_numbers_are_survived) {
     const std::string page =
         page_of({s}, {{"b", INT64_MAX, INT64_MAX, INT64_MAX}, {"c", -1, INT64_MIN, 0}});
     EXPECT_EQ(count_of(page, "<path d=\"M150.0 8h850.0v12h-850.0z\">"), 1U);
+}
+
+// ---- Failures ----------------------------------------------------------------------------------
+
+TEST(call_failure, status_tells_who_has_failed) {
+    const std::pair<int, exit_status> cases[] = {
+        {ZB_ERROR_UNREACHABLE, unreachable}, {ZB_ERROR_UNTRUSTED, unreachable},
+        {ZB_ERROR_DENIED, not_permitted},    {ZB_ERROR_TIMEOUT, timed_out},
+        {ZB_ERROR_MEMORY, failed_here},      {ZB_ERROR_SYSTEM, failed_here},
+        {ZB_ERROR_ARGUMENT, failed_here},    {ZB_ERROR_NO_REPLY, unanswered},
+        {ZB_ERROR_BROKEN, unanswered},       {ZB_ERROR_BUSY, unanswered},
+        {ZB_ERROR_TOO_LARGE, unanswered},    {ZB_ERROR_PROTOCOL, unanswered},
+    };
+    for (const auto& [result, status] : cases) {
+        const failure told = call_failure("@/x", result);
+        EXPECT_EQ(told.status, status) << result;
+        EXPECT_NE(std::string(told.what()).find(zb_strerror(result)), std::string::npos);
+    }
 }

@@ -56,22 +56,18 @@ block_row with_state(const db_privilege_user_block_data& counter, const block_se
     return row;
 }
 
-exit_status report(int result) {
-    return result == 0 ? done : report_failure(daemon_endpoint, result);
-}
-
 // The client library takes names that it could write to.
 template <auto call>
 int call_with_name(std::string user) {
     return call(user.data());
 }
 
-// Asks whether the user is blocked and prints the answer: done for no, user_blocked for yes.
+// Asks whether the user is blocked and prints the answer: done for not blocked, no for blocked.
 exit_status check_user(const std::string& user) {
     const int result = call_with_name<check_privilege_user_block>(user);
-    if (result != 0 && result != 1) return report_failure(daemon_endpoint, result);
+    if (result != 1) check_answered(result);
     fmt::print("{} is {}\n", escaped(user), result == 1 ? "blocked" : "not blocked");
-    if (result == 1) return user_blocked;
+    if (result == 1) return no;
     // The daemon answers "not blocked" also when it could not read the settings.
     if (!ask_block_settings().available) {
         fmt::print(stderr, "ravoctl: without its settings the limiter blocks nobody\n");
@@ -80,19 +76,22 @@ exit_status check_user(const std::string& user) {
 }
 
 exit_status count_failure(const std::string& user) {
-    return report(call_with_name<add_privilege_user_block>(user));
+    check_answered(call_with_name<add_privilege_user_block>(user));
+    return done;
 }
 
 // Stops at the first one that fails.
 exit_status lift_users(const std::vector<std::string>& users) {
     for (const std::string& user : users) {
-        const exit_status status = report(call_with_name<delete_privilege_user_block>(user));
-        if (status != done) return status;
+        check_answered(call_with_name<delete_privilege_user_block>(user));
     }
     return done;
 }
 
-exit_status lift_all() { return report(clean_privilege_user_block()); }
+exit_status lift_all() {
+    check_answered(clean_privilege_user_block());
+    return done;
+}
 
 // --- The command line ---------------------------------------------------------------------------
 

@@ -118,7 +118,7 @@ exit_status call_method(const call_request& request) {
     const io_owner io = make_request(payload);
     const int result =
         zb_call(request.endpoint.c_str(), request.method.c_str(), io.get(), request.timeout_s, -1);
-    if (result != 0) return report_failure(request.endpoint, result);
+    if (result != 0) throw call_failure(request.endpoint, result);
     size_t length = 0;
     const auto* reply = static_cast<const char*>(zb_io_read(io.get(), &length));
     print_reply({reply, length}, request.raw);

@@ -371,7 +371,7 @@ exit_status show_gateway(bool as_json) {
     tell_left_copy(options);
     if (options.state != options_state::damaged) return done;
     fmt::print(stderr, "ravoctl: {}\n", damage_message(options));
-    return local_error;
+    return failed_here;
 }
 
 // Takes an interrupted change back, has the store save the setting, and prints it. Throws

@@ -74,14 +74,12 @@ void check_required(const record_kind& kind, const std::vector<char>& record) {
     throw usage_error(fmt::format("{}: a {} needs one", name, kind.singular));
 }
 
-exit_status print_answer(const record_kind& kind, const std::string& answer) {
-    if (!answer.empty()) {
-        fmt::print("{}\n", escaped(answer));
-        return done;
+void print_answer(const record_kind& kind, const std::string& answer) {
+    if (answer.empty()) {
+        throw not_kept_error(
+            fmt::format("ravod could not store the {}; its log file tells why", kind.singular));
     }
-    fmt::print(stderr, "ravoctl: ravod could not store the {}; its log file tells why\n",
-               kind.singular);
-    return unanswered;
+    fmt::print("{}\n", escaped(answer));
 }
 
 // --- The query ----------------------------------------------------------------------------------
@@ -123,7 +121,7 @@ db_query_cond make_query(const record_kind& kind, const list_request& request) {
 exit_status list_records(const record_kind& kind, const list_request& request) {
     const db_query_cond cond = make_query(kind, request);
     const page result = kind.list(cond);
-    if (!result.was_read) return report_unread();
+    if (!result.was_read) throw unread_failure();
     const listing shown_rows = {kind, result, static_cast<uint64_t>(cond.start),
                                 !request.filter.empty()};
     if (request.as_json) {
@@ -132,10 +130,9 @@ exit_status list_records(const record_kind& kind, const list_request& request) {
         print_table(shown_rows, request.wide);
     }
     if (result.total != count_failed) return done;
-    fmt::print(stderr,
-               "ravoctl: ravod could not count the rows, so the list may lack some; "
-               "its log file tells why\n");
-    return unanswered;
+    throw failure(
+        unanswered,
+        "ravod could not count the rows, so the list may lack some; its log file tells why");
 }
 
 // Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Prints what
@@ -155,8 +152,8 @@ exit_status add_record(const record_kind& kind, const std::vector<std::string>& 
     }
     check_required(kind, record);
     const added outcome = kind.adder.add(record.data());
-    if (outcome.result != 0) return report_failure(daemon_endpoint, outcome.result);
-    if (outcome.answer) return print_answer(kind, *outcome.answer);
+    check_answered(outcome.result);
+    if (outcome.answer) print_answer(kind, *outcome.answer);
     return done;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <system_error>
 
 #include "blocks.h"
 #include "call.h"
@@ -20,10 +21,11 @@
 namespace {
 
 constexpr char exit_status_help[] =
-    "Exit status: 0 done, 1 bad usage or value, 2 no memory, or a file or the output cannot be\n"
-    "used, 3 the daemon is not reachable, 4 the daemon did not do what was asked, 5 a gateway\n"
-    "setting was accepted, but is not in the file. Of \"blocks check\": 0 not blocked, 1 blocked;\n"
-    "below \"blocks\", bad usage is 2.";
+    "Exit status: 0 done, 1 no, blocked, or not there, 2 bad usage or value, 3 not reachable, 4 "
+    "not\n"
+    "permitted, 5 accepted, but the check afterwards shows otherwise, 6 timed out, 7 no memory, or "
+    "a\n"
+    "file or the output cannot be used, 8 the other side did not do what was asked.";
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
@@ -57,7 +59,7 @@ exit_status run(const command_line& line) {
 exit_status flush_output(exit_status status) {
     if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
     (void)fputs("ravoctl: the output could not be written\n", stderr);
-    return local_error;
+    return failed_here;
 }
 
 exit_status fail(const char* what, exit_status status) {
@@ -66,24 +68,23 @@ exit_status fail(const char* what, exit_status status) {
 }
 
 exit_status dispatch(int argc, char** argv) {
-    if (!use_utf8()) return fail("the system has no locale C.UTF-8", local_error);
+    if (!use_utf8()) return fail("the system has no locale C.UTF-8", failed_here);
     command_line line;
     declare_all(line);
     if (argc > 1 && strcmp(argv[1], completion_question) == 0) {
         return answer_completion(line.app, std::span(argv + 2, argv + argc));
     }
-    const auto usage_status = [&line] {
-        return line.app.get_subcommand(blocks_command)->parsed() ? bad_blocks_usage : bad_usage;
-    };
     try {
         line.app.parse(argc, argv);
         return run(line);
     } catch (const CLI::ParseError& error) {
-        return line.app.exit(error) == 0 ? done : usage_status();
-    } catch (const usage_error& error) {
-        return fail(error.what(), usage_status());
-    } catch (const not_kept_error& error) {
-        return fail(error.what(), not_kept);
+        return line.app.exit(error) == 0 ? done : bad_usage;
+    } catch (const failure& error) {
+        return fail(error.what(), error.status);
+    } catch (const std::system_error& error) {
+        const bool is_refused = error.code() == std::errc::permission_denied ||
+                                error.code() == std::errc::operation_not_permitted;
+        return fail(error.what(), is_refused ? not_permitted : failed_here);
     }
 }
 
@@ -93,6 +94,6 @@ int main(int argc, char** argv) {
     try {
         return flush_output(dispatch(argc, argv));
     } catch (const std::exception& error) {
-        return fail(error.what(), local_error);
+        return fail(error.what(), failed_here);
     }
 }

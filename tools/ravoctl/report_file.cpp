@@ -35,15 +35,12 @@ int64_t parse_time(const char* option, const std::string& text, int64_t now) {
         fmt::format("{}: \"{}\" is no time; it takes {}", option, escaped(text), time_words_help));
 }
 
-// False, told on standard error: the daemon did not answer.
-bool read_failures(std::vector<failed_logins>& failures) {
+// Throws failure when the daemon does not answer.
+void read_failures(std::vector<failed_logins>& failures) {
     db_query_cond cond = {};
     cond.count = -1;
     const page counters = kind_of(blocks_command).list(cond);
-    if (!counters.was_read) {
-        (void)report_unread();
-        return false;
-    }
+    if (!counters.was_read) throw unread_failure();
     for (uint64_t n = 0; n < counters.count; ++n) {
         block_row row;
         memcpy(&row, counters.rows.get() + n * sizeof row, sizeof row);
@@ -53,7 +50,6 @@ bool read_failures(std::vector<failed_logins>& failures) {
              .last = static_cast<int64_t>(row.stored.timestamp),
              .blocked_until = row.until == no_number ? 0 : static_cast<int64_t>(row.until)});
     }
-    return true;
 }
 
 // Throws std::system_error.
@@ -85,7 +81,8 @@ exit_status write_report(const report_request& request) {
     if (!request.since.empty()) content.since = parse_time("--since", request.since, content.now);
     if (content.since >= content.until) throw usage_error("--since is not before --until");
     std::vector<session_row> rows;
-    if (!read_session_rows(rows) || !read_failures(content.failures)) return unreachable;
+    read_session_rows(rows);
+    read_failures(content.failures);
     content.sessions = to_sessions(rows);
     write_file(request.file, to_html(content));
     return done;

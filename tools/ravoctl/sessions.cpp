@@ -100,22 +100,19 @@ std::vector<session> to_sessions(const std::vector<session_row>& rows) {
     return sessions;
 }
 
-bool read_session_rows(std::vector<session_row>& rows) {
+void read_session_rows(std::vector<session_row>& rows) {
     const record_kind& kind = kind_of("sessions");
     db_query_cond cond = {};
     cond.count = page_rows;
     while (true) {
         const page result = kind.list(cond);
-        if (!result.was_read) {
-            (void)report_unread();
-            return false;
-        }
+        if (!result.was_read) throw unread_failure();
         for (uint64_t n = 0; n < result.count; ++n) {
             db_conn_server_log stored;
             memcpy(&stored, result.rows.get() + n * sizeof stored, sizeof stored);
             rows.push_back(to_row(stored));
         }
-        if (result.count < page_rows) return true;
+        if (result.count < page_rows) return;
         cond.start += page_rows;
     }
 }

@@ -41,6 +41,5 @@ struct session_row {
 // by itself, and so is a row of any other action. In the order of their starts.
 std::vector<session> to_sessions(const std::vector<session_row>& rows);
 
-// Reads all rows that the daemon shows, page by page. False, told on standard error: it did not
-// answer.
-bool read_session_rows(std::vector<session_row>& rows);
+// Reads all rows that the daemon shows, page by page. Throws failure when it does not answer.
+void read_session_rows(std::vector<session_row>& rows);

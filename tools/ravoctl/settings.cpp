@@ -31,7 +31,7 @@ block_settings ask_block_settings() {
     const io_owner io = make_request(request_text());
     const int result = zb_call(settings_service, "read_json", io.get(), call_timeout_s, -1);
     if (result != 0) {
-        (void)report_failure(settings_service, result);
+        fmt::print(stderr, "ravoctl: {}\n", call_failure(settings_service, result).what());
         return {};
     }
     const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));

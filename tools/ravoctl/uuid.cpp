@@ -19,11 +19,10 @@ exit_status print_fresh_uuid() {
     reply.ravo_uuid[0] = untouched;
     auto* reply_address = &reply;
     (void)ravo_mobile_gen_ravo_uuid(&request, &reply_address);
-    if (reply.ravo_uuid[0] == untouched) return report_unread();
+    if (reply.ravo_uuid[0] == untouched) throw unread_failure();
     const std::string uuid(reply.ravo_uuid, strnlen(reply.ravo_uuid, sizeof reply.ravo_uuid));
     if (uuid.empty()) {
-        fmt::print(stderr, "ravoctl: ravod has no source of UUIDs; its log file tells why\n");
-        return unanswered;
+        throw failure(unanswered, "ravod has no source of UUIDs; its log file tells why");
     }
     fmt::print("{}\n", escaped(uuid));
     return done;
