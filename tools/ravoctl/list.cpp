@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <set>
 #include <string>
@@ -13,6 +12,7 @@
 #include "blocks.h"
 #include "bus.h"
 #include "output.h"
+#include "pages.h"
 #include "text.h"
 
 namespace {
@@ -84,16 +84,8 @@ void print_answer(const record_kind& kind, const std::string& answer) {
 
 // --- The query ----------------------------------------------------------------------------------
 
-template <size_t size>
-void copy_text(char (&to)[size], const std::string& text) {
-    if (text.size() >= size) {
-        throw usage_error(fmt::format("a filter's value takes at most {} bytes", size - 1));
-    }
-    memcpy(to, text.c_str(), text.size() + 1);
-}
-
-void set_filter(const record_kind& kind, const std::string& filter, db_query_cond& cond) {
-    if (filter.empty()) return;
+row_filter parse_filter(const record_kind& kind, const std::string& filter) {
+    if (filter.empty()) return {};
     const assignment wanted = parse_assignment(kind, filter);
     const std::string text = plain_text(wanted.content);
     // The daemon takes an empty value for no filter at all and would list everything.
@@ -101,18 +93,16 @@ void set_filter(const record_kind& kind, const std::string& filter, db_query_con
         throw usage_error(
             fmt::format("{}: rows cannot be filtered by an empty text", wanted.target.name));
     }
-    copy_text(cond.field, wanted.target.name);
-    copy_text(cond.value, text);
+    return {wanted.target.name, text};
 }
 
 db_query_cond make_query(const record_kind& kind, const list_request& request) {
-    db_query_cond cond = {};
+    db_query_cond cond = to_query(parse_filter(kind, request.filter));
     const bool by_page = request.start < 0;
     cond.start = by_page ? (request.page_number - 1) * request.per_page : request.start;
     cond.count = by_page ? request.per_page : request.count;
     cond.order_by = static_cast<int64_t>(index_of(kind, request.order));
     cond.order_style = request.descending ? 1 : 0;
-    set_filter(kind, request.filter, cond);
     return cond;
 }
 
@@ -121,7 +111,7 @@ db_query_cond make_query(const record_kind& kind, const list_request& request) {
 exit_status list_records(const record_kind& kind, const list_request& request) {
     const db_query_cond cond = make_query(kind, request);
     const page result = kind.list(cond);
-    if (!result.was_read) throw unread_failure();
+    check_read(result);
     const listing shown_rows = {kind, result, static_cast<uint64_t>(cond.start),
                                 !request.filter.empty()};
     if (request.as_json) {
@@ -129,10 +119,8 @@ exit_status list_records(const record_kind& kind, const list_request& request) {
     } else {
         print_table(shown_rows, request.wide);
     }
-    if (result.total != count_failed) return done;
-    throw failure(
-        unanswered,
-        "ravod could not count the rows, so the list may lack some; its log file tells why");
+    check_counted(result);
+    return done;
 }
 
 // Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Prints what

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "blocks.h"
-#include "bus.h"
+#include "pages.h"
 #include "report.h"
 #include "settings.h"
 #include "text.h"
@@ -35,21 +35,20 @@ int64_t parse_time(const char* option, const std::string& text, int64_t now) {
         fmt::format("{}: \"{}\" is no time; it takes {}", option, escaped(text), time_words_help));
 }
 
-// Throws failure when the daemon does not answer.
-void read_failures(std::vector<failed_logins>& failures) {
-    db_query_cond cond = {};
-    cond.count = -1;
-    const page counters = kind_of(blocks_command).list(cond);
-    if (!counters.was_read) throw unread_failure();
-    for (uint64_t n = 0; n < counters.count; ++n) {
+std::vector<failed_logins> read_failures() {
+    std::vector<failed_logins> failures;
+    for_each_row(kind_of(blocks_command), {}, [&failures](const char* stored) {
         block_row row;
-        memcpy(&row, counters.rows.get() + n * sizeof row, sizeof row);
+        memcpy(&row, stored, sizeof row);
         failures.push_back(
             {.user = std::string(row.stored.username, strnlen(row.stored.username, RAVO_TEXT_SIZE)),
              .count = row.stored.limit,
              .last = static_cast<int64_t>(row.stored.timestamp),
              .blocked_until = row.until == no_number ? 0 : static_cast<int64_t>(row.until)});
-    }
+        return true;
+    });
+    std::reverse(failures.begin(), failures.end());
+    return failures;
 }
 
 // Throws std::system_error.
@@ -80,10 +79,8 @@ exit_status write_report(const report_request& request) {
     content.since = content.until - usual_length;
     if (!request.since.empty()) content.since = parse_time("--since", request.since, content.now);
     if (content.since >= content.until) throw usage_error("--since is not before --until");
-    std::vector<session_row> rows;
-    read_session_rows(rows);
-    read_failures(content.failures);
-    content.sessions = to_sessions(rows);
+    content.sessions = to_sessions(read_session_rows());
+    content.failures = read_failures();
     write_file(request.file, to_html(content));
     return done;
 }
