@@ -41,6 +41,13 @@ struct record_adder {
     const char* required = nullptr;  // name of a field that must have a text; null: none must
 };
 
+// How records are deleted. Blocks are lifted instead.
+struct record_remover {
+    int (*remove)(db_delete_cond* row) = nullptr;  // null: there is no such command
+    int (*clean)() = nullptr;
+    bool is_temporary = false;  // the table is gone when a statement on it fails
+};
+
 struct record_kind {
     const char* command;   // name of the subcommand
     const char* what;      // its rows, for help texts
@@ -49,6 +56,7 @@ struct record_kind {
     std::span<const field> fields;  // in the order of the table's columns, id first; computed last
     page (*list)(db_query_cond cond);
     record_adder adder = {};
+    record_remover remover = {};
 };
 
 std::span<const record_kind> record_kinds();
