@@ -13,6 +13,7 @@
 #include "bus.h"
 #include "output.h"
 #include "pages.h"
+#include "removal.h"
 #include "text.h"
 
 namespace {
@@ -209,6 +210,7 @@ CLI::App* declare_records(command_line& line, const record_kind& kind) {
     list->footer(field_help(kind, false));
     line.runs(list, [&kind, request] { return list_records(kind, *request); });
     if (kind.adder.command != nullptr) declare_adder(line, *list, kind);
+    declare_removal(line, *list, kind);
     return list;
 }
 

@@ -11,9 +11,14 @@
 #include "call.h"
 #include "command_line.h"
 #include "completion.h"
+#include "doctor.h"
+#include "export.h"
 #include "failure.h"
 #include "gateway.h"
+#include "import.h"
 #include "list.h"
+#include "metrics.h"
+#include "prune.h"
 #include "report.h"
 #include "text.h"
 #include "uuid.h"
@@ -29,8 +34,9 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables, declare_blocks, declare_gateway,    declare_uuid,
-    declare_report, declare_call,   declare_completion,
+    declare_tables, declare_blocks,  declare_gateway, declare_uuid,
+    declare_report, declare_metrics, declare_export,  declare_import,
+    declare_prune,  declare_call,    declare_doctor,  declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
