@@ -1,12 +1,15 @@
-"""What ravoctl does for those who run a daemon: doctor, deletes, exports, metrics, completion."""
+"""What ravoctl does for those who run a daemon: doctor, deletes, exports, metrics, watch, completion."""
+import fcntl
 import json
 import os
 import pty
 import re
 import select
 import shutil
+import signal
 import sqlite3
 import subprocess
+import termios
 import unittest
 
 from support.ravod import DATABASE, TIMEOUT_SECONDS, RavodTest
@@ -336,6 +339,56 @@ class ravoctl_ops(RavodTest):
         self.assertEqual(os.listdir("/tmp/collector"), ["ravod.prom"])
         self.assertEqual(os.stat("/tmp/collector/ravod.prom").st_mode & 0o444, 0o444)
 
+    # --- Watch ---
+
+    def read_until(self, fd, text):
+        output = b""
+        while text not in output:
+            self.assertTrue(select.select([fd], [], [], TIMEOUT_SECONDS)[0], output)
+            output += os.read(fd, 65536)
+        return output
+
+    def test_watch_tells_of_connections_and_blocks_until_it_is_interrupted(self):
+        self.set_up_limiter()
+        daemon = self.start_ravod()
+        self.add_sessions("before")
+        watch = subprocess.Popen([os.environ["RAVOCTL"], "watch", "--interval", "0.1"],
+                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(watch.communicate)
+        self.addCleanup(watch.kill)
+        self.read_until(watch.stderr.fileno(), b"watching")
+        self.ok("sessions", "add", "username=al\x1bice", "source_ip=203.0.113.1", "vpn_ip=10.8.0.2", "action=1")
+        line = self.read_until(watch.stdout.fileno(), b"connected")
+        self.assertRegex(line, rb"^\d\d:\d\d:\d\d al\\x1Bice connected, 203.0.113.1 as 10.8.0.2\n$")
+        self.ok("outgoing", "add", "username=x", "uptime=5", "rx_total=7", "action=2")
+        self.read_until(watch.stdout.fileno(), b" outgoing: x disconnected after 5 s, 7 bytes received, 0 sent\n")
+        for _ in range(3):
+            self.ok("blocks", "fail", "mallory")
+        self.read_until(watch.stdout.fileno(), b" mallory is blocked\n")
+        self.ok("blocks", "lift", "mallory")
+        self.read_until(watch.stdout.fileno(), b" mallory is not blocked any more\n")
+        daemon.stop()
+        self.read_until(watch.stdout.fileno(), b" is not reachable")
+        self.start_ravod()
+        self.read_until(watch.stdout.fileno(), b" ravod answers again\n")
+        watch.send_signal(signal.SIGINT)
+        self.assertEqual(watch.wait(TIMEOUT_SECONDS), 0)
+
+    def test_watch_draws_a_terminal_anew(self):
+        self.start_ravod()
+        master, slave = pty.openpty()
+        watch = subprocess.Popen([os.environ["RAVOCTL"], "watch", "--interval", "0.1"], stdin=slave,
+                                 stdout=slave, stderr=subprocess.DEVNULL, start_new_session=True,
+                                 preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(slave)
+        self.addCleanup(os.close, master)
+        self.addCleanup(watch.kill)
+        self.read_until(master, b"\x1b[H\x1b[2J")
+        self.ok("sessions", "add", "username=alice", "action=3")
+        self.read_until(master, b"alice was lost")
+        os.write(master, b"\x03")
+        self.assertEqual(watch.wait(TIMEOUT_SECONDS), 0)
+
     # --- Completion ---
 
     def offered(self, *words):
@@ -364,10 +417,7 @@ class ravoctl_ops(RavodTest):
         os.close(slave)
         try:
             os.write(master, b"source <(ravoctl completion bash)\nravoctl completi\tzs\t; exit\n")
-            output = b""
-            while b"#compdef ravoctl" not in output:
-                self.assertTrue(select.select([master], [], [], TIMEOUT_SECONDS)[0], output)
-                output += os.read(master, 65536)
+            self.read_until(master, b"#compdef ravoctl")
         finally:
             shell.kill()
             shell.wait()

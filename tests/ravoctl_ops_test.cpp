@@ -1,4 +1,4 @@
-// What ravoctl foretells of deletes, writes as metrics, and reads of exports.
+// What ravoctl foretells of deletes, writes as metrics, reads of exports, and tells of counters.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,6 +8,7 @@
 #include "daemon_life.h"
 #include "export_lines.h"
 #include "metrics.h"
+#include "watch.h"
 
 // ---- What a delete or a clean does -------------------------------------------------------------
 
@@ -144,4 +145,24 @@ TEST(export_lines, others_are_refused) {
         EXPECT_NE(complaint(lines).find(words), std::string::npos)
             << words << ": " << complaint(lines);
     }
+}
+
+// ---- Events ------------------------------------------------------------------------------------
+
+TEST(counter_events, are_the_differences_of_two_looks) {
+    const watched_counters quiet = {{"bob", {2, false}}};
+    const struct {
+        watched_counters before;
+        watched_counters now;
+        std::vector<std::string> events;
+    } cases[] = {
+        {quiet, quiet, {}},
+        {{}, quiet, {"bob failed to log in, 2 failures"}},
+        {quiet, {{"bob", {3, true}}}, {"bob failed to log in, 3 failures", "bob is blocked"}},
+        {quiet, {{"bob", {2, true}}}, {"bob is blocked"}},
+        {{{"bob", {3, true}}}, {{"bob", {3, false}}}, {"bob is not blocked any more"}},
+        {{{"bob", {3, true}}}, {}, {"bob is not blocked any more"}},
+        {quiet, {}, {"bob is forgiven"}},
+    };
+    for (const auto& [before, now, events] : cases) EXPECT_EQ(counter_events(before, now), events);
 }

@@ -22,6 +22,7 @@
 #include "report.h"
 #include "text.h"
 #include "uuid.h"
+#include "watch.h"
 
 namespace {
 
@@ -34,9 +35,9 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables, declare_blocks,  declare_gateway, declare_uuid,
-    declare_report, declare_metrics, declare_export,  declare_import,
-    declare_prune,  declare_call,    declare_doctor,  declare_completion,
+    declare_tables,  declare_blocks, declare_gateway,    declare_uuid,  declare_report,
+    declare_metrics, declare_export, declare_import,     declare_prune, declare_call,
+    declare_doctor,  declare_watch,  declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
