@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <new>
+#include <string>
 
 #include "bus.h"
 #include "json_ptr.h"
