@@ -222,7 +222,7 @@ class ravoctl_ops(RavodTest):
             self.ok("sessions", "add", f"username=u{hour}", f"time={1795222858 + 3600 * hour}")
         names = lambda: [row["username"] for row in self.rows("sessions")]
         old = ["prune", "sessions", "--older-than", "@1795230058"]
-        self.assertIn("sessions: 1 of 4 rows are to go", self.ok(*old, "--dry-run"))
+        self.assertIn("sessions: 1 of 4 rows are to go, with a call", self.ok(*old, "--dry-run"))
         self.assertEqual(self.total("sessions"), 4)
         self.assertIn("sessions: 1 rows gone, 3 left", self.ok(*old))
         self.assertEqual(names(), ["u3", "u2", "u4"])

@@ -52,7 +52,7 @@ exit_status prune(prune_request request) {
     request.removal.ids = choose(request, rows);
     const size_t count = request.removal.ids.size();
     fmt::print(
-        "{}: {} of {} rows are to go, with a call and up to 3 lines of ravod's log for each\n",
+        "{}: {} of {} rows are to go, with a call and some 5 kB of ravod's log for each\n",
         table, count, rows.size());
     if (count == 0 || request.dry_run) return done;
     return remove_rows(request.removal, rows);
