@@ -51,9 +51,8 @@ exit_status prune(prune_request request) {
     const std::vector<stored_row> rows = read_stored_rows(request.removal.kind);
     request.removal.ids = choose(request, rows);
     const size_t count = request.removal.ids.size();
-    fmt::print(
-        "{}: {} of {} rows are to go, with a call and some 5 kB of ravod's log for each\n",
-        table, count, rows.size());
+    fmt::print("{}: {} of {} rows are to go, with a call and some 5 kB of ravod's log for each\n",
+               table, count, rows.size());
     if (count == 0 || request.dry_run) return done;
     return remove_rows(request.removal, rows);
 }
