@@ -43,6 +43,13 @@ class ravoctl_ops(RavodTest):
         for name in names:
             self.ok("sessions", "add", f"username={name}", "time=1795222858")
 
+    def put_sessions(self, first, last):
+        with sqlite3.connect(DATABASE) as database:
+            database.execute(
+                f"WITH RECURSIVE n(i) AS (SELECT {first} UNION ALL SELECT i + 1 FROM n WHERE i < {last}) "
+                "INSERT INTO conn_server_log SELECT i, '', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0 FROM n")
+        database.close()
+
     def set_up_limiter(self):
         with open(SETTINGS, "w", encoding="utf-8") as file:
             json.dump({"global": {"enable": True, "limit": 3, "time": 5}}, file)
@@ -280,12 +287,20 @@ class ravoctl_ops(RavodTest):
         self.start_ravod()
         self.add_sessions("alice")
         self.ok("export", "sessions", "--output", "/tmp/one")
-        with sqlite3.connect(DATABASE) as database:
-            database.execute(
-                "WITH RECURSIVE n(i) AS (SELECT 2 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) "
-                "INSERT INTO conn_server_log SELECT i, '', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0 FROM n")
+        self.put_sessions(2, 100000)
         self.fails(self.ravoctl("import", "/tmp/one"), 1, "100000", "--force")
         self.assertIn("1 rows recorded", self.ok("import", "/tmp/one", "--force"))
+
+    def test_a_long_export_tells_a_terminal_how_far_it_is(self):
+        self.start_ravod()
+        self.put_sessions(1, 2500)
+        master, slave = pty.openpty()
+        self.addCleanup(os.close, master)
+        command = [os.environ["RAVOCTL"], "export", "sessions", "--output", "/tmp/file"]
+        self.assertEqual(subprocess.run(command, stderr=slave, check=False).returncode, 0)
+        os.close(slave)
+        self.assertEqual(os.read(master, 65536), b"\rsessions: 1000 of 2500\x1b[K\rsessions: 2000 of 2500"
+                                                 b"\x1b[K\r\x1b[K")
 
     # --- Metrics ---
 
