@@ -13,9 +13,11 @@ PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/no
             "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
-MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
-                "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravo-ppp.8", "man8/ravod.8", "man8/vpncaas.8"]
+MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/Ini_Conf_Read_Lock_File.3",
+                "man3/ravo_api.3", "man3/zbservice.3", "man5/vpn_block.conf.5",
+                "man5/vpn_options.conf.5", "man8/NetworkService.8", "man8/notify.8",
+                "man8/pam_ravod.8", "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8",
+                "man8/ravo-ppp.8", "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
