@@ -7,12 +7,14 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ravo_api.h"
+#include "support/alloc_fault.h"
 #include "support/daemon.h"
 #include "support/files.h"
 
@@ -120,6 +122,32 @@ TEST(pam_ravod, forked_child_logs_in_by_itself) {
     EXPECT_EQ(wait_for_exit(child), 0);
     EXPECT_EQ(authenticate("authfail", "alice"), PAM_AUTH_ERR);
     EXPECT_EQ(failures_of("alice"), 3);
+}
+
+// Each allocation fails once, in a process of its own. The client library may end that when there
+// is none for a request; nothing else may.
+TEST(pam_ravod, memory_that_runs_out_ends_a_login_and_not_its_program) {
+    const ravod_process ravod;
+    for (const char* step : {"preauth", "authfail", "authsucc"}) {
+        write_service(step);
+        alloc_fault::exhaust(
+            step,
+            [step](size_t n) {
+                std::set_terminate([] { _exit(1); });  // an exception that was let out
+                (void)signal(SIGABRT, [](int) { _exit(0); });
+                const pam_conv conversation = {say_nothing, nullptr};
+                pam_handle_t* pam = nullptr;
+                ASSERT_EQ(pam_start_confdir(step, "alice", &conversation, services, &pam),
+                          PAM_SUCCESS);
+                int result = PAM_SUCCESS;
+                {
+                    const alloc_fault::failing_allocation fault(n);
+                    result = pam_authenticate(pam, 0);
+                }
+                EXPECT_EQ(pam_end(pam, result), PAM_SUCCESS);
+            },
+            [] {});
+    }
 }
 
 TEST(pam_ravod, user_without_a_name_is_nobody) {
