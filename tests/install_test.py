@@ -31,14 +31,12 @@ FILES = sorted(
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
     + [f"lib/python3/dist-packages/ravo/{name}"
        for name in ("__init__.py", "_client.py", "_library.py", "_records.py", "py.typed")]
-    + [f"share/ravod/ppp/{name}" for name in ("ip-down", "ip-up")]
+    + [f"share/ravod/{name}" for name in ("openrc/ravod", "ppp/ip-down", "ppp/ip-up", "runit/run")]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
-project(user LANGUAGES C CXX)
+project(user LANGUAGES CXX)
 find_package(ravod 1.0 REQUIRED)
-add_executable(client client.c)
-target_link_libraries(client PRIVATE ravod::ravo_client)
 add_executable(bus bus.cpp)
 target_link_libraries(bus PRIVATE ravod::zbservice ravod::Ostra_config)
 """
@@ -136,15 +134,16 @@ class install(RavodTest):
 
     def test_cmake_finds_the_package(self):
         self.start_ravod()
-        shutil.copy(f"{PREFIX}/share/doc/ravod/examples/record_and_list.c", "/tmp/build/client.c")
         for name, text in (("CMakeLists.txt", CMAKE_PROJECT), ("bus.cpp", BUS_PROGRAM)):
             with open(f"/tmp/build/{name}", "w", encoding="utf-8") as file:
                 file.write(text)
-        self.check("cmake", "-G", "Ninja", "-S", "/tmp/build", "-B", "/tmp/build/out",
-                   "-DCMAKE_PREFIX_PATH=/tmp/moved")
-        self.check("cmake", "--build", "/tmp/build/out")
-        self.assertIn("bob", self.succeed(self.run_program("/tmp/build/out/client", "bob")))
-        self.succeed(self.run_program("/tmp/build/out/bus"))
+        example = f"{PREFIX}/share/doc/ravod/examples/cmake"
+        for source, program in ((example, "record_and_list"), ("/tmp/build", "bus")):
+            folder = f"/tmp/build/{program}_out"
+            self.check("cmake", "-G", "Ninja", "-S", source, "-B", folder, "-DCMAKE_PREFIX_PATH=/tmp/moved")
+            self.check("cmake", "--build", folder)
+            self.succeed(self.run_program(f"{folder}/{program}", "bob"))
+        self.assertIn("bob", self.succeed(self.ravoctl("sessions")))
 
     def test_library_path_of_the_operator_wins(self):
         env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
@@ -169,6 +168,37 @@ class install(RavodTest):
             self.assertNotRegex(unit, r"@[A-Z_]+@")
             if name == "ravod":
                 self.assertRegex(unit, r"\nExecStartPre=/[^ \n]*/sbin/ravo-dbcheck\n")
+
+    def moved_script(self, name):
+        """A copy of a script, which names the folder that it was installed into, for where that is now."""
+        with open(f"{PREFIX}/share/ravod/{name}", encoding="utf-8") as file:
+            text = re.sub(r"/[^ \n\"]*/sbin/(?=\$|ravo)", f"{PREFIX}/sbin/", file.read())
+        self.assertNotRegex(text, r"@[A-Z_]+@")
+        path = f"/tmp/build/{os.path.basename(name)}"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(path, 0o755)
+        return path
+
+    def test_script_for_runit_starts_each_service(self):
+        os.rmdir("/etc/config/ravo")
+        script = self.moved_script("runit/run")
+        for name in SERVICES:
+            folder = f"/tmp/build/{name}"
+            os.mkdir(folder)
+            os.symlink(script, f"{folder}/run")
+            self.start("/bin/sh", "-c", f"cd {folder} && exec ./run")
+        self.succeed(self.ravoctl("sessions"))
+        self.assertEqual(os.stat("/etc/config/ravo").st_mode & 0o777, 0o700)
+        self.assertEqual(os.stat("/etc/config/ravo/ravo.db").st_mode & 0o777, 0o600)
+
+    def test_script_for_openrc_names_what_is_there(self):
+        """Read by a shell, with a function in the place of each that OpenRC has."""
+        script = self.moved_script("openrc/ravod")
+        for name in SERVICES:
+            program = (f'RC_SVCNAME={name}; after() {{ :; }}; checkpath() {{ [ "$1" = --directory ]; }}; '
+                       f'. {script}; depend && start_pre >&2 && test -x "$command" && echo "$command"')
+            self.assertEqual(self.check("/bin/sh", "-eu", "-c", program), f"{PREFIX}/sbin/{name}\n")
 
     def test_check_of_the_database_runs(self):
         self.assertIn("ravo.db: not there yet", self.check("ravo-dbcheck"))
