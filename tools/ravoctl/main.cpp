@@ -13,6 +13,8 @@
 #include "gateway.h"
 #include "list.h"
 #include "report.h"
+#include "session_list.h"
+#include "terminal.h"
 #include "text.h"
 #include "uuid.h"
 
@@ -27,7 +29,8 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables, declare_blocks, declare_gateway, declare_uuid, declare_report, declare_call,
+    declare_sessions, declare_tables, declare_blocks, declare_gateway,
+    declare_uuid,     declare_report, declare_call,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -54,7 +57,7 @@ exit_status run(const command_line& line) {
 }
 
 exit_status flush_output(exit_status status) {
-    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    if (finish_output()) return status;
     (void)fputs("ravoctl: the output could not be written\n", stderr);
     return failed_here;
 }

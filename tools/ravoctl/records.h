@@ -41,6 +41,16 @@ struct record_adder {
     const char* required = nullptr;  // name of a field that must have a text; null: none must
 };
 
+// The fields that options look at; null where a kind has none.
+struct option_fields {
+    const char* user = nullptr;
+    const char* source = nullptr;
+    const char* type = nullptr;
+    const char* begin = nullptr;  // a time
+    const char* end = nullptr;    // the same, unless a row lasts
+    const char* order = "id";     // what rows are sorted by when nothing else is asked
+};
+
 struct record_kind {
     const char* command;   // name of the subcommand
     const char* what;      // its rows, for help texts
@@ -48,7 +58,9 @@ struct record_kind {
     size_t size;
     std::span<const field> fields;  // in the order of the table's columns, id first; computed last
     page (*list)(db_query_cond cond);
+    option_fields by = {};
     record_adder adder = {};
+    bool is_log = false;  // rows are added and stay, so that new ones can be waited for
 };
 
 std::span<const record_kind> record_kinds();
