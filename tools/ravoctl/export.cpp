@@ -86,9 +86,9 @@ std::vector<std::string> names_of_kinds() {
 std::vector<stored_row> read_stored_rows(const record_kind& kind) {
     std::vector<stored_row> rows;
     progress shown_progress(kind.command, count_rows(kind));
-    for_each_row(kind, {}, [&](const char* row) {
-        const int64_t id = std::get<int64_t>(read_value(kind.fields[0], row));
-        rows.push_back({id, time_of(kind, row), summary_of(kind, row), export_row(kind, row)});
+    (void)for_each_row(kind, {}, [&](const char* row) {
+        rows.push_back(
+            {id_of(kind, row), time_of(kind, row), summary_of(kind, row), export_row(kind, row)});
         shown_progress.step();
         return true;
     });

@@ -15,14 +15,11 @@
 
 #include "bus.h"
 #include "export_lines.h"
-#include "list.h"
 #include "pages.h"
 #include "progress.h"
 #include "text.h"
 
 namespace {
-
-constexpr uint64_t most_rows = largest_page;  // above it the daemon counts no more
 
 struct import_request {
     std::string file;

@@ -20,6 +20,8 @@
 #include "metrics.h"
 #include "prune.h"
 #include "report.h"
+#include "session_list.h"
+#include "terminal.h"
 #include "text.h"
 #include "uuid.h"
 #include "watch.h"
@@ -35,9 +37,9 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables,  declare_blocks, declare_gateway,    declare_uuid,  declare_report,
-    declare_metrics, declare_export, declare_import,     declare_prune, declare_call,
-    declare_doctor,  declare_watch,  declare_completion,
+    declare_sessions, declare_tables,  declare_blocks, declare_gateway,    declare_uuid,
+    declare_report,   declare_metrics, declare_watch,  declare_export,     declare_import,
+    declare_prune,    declare_doctor,  declare_call,   declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -64,7 +66,7 @@ exit_status run(const command_line& line) {
 }
 
 exit_status flush_output(exit_status status) {
-    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    if (finish_output()) return status;
     (void)fputs("ravoctl: the output could not be written\n", stderr);
     return failed_here;
 }

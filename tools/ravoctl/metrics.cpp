@@ -75,7 +75,7 @@ void count_sessions(daemon_metrics& metrics) {
 }
 
 void count_blocks(daemon_metrics& metrics) {
-    for_each_row(kind_of(blocks_command), {}, [&metrics](const char* stored) {
+    (void)for_each_row(kind_of(blocks_command), {}, [&metrics](const char* stored) {
         block_row row;
         memcpy(&row, stored, sizeof row);
         metrics.failed_logins += static_cast<uint64_t>(std::max<int64_t>(row.stored.limit, 0));

@@ -64,7 +64,7 @@ void declare_prune(command_line& line) {
     CLI::App* noun = line.app.add_subcommand("prune", "Delete old rows of a table");
     noun->require_subcommand(1);
     for (const record_kind& kind : record_kinds()) {
-        if (kind.remover.remove == nullptr || kind.remover.is_temporary) continue;
+        if (kind.remover.remove == nullptr || !kind.is_log) continue;
         const auto request =
             std::make_shared<prune_request>(prune_request{.removal = {kind, deed::deletes}});
         CLI::App* command = noun->add_subcommand(kind.command, fmt::format("Old {}", kind.what));
