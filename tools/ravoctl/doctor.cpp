@@ -368,10 +368,10 @@ exit_status run_doctor(const std::string& format) {
 
 void declare_doctor(command_line& line) {
     const auto format = std::make_shared<std::string>("table");
-    CLI::App* doctor = line.app.add_subcommand(
+    const cli_command doctor = line.add_subcommand(
         "doctor", "Look for what keeps ravod from its work, and tell what helps");
-    doctor->add_option("-o,--output", *format, "How to print it")
-        ->check(CLI::IsMember({"table", "json"}))
-        ->capture_default_str();
+    doctor.add_option("-o,--output", *format, "How to print it")
+        .one_of({"table", "json"})
+        .shows_default();
     line.runs(doctor, [format] { return run_doctor(*format); });
 }

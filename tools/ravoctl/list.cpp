@@ -162,18 +162,18 @@ row_list read_list(const record_kind& kind, const selection& wanted) {
 
 }  // namespace
 
-void declare_adder(command_line& line, CLI::App& list, const record_kind& kind) {
+void declare_adder(command_line& line, cli_command list, const record_kind& kind) {
     const auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App* add =
+    const cli_command add =
         list.add_subcommand(kind.adder.command, fmt::format("Record one {}", kind.singular));
-    add->add_option("fields", *words, "The fields that are not to be empty or 0")
-        ->type_name("FIELD=VALUE")
-        ->required();
-    add->footer(field_help(kind, true));
+    add.add_option("fields", *words, "The fields that are not to be empty or 0")
+        .type_name("FIELD=VALUE")
+        .required();
+    add.footer(field_help(kind, true));
     line.runs(add, [&kind, words] { return add_record(kind, *words); });
 }
 
-void declare_list_options(CLI::App& app, list_request& request, const record_kind& kind) {
+void declare_list_options(cli_command app, list_request& request, const record_kind& kind) {
     declare_selection_options(app, request.which, kind.by);
     declare_output_options(app, request.output);
     if (kind.is_log) {
@@ -209,14 +209,14 @@ exit_status list_records(const record_kind& kind, const list_request& request, c
     return done;
 }
 
-CLI::App* declare_records(command_line& line, const record_kind& kind) {
+cli_command declare_records(command_line& line, const record_kind& kind) {
     const auto request = std::make_shared<list_request>();
-    CLI::App* list = line.app.add_subcommand(kind.command, fmt::format("List {}", kind.what));
-    declare_list_options(*list, *request, kind);
-    list->footer(field_help(kind, false));
+    const cli_command list = line.add_subcommand(kind.command, fmt::format("List {}", kind.what));
+    declare_list_options(list, *request, kind);
+    list.footer(field_help(kind, false));
     line.runs(list, [&kind, request] { return list_records(kind, *request, kind.command); });
-    if (kind.adder.command != nullptr) declare_adder(line, *list, kind);
-    declare_removal(line, *list, kind);
+    if (kind.adder.command != nullptr) declare_adder(line, list, kind);
+    declare_removal(line, list, kind);
     return list;
 }
 

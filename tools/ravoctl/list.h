@@ -13,7 +13,7 @@ struct list_request {
 };
 
 // Declares what can be asked of a list of the kind.
-void declare_list_options(CLI::App& app, list_request& request, const record_kind& kind);
+void declare_list_options(cli_command app, list_request& request, const record_kind& kind);
 
 // Throws usage_error for what cannot be followed.
 void check_followed(const list_request& request);
@@ -26,11 +26,11 @@ uint32_t last_listed(uint32_t newest, const row_list& list);
 exit_status list_records(const record_kind& kind, const list_request& request, const char* name);
 
 // The command below a list that adds one record.
-void declare_adder(command_line& line, CLI::App& list, const record_kind& kind);
+void declare_adder(command_line& line, cli_command list, const record_kind& kind);
 
 // The commands that list records of the kind and add one, if the kind has an adder. Returns the
 // one that lists.
-CLI::App* declare_records(command_line& line, const record_kind& kind);
+cli_command declare_records(command_line& line, const record_kind& kind);
 
 // Those of the kinds that have no unit of their own.
 void declare_tables(command_line& line);

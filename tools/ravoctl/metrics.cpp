@@ -120,10 +120,10 @@ std::string to_metrics_text(const daemon_metrics& metrics) {
 
 void declare_metrics(command_line& line) {
     const auto path = std::make_shared<std::string>("-");
-    CLI::App* metrics =
-        line.app.add_subcommand("metrics", "Print the state of the daemon as Prometheus metrics");
-    metrics->add_option("--output", *path, "File to write; - is standard output")
-        ->type_name("FILE")
-        ->capture_default_str();
+    const cli_command metrics =
+        line.add_subcommand("metrics", "Print the state of the daemon as Prometheus metrics");
+    metrics.add_option("--output", *path, "File to write; - is standard output")
+        .type_name("FILE")
+        .shows_default();
     line.runs(metrics, [path] { return write_metrics(*path); });
 }

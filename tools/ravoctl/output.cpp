@@ -175,22 +175,22 @@ std::string schema_name(const char* name) {
     return fmt::format("ravoctl.{}/{}", name, schema_version);
 }
 
-void declare_output_options(CLI::App& app, output_options& options) {
-    auto* format =
-        app.add_option_function<std::string>(
+void declare_output_options(cli_command app, output_options& options) {
+    const cli_option format =
+        app.add_option(
                "-o,--output",
                [&options](const std::string& name) { options.format = format_named(name); },
                "How to print: table, wide (all fields, and texts in full length), json, jsonl (an "
                "object on each line) or csv")
-            ->type_name("{table,wide,json,jsonl,csv}");
-    auto* json = app.add_flag_callback(
+            .type_name("{table,wide,json,jsonl,csv}");
+    const cli_option json = app.add_flag(
         "--json", [&options] { options.format = output_format::json; }, "The same as -o json");
-    auto* wide = app.add_flag_callback(
+    const cli_option wide = app.add_flag(
         "--wide", [&options] { options.format = output_format::wide; }, "The same as -o wide");
-    json->excludes(wide)->excludes(format);
-    wide->excludes(format);
+    json.excludes(wide).excludes(format);
+    wide.excludes(format);
     app.add_option("-c,--columns", options.columns, "Only these fields, in this order")
-        ->type_name("FIELD,...");
+        .type_name("FIELD,...");
     app.add_flag("--utc", options.is_utc, "Show times in UTC, not in local time");
     declare_pager_option(app);
 }

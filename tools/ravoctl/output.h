@@ -1,12 +1,12 @@
 // Rows on standard output: as a table, as JSON, as CSV.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "fields.h"
 #include "json_ptr.h"
 
@@ -19,7 +19,7 @@ struct output_options {
 };
 
 // Declares -o, --json, --wide, -c, --utc and --no-pager.
-void declare_output_options(CLI::App& app, output_options& options);
+void declare_output_options(cli_command app, output_options& options);
 
 // In the order of the list's fields.
 using row_values = std::vector<value>;

@@ -160,14 +160,14 @@ exit_status read_and_remove(removal_request request) {
     return remove_rows(request, read_stored_rows(request.kind));
 }
 
-std::shared_ptr<removal_request> declare_deed(command_line& line, CLI::App& list,
-                                              const record_kind& kind, deed what, const char* name,
-                                              const std::string& help) {
-    auto request = std::make_shared<removal_request>(removal_request{kind, what});
-    CLI::App* command = list.add_subcommand(name, help);
-    declare_removal_options(*command, *request);
+void declare_deed(command_line& line, cli_command list, const record_kind& kind, deed what,
+                  const char* name, const std::string& help) {
+    const auto request = std::make_shared<removal_request>(removal_request{kind, what});
+    const cli_command command = list.add_subcommand(name, help);
+    declare_removal_options(command, *request);
+    if (what == deed::deletes)
+        command.add_option("ids", request->ids, "Ids of the rows").required().type_name("ID");
     line.runs(command, [request] { return read_and_remove(*request); });
-    return request;
 }
 
 }  // namespace
@@ -196,20 +196,16 @@ exit_status remove_rows(const removal_request& request, const std::vector<stored
     return done;
 }
 
-void declare_removal_options(CLI::App& command, removal_request& request) {
+void declare_removal_options(cli_command command, removal_request& request) {
     command.add_flag("--no-save", request.no_save, "Write no export of the table first");
     command.add_flag("--force", request.force,
                      "Also when ravod would remove nothing, or more than that");
 }
 
-void declare_removal(command_line& line, CLI::App& list, const record_kind& kind) {
+void declare_removal(command_line& line, cli_command list, const record_kind& kind) {
     if (kind.remover.remove == nullptr) return;
-    const auto request = declare_deed(line, list, kind, deed::deletes, "delete",
-                                      "Delete rows, and look whether they and no others went");
-    list.get_subcommand("delete")
-        ->add_option("ids", request->ids, "Ids of the rows")
-        ->required()
-        ->type_name("ID");
-    (void)declare_deed(line, list, kind, deed::clean, "clean",
-                       "Delete every row, and look whether they went");
+    declare_deed(line, list, kind, deed::deletes, "delete",
+                 "Delete rows, and look whether they and no others went");
+    declare_deed(line, list, kind, deed::clean, "clean",
+                 "Delete every row, and look whether they went");
 }

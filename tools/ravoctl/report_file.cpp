@@ -60,17 +60,17 @@ exit_status write_report(const report_request& request) {
 
 void declare_report(command_line& line) {
     const auto request = std::make_shared<report_request>();
-    CLI::App* report =
-        line.app.add_subcommand("report", "Draw sessions and failed logins as a page");
-    report->add_option("--html", request->file, "File for the page; - is standard output")
-        ->type_name("FILE")
-        ->required();
+    const cli_command report =
+        line.add_subcommand("report", "Draw sessions and failed logins as a page");
+    report.add_option("--html", request->file, "File for the page; - is standard output")
+        .type_name("FILE")
+        .required();
     const std::string words = fmt::format("; {}", time_words_help);
     report
-        ->add_option("-S,--since", request->since,
-                     "Begin at this time, 30 days before the end if not given" + words)
-        ->type_name("TIME");
-    report->add_option("-U,--until", request->until, "End at this time, now if not given")
-        ->type_name("TIME");
+        .add_option("-S,--since", request->since,
+                    "Begin at this time, 30 days before the end if not given" + words)
+        .type_name("TIME");
+    report.add_option("-U,--until", request->until, "End at this time, now if not given")
+        .type_name("TIME");
     line.runs(report, [request] { return write_report(*request); });
 }

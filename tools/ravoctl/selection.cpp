@@ -50,41 +50,42 @@ std::optional<int64_t> time_of(const value& v) {
 
 // --- The command line ---------------------------------------------------------------------------
 
-void declare_filter_options(CLI::App& app, selection_request& request, const option_fields& by) {
+void declare_filter_options(cli_command app, selection_request& request, const option_fields& by) {
     const auto help = [](const char* name) {
         return fmt::format("Only rows with this value in {}", name);
     };
     if (by.user != nullptr) {
-        app.add_option("-u,--user", request.user, help(by.user))->type_name("NAME");
+        app.add_option("-u,--user", request.user, help(by.user)).type_name("NAME");
     }
     if (by.source != nullptr) {
-        app.add_option("--source", request.source, help(by.source))->type_name("ADDRESS");
+        app.add_option("--source", request.source, help(by.source)).type_name("ADDRESS");
     }
     if (by.type != nullptr) {
         app.add_option("--type", request.type, "Only this type: pptp, l2tp, openvpn or a number")
-            ->type_name("TYPE");
+            .type_name("TYPE");
     }
     app.add_option("-S,--since", request.since,
                    fmt::format("Only rows from this time on, all of them; {}", time_words_help))
-        ->type_name("TIME");
-    app.add_option("-U,--until", request.until, "Only rows up to this time")->type_name("TIME");
+        .type_name("TIME");
+    app.add_option("-U,--until", request.until, "Only rows up to this time").type_name("TIME");
 }
 
-void declare_order_options(CLI::App& app, selection_request& request) {
+void declare_order_options(cli_command app, selection_request& request) {
     app.add_option("--filter", request.filters, "Only rows with this value in this field")
-        ->type_name("FIELD=VALUE")
-        ->allow_extra_args(false);
+        .type_name("FIELD=VALUE")
+        .one_value_each();
     app.add_option(
            "-n,--lines", request.count,
            "How many rows to show, the last ones of the order, or \"all\"; 20 if not given, "
            "or all since a time")
-        ->type_name("N");
+        .type_name("N");
     app.add_option("--sort", request.sort, "Field to sort by, the largest value last")
-        ->type_name("FIELD");
+        .type_name("FIELD");
     app.add_flag("-r,--reverse", request.reverse, "The other way around: the newest first");
 }
 
-void declare_selection_options(CLI::App& app, selection_request& request, const option_fields& by) {
+void declare_selection_options(cli_command app, selection_request& request,
+                               const option_fields& by) {
     declare_filter_options(app, request, by);
     declare_order_options(app, request);
 }

@@ -1,7 +1,6 @@
 // Which rows of a list are wanted, in which order, and how many.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -9,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "command_line.h"
 #include "output.h"
 #include "pages.h"
 #include "records.h"
@@ -27,13 +27,14 @@ struct selection_request {
 };
 
 // Declares -u, --source, --type, -S and -U, as far as the list has their fields.
-void declare_filter_options(CLI::App& app, selection_request& request, const option_fields& by);
+void declare_filter_options(cli_command app, selection_request& request, const option_fields& by);
 
 // Declares --filter, and -n, --sort and -r.
-void declare_order_options(CLI::App& app, selection_request& request);
+void declare_order_options(cli_command app, selection_request& request);
 
 // All of them.
-void declare_selection_options(CLI::App& app, selection_request& request, const option_fields& by);
+void declare_selection_options(cli_command app, selection_request& request,
+                               const option_fields& by);
 
 struct time_span {
     std::optional<int64_t> since;  // seconds since the epoch

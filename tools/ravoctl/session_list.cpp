@@ -185,12 +185,13 @@ exit_status show_session(const show_request& request) {
     return done;
 }
 
-void declare_show(command_line& line, CLI::App& sessions) {
+void declare_show(command_line& line, cli_command sessions) {
     const auto request = std::make_shared<show_request>();
-    CLI::App* show = sessions.add_subcommand("show", "Show all that is known of one session");
-    show->add_option("id", request->id, "Id of the session, or of one of its rows")->required();
-    declare_output_options(*show, request->output);
-    show->footer("");
+    const cli_command show =
+        sessions.add_subcommand("show", "Show all that is known of one session");
+    show.add_option("id", request->id, "Id of the session, or of one of its rows").required();
+    declare_output_options(show, request->output);
+    show.footer("");
     line.runs(show, [request] { return show_session(*request); });
 }
 
@@ -237,17 +238,17 @@ std::vector<session> read_sessions(const selection& wanted, int64_t now) {
 void declare_sessions(command_line& line) {
     const record_kind& kind = kind_of(noun);
     const auto request = std::make_shared<sessions_request>();
-    CLI::App* sessions = line.app.add_subcommand(
+    const cli_command sessions = line.add_subcommand(
         noun, "List sessions of this device's VPN server, put together from its records");
-    declare_list_options(*sessions, request->list, kind);
-    sessions->add_flag("--open", request->open, "Only sessions that are open now, all of them");
-    auto* open = sessions->get_option("--open");
-    sessions->add_flag("--rows", request->rows, "List the records as they are")->excludes(open);
-    sessions->footer(
+    declare_list_options(sessions, request->list, kind);
+    const cli_option open =
+        sessions.add_flag("--open", request->open, "Only sessions that are open now, all of them");
+    sessions.add_flag("--rows", request->rows, "List the records as they are").excludes(open);
+    sessions.footer(
         fmt::format("Fields: {}.\nOf --rows: {}.\n", names_of(fields), names_of(kind.fields)));
     line.runs(sessions, [request] { return list_sessions(*request); });
-    declare_show(line, *sessions);
-    declare_top(line, *sessions);
-    declare_adder(line, *sessions, kind);
-    declare_removal(line, *sessions, kind);
+    declare_show(line, sessions);
+    declare_top(line, sessions);
+    declare_adder(line, sessions, kind);
+    declare_removal(line, sessions, kind);
 }

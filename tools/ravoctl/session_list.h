@@ -22,4 +22,4 @@ std::vector<session> read_sessions(const selection& wanted, int64_t now);
 void declare_sessions(command_line& line);
 
 // The command below it that ranks users.
-void declare_top(command_line& line, CLI::App& sessions);
+void declare_top(command_line& line, cli_command sessions);

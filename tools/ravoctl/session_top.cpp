@@ -95,12 +95,13 @@ exit_status show_top(const top_request& request) {
 
 }  // namespace
 
-void declare_top(command_line& line, CLI::App& sessions) {
+void declare_top(command_line& line, cli_command sessions) {
     const auto request = std::make_shared<top_request>();
-    CLI::App* top = sessions.add_subcommand("top", "Rank the users by bytes received and sent");
-    declare_filter_options(*top, request->which, session_options);
-    declare_order_options(*top, request->which);
-    declare_output_options(*top, request->output);
-    top->footer("Fields: " + names_of(fields) + ".\n");
+    const cli_command top =
+        sessions.add_subcommand("top", "Rank the users by bytes received and sent");
+    declare_filter_options(top, request->which, session_options);
+    declare_order_options(top, request->which);
+    declare_output_options(top, request->output);
+    top.footer("Fields: " + names_of(fields) + ".\n");
     line.runs(top, [request] { return show_top(*request); });
 }

@@ -65,9 +65,8 @@ bool wants_colours() {
            variable("TERM") != "dumb";
 }
 
-void declare_pager_option(CLI::App& app) {
-    app.add_flag_callback("--no-pager", disable_pager,
-                          "Do not show a terminal's output through a pager");
+void declare_pager_option(cli_command app) {
+    app.add_flag("--no-pager", disable_pager, "Do not show a terminal's output through a pager");
 }
 
 void disable_pager() { state().is_pager_wanted = false; }

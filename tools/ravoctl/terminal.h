@@ -1,7 +1,7 @@
 // Standard output when a person looks at it: through a pager, and in colour.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include "command_line.h"
 
 // Whether a terminal shows what is printed, itself or through the pager.
 bool is_shown_on_terminal();
@@ -10,7 +10,7 @@ bool is_shown_on_terminal();
 bool wants_colours();
 
 // Declares --no-pager, which holds for the whole program.
-void declare_pager_option(CLI::App& app);
+void declare_pager_option(cli_command app);
 
 void disable_pager();
 

@@ -16,6 +16,7 @@
 #include <ctime>
 #include <deque>
 #include <memory>
+#include <utility>
 
 #include "blocks.h"
 #include "pages.h"
@@ -217,11 +218,11 @@ void declare_watch(command_line& line) {
     constexpr double shortest = 0.1;
     constexpr double longest = 3600;
     const auto interval = std::make_shared<double>(2);
-    CLI::App* watch_command = line.app.add_subcommand(
-        "watch", "Tell of connections, failed logins and blocks as they come");
-    watch_command->add_option("--interval", *interval, "Seconds between two looks")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(shortest, longest))
-        ->capture_default_str();
+    const cli_command watch_command =
+        line.add_subcommand("watch", "Tell of connections, failed logins and blocks as they come");
+    watch_command.add_option("--interval", *interval, "Seconds between two looks")
+        .type_name("SECONDS")
+        .between(shortest, longest)
+        .shows_default();
     line.runs(watch_command, [interval] { return watch(*interval); });
 }
