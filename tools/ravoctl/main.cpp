@@ -11,9 +11,11 @@
 #include "command_line.h"
 #include "failure.h"
 #include "gateway.h"
+#include "limiter.h"
 #include "list.h"
 #include "report.h"
 #include "session_list.h"
+#include "status.h"
 #include "terminal.h"
 #include "text.h"
 #include "uuid.h"
@@ -29,8 +31,8 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_sessions, declare_tables, declare_blocks, declare_gateway,
-    declare_uuid,     declare_report, declare_call,
+    declare_status,  declare_sessions, declare_tables, declare_blocks, declare_limiter,
+    declare_gateway, declare_uuid,     declare_report, declare_call,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.

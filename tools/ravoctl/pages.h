@@ -28,6 +28,10 @@ void check_read(const page& rows);
 // Throws failure unless the rows of the page's table could be counted.
 void check_counted(const page& rows);
 
+// The rows of a kind's table, of which the daemon counts 100000 at most. Throws failure when it
+// could not be read or counted.
+uint64_t count_rows(const record_kind& kind);
+
 // Hands every row that the daemon shows to the function, the newest first unless the filter has
 // another order, until the function returns false. A row that slips onto the next page while one is
 // read comes once, and rows that are recorded meanwhile do not come. Returns the rows of the whole
