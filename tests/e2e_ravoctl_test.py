@@ -728,16 +728,17 @@ class ravoctl(RavodTest):
     def test_terminal_shows_colours_and_a_pager_unless_told_otherwise(self):
         self.start_ravod()
         self.add_sessions()
-        plain = self.succeed(self.ravoctl("sessions", "--open"))
+        listing = ["sessions", "--open", "-c", "id,state"]
+        plain = self.succeed(self.ravoctl(*listing))
         self.assertNotIn("\x1b", plain)
         pager = "cat >/tmp/paged; echo done"
         for arguments, variables, colour, is_paged in (
-            (["sessions", "--open"], {"PAGER": pager}, True, True),
-            (["sessions", "--open"], {"PAGER": pager, "NO_COLOR": "1"}, False, True),
-            (["sessions", "--open"], {"PAGER": pager, "TERM": "dumb"}, False, True),
-            (["sessions", "--open", "--no-pager"], {"PAGER": pager}, True, False),
-            (["sessions", "--open"], {"PAGER": ""}, True, False),
-            (["sessions", "--open"], {"PAGER": "cat", "NO_COLOR": "1"}, False, False),
+            (listing, {"PAGER": pager}, True, True),
+            (listing, {"PAGER": pager, "NO_COLOR": "1"}, False, True),
+            (listing, {"PAGER": pager, "TERM": "dumb"}, False, True),
+            ([*listing, "--no-pager"], {"PAGER": pager}, True, False),
+            (listing, {"PAGER": ""}, True, False),
+            (listing, {"PAGER": "cat", "NO_COLOR": "1"}, False, False),
         ):
             with self.subTest(arguments=arguments, variables=variables):
                 written, status = self.on_terminal(*arguments, **variables)

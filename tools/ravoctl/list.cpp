@@ -12,6 +12,7 @@
 #include "bus.h"
 #include "output.h"
 #include "pages.h"
+#include "removal.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -215,6 +216,7 @@ CLI::App* declare_records(command_line& line, const record_kind& kind) {
     list->footer(field_help(kind, false));
     line.runs(list, [&kind, request] { return list_records(kind, *request, kind.command); });
     if (kind.adder.command != nullptr) declare_adder(line, *list, kind);
+    declare_removal(line, *list, kind);
     return list;
 }
 

@@ -3,22 +3,30 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <system_error>
 
 #include "blocks.h"
 #include "call.h"
 #include "command_line.h"
+#include "completion.h"
+#include "doctor.h"
+#include "export.h"
 #include "failure.h"
 #include "gateway.h"
+#include "import.h"
 #include "limiter.h"
 #include "list.h"
+#include "metrics.h"
+#include "prune.h"
 #include "report.h"
 #include "session_list.h"
 #include "status.h"
 #include "terminal.h"
 #include "text.h"
 #include "uuid.h"
+#include "watch.h"
 
 namespace {
 
@@ -31,8 +39,10 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_status,  declare_sessions, declare_tables, declare_blocks, declare_limiter,
-    declare_gateway, declare_uuid,     declare_report, declare_call,
+    declare_status,  declare_sessions, declare_tables, declare_blocks,
+    declare_limiter, declare_gateway,  declare_uuid,   declare_report,
+    declare_metrics, declare_watch,    declare_export, declare_import,
+    declare_prune,   declare_doctor,   declare_call,   declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -73,6 +83,9 @@ exit_status dispatch(int argc, char** argv) {
     if (!use_utf8()) return fail("the system has no locale C.UTF-8", failed_here);
     command_line line;
     declare_all(line);
+    if (argc > 1 && strcmp(argv[1], completion_question) == 0) {
+        return answer_completion(line.app, std::span(argv + 2, argv + argc));
+    }
     try {
         line.app.parse(argc, argv);
         return run(line);

@@ -177,7 +177,7 @@ void declare_output_options(CLI::App& app, output_options& options) {
                [&options](const std::string& name) { options.format = format_named(name); },
                "How to print: table, wide (all fields, and texts in full length), json, jsonl (an "
                "object on each line) or csv")
-            ->type_name("FORMAT");
+            ->type_name("{table,wide,json,jsonl,csv}");
     auto* json = app.add_flag_callback(
         "--json", [&options] { options.format = output_format::json; }, "The same as -o json");
     auto* wide = app.add_flag_callback(
@@ -309,6 +309,12 @@ void set_member(json_t* object, const std::string& name, json_t* member) {
 }
 
 // Jansson leaves only DEL to do.
+json_ptr to_object(std::span<const field> fields, const row_values& row) {
+    json_ptr object(json_object());
+    for (size_t i = 0; i < fields.size(); ++i) set_value(object, fields[i].name, row[i]);
+    return object;
+}
+
 void dump_to_stdout(const json_t* json) {
     const json_text text(json_dumps(json, JSON_ENSURE_ASCII));
     if (text == nullptr) throw std::bad_alloc();

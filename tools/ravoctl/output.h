@@ -69,6 +69,9 @@ class row_printer {
     std::vector<size_t> widths_;  // of the table's columns so far
 };
 
+// A row with all fields, as it is printed as JSON.
+json_ptr to_object(std::span<const field> fields, const row_values& row);
+
 // Prints a value in ASCII, so that no control character, of whatever range, reaches a terminal as
 // it is. Throws std::bad_alloc.
 void dump_to_stdout(const json_t* json);

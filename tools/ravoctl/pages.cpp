@@ -21,20 +21,6 @@ void copy_text(char (&to)[size], const std::string& text) {
     memcpy(to, text.c_str(), text.size() + 1);
 }
 
-// In the order of their recording.
-std::vector<std::string> rows_after(const record_kind& kind, const row_filter& filter,
-                                    uint32_t last_id, int64_t rows_on_page) {
-    std::vector<std::string> rows;
-    const auto take = [&](const char* row) {
-        if (id_of(kind, row) <= last_id) return false;
-        rows.emplace_back(row, kind.size);
-        return true;
-    };
-    (void)for_each_row(kind, filter, take, rows_on_page);
-    std::reverse(rows.begin(), rows.end());
-    return rows;
-}
-
 }  // namespace
 
 // Lists narrow ids to 32 bits.
@@ -98,15 +84,28 @@ uint32_t newest_id(const record_kind& kind) {
     return id;
 }
 
+std::vector<std::string> rows_after(const record_kind& kind, const row_filter& filter,
+                                    uint32_t last_id) {
+    constexpr int64_t rows_on_page = 100;  // few are new
+    std::vector<std::string> rows;
+    const auto take = [&](const char* row) {
+        if (id_of(kind, row) <= last_id) return false;
+        rows.emplace_back(row, kind.size);
+        return true;
+    };
+    (void)for_each_row(kind, filter, take, rows_on_page);
+    std::reverse(rows.begin(), rows.end());
+    return rows;
+}
+
 void follow_rows(const record_kind& kind, const row_filter& filter, uint32_t last_id,
                  const std::function<void(const std::vector<const char*>& rows)>& take) {
     using clock = std::chrono::steady_clock;
     constexpr clock::duration usual_pause = std::chrono::seconds(1);
     constexpr int largest_share = 20;  // of the time, a twentieth at most is spent in looking
-    constexpr int64_t rows_on_page = 100;
     while (true) {
         const clock::time_point begin = clock::now();
-        const std::vector<std::string> newer = rows_after(kind, filter, last_id, rows_on_page);
+        const std::vector<std::string> newer = rows_after(kind, filter, last_id);
         std::vector<const char*> rows(newer.size());
         std::transform(newer.begin(), newer.end(), rows.begin(),
                        [](const std::string& row) { return row.data(); });

@@ -12,6 +12,9 @@
 // is, and 20 MB where its rows are large.
 inline constexpr int64_t page_rows = 4000;
 
+// Rows that the daemon shows, and counts, at most.
+inline constexpr uint64_t most_rows = 100000;
+
 // Which rows, and in which order.
 struct row_filter {
     std::string field = {};  // name of a column; empty: all rows
@@ -28,8 +31,7 @@ void check_read(const page& rows);
 // Throws failure unless the rows of the page's table could be counted.
 void check_counted(const page& rows);
 
-// The rows of a kind's table, of which the daemon counts 100000 at most. Throws failure when it
-// could not be read or counted.
+// The rows of a kind's table. Throws failure when it could not be read or counted.
 uint64_t count_rows(const record_kind& kind);
 
 // Hands every row that the daemon shows to the function, the newest first unless the filter has
@@ -45,6 +47,10 @@ uint64_t for_each_row(const record_kind& kind, const row_filter& filter,
 uint32_t newest_id(const record_kind& kind);
 
 uint32_t id_of(const record_kind& kind, const char* row);
+
+// The rows with larger ids, in the order of their recording.
+std::vector<std::string> rows_after(const record_kind& kind, const row_filter& filter,
+                                    uint32_t last_id);
 
 // Waits for rows with larger ids, and hands them over as they come, all of a look at once and in
 // the order of their recording. Looks every second, or less often where a look takes long. Ends by

@@ -51,6 +51,12 @@ struct option_fields {
     const char* order = "id";     // what rows are sorted by when nothing else is asked
 };
 
+// How records are deleted. Blocks are lifted instead.
+struct record_remover {
+    int (*remove)(db_delete_cond* row) = nullptr;  // null: there is no such command
+    int (*clean)() = nullptr;
+};
+
 struct record_kind {
     const char* command;   // name of the subcommand
     const char* what;      // its rows, for help texts
@@ -60,7 +66,8 @@ struct record_kind {
     page (*list)(db_query_cond cond);
     option_fields by = {};
     record_adder adder = {};
-    bool is_log = false;  // rows are added and stay, so that new ones can be waited for
+    record_remover remover = {};
+    bool is_log = false;  // rows are added and stay; else they are gone when a statement fails
 };
 
 std::span<const record_kind> record_kinds();

@@ -1,16 +1,13 @@
 // The report of what the daemon knows now, written to a file.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <system_error>
 
 #include "blocks.h"
+#include "new_file.h"
 #include "pages.h"
 #include "report.h"
 #include "selection.h"
@@ -44,26 +41,6 @@ std::vector<failed_logins> read_failures() {
     return failures;
 }
 
-// Throws std::system_error.
-void write_file(const std::string& path, const std::string& text) {
-    if (path == "-") {
-        (void)fwrite(text.data(), 1, text.size(), stdout);
-        return;
-    }
-    const std::string unfinished = fmt::format("{}.{}.new", path, getpid());
-    const auto fail = [&path, &unfinished] {
-        const int error = errno;
-        (void)unlink(unfinished.c_str());
-        throw std::system_error(error, std::generic_category(), escaped(path));
-    };
-    FILE* file = fopen(unfinished.c_str(), "we");
-    if (file == nullptr) fail();
-    const bool is_written = fwrite(text.data(), 1, text.size(), file) == text.size();
-    const bool is_kept = fflush(file) == 0 && fsync(fileno(file)) == 0;
-    if (fclose(file) != 0 || !is_written || !is_kept) fail();
-    if (rename(unfinished.c_str(), path.c_str()) != 0) fail();
-}
-
 exit_status write_report(const report_request& request) {
     report_content content;
     content.now = time(nullptr);
@@ -73,7 +50,9 @@ exit_status write_report(const report_request& request) {
     if (content.since >= content.until) throw usage_error("--since is not before --until");
     content.sessions = to_sessions(read_session_rows());
     content.failures = read_failures();
-    write_file(request.file, to_html(content));
+    new_file file(request.file, 0666);
+    file.write(to_html(content));
+    file.finish();
     return done;
 }
 

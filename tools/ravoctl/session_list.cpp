@@ -10,6 +10,7 @@
 
 #include "list.h"
 #include "pages.h"
+#include "removal.h"
 #include "terminal.h"
 #include "text.h"
 
@@ -249,4 +250,5 @@ void declare_sessions(command_line& line) {
     declare_show(line, *sessions);
     declare_top(line, *sessions);
     declare_adder(line, *sessions, kind);
+    declare_removal(line, *sessions, kind);
 }
