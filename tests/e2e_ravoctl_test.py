@@ -728,16 +728,17 @@ class ravoctl(RavodTest):
     def test_terminal_shows_colours_and_a_pager_unless_told_otherwise(self):
         self.start_ravod()
         self.add_sessions()
-        plain = self.succeed(self.ravoctl("sessions", "--open"))
+        listing = ["sessions", "--open", "-c", "id,state"]
+        plain = self.succeed(self.ravoctl(*listing))
         self.assertNotIn("\x1b", plain)
         pager = "cat >/tmp/paged; echo done"
         for arguments, variables, colour, is_paged in (
-            (["sessions", "--open"], {"PAGER": pager}, True, True),
-            (["sessions", "--open"], {"PAGER": pager, "NO_COLOR": "1"}, False, True),
-            (["sessions", "--open"], {"PAGER": pager, "TERM": "dumb"}, False, True),
-            (["sessions", "--open", "--no-pager"], {"PAGER": pager}, True, False),
-            (["sessions", "--open"], {"PAGER": ""}, True, False),
-            (["sessions", "--open"], {"PAGER": "cat", "NO_COLOR": "1"}, False, False),
+            (listing, {"PAGER": pager}, True, True),
+            (listing, {"PAGER": pager, "NO_COLOR": "1"}, False, True),
+            (listing, {"PAGER": pager, "TERM": "dumb"}, False, True),
+            ([*listing, "--no-pager"], {"PAGER": pager}, True, False),
+            (listing, {"PAGER": ""}, True, False),
+            (listing, {"PAGER": "cat", "NO_COLOR": "1"}, False, False),
         ):
             with self.subTest(arguments=arguments, variables=variables):
                 written, status = self.on_terminal(*arguments, **variables)
@@ -753,6 +754,72 @@ class ravoctl(RavodTest):
         self.start_ravod()
         self.add_sessions()
         self.assertEqual(self.on_terminal("sessions", "--json", PAGER="exec true")[1], 0)
+
+    # --- The limiter's settings, and everything at a glance ---
+
+    def test_limiter_settings_are_set_kept_and_looked_at(self):
+        vpncaas = self.start_limiter()
+        with open(SETTINGS, "w", encoding="utf-8") as file:
+            json.dump({"more": {"a": 1}, "global": {"other": [1]}}, file)
+        os.chmod(SETTINGS, 0o640)
+        self.assertEqual(self.table("limiter")[0], "limiter  off")
+        for words, expected, text in (
+            (["on", "limit=3", "time=2.5"], (True, 3, 2.5), "on: 3 failed logins block a user for 2.5 minutes"),
+            (["time=1"], (True, 3, 1), "on: 3 failed logins block a user for 1 minute"),
+            (["enable=off"], (False, 3, 1), "off; when it is on, 3 failed logins block a user for 1 minute"),
+            (["enable=true", "limit=1"], (True, 1, 1), "on: 1 failed login blocks a user for 1 minute"),
+        ):
+            with self.subTest(words=words):
+                self.assertEqual(self.table("limiter", "set", *words)[0], "limiter  " + text)
+                self.assertEqual(self.table("limiter", "show"), ["limiter  " + text, "file     " + SETTINGS])
+                shown = self.json("limiter")
+                self.assertEqual(shown.pop("schema"), "ravoctl.limiter/1")
+                self.assertEqual(shown, dict(zip(("enable", "limit", "time"), expected)))
+                with open(SETTINGS, encoding="utf-8") as file:
+                    self.assertEqual(json.load(file), {"more": {"a": 1}, "global": {"other": [1], **shown}})
+        self.assertEqual(os.stat(SETTINGS).st_mode & 0o777, 0o640)
+        vpncaas.stop()
+        self.fails(self.ravoctl("limiter"), 3, "vpncaas")
+        self.fails(self.ravoctl("limiter", "set", "off"), 5, SETTINGS, "blocks nobody", "vpncaas")
+
+    def test_limiter_settings_that_would_do_harm_are_refused(self):
+        self.start_limiter(enable=False)
+        for words, *expected in (([], "settings"), (["limit=0"], "limit", "1 to"), (["limit=1.5"], "limit"),
+                                 (["time=0"], "time"), (["time=nan"], "time"), (["enable=1"], "enable"), (["nix"], "nix"),
+                                 (["on"], "limit=FAILURES"), ([b"\x1b=1"], r"\x1B")):
+            with self.subTest(words=words):
+                self.fails(self.ravoctl("limiter", "set", *words), 2, *expected)
+        with open(SETTINGS, encoding="utf-8") as file:
+            self.assertEqual(json.load(file), {"global": {"enable": False}})
+        with open(SETTINGS, "w", encoding="utf-8") as file:
+            file.write("[")
+        self.fails(self.ravoctl("limiter", "set", "off"), 7, "damaged", "nothing was changed")
+        self.fails(self.ravoctl("limiter"), 8, "could not read")
+
+    def test_status_tells_everything_at_a_glance(self):
+        self.start_limiter(enable=True, limit=2, time=5)
+        self.add_sessions()
+        self.add("servers", "username=a")
+        self.fail_login("mallory", "mallory", "eve")
+        shown = self.json("status")
+        logins = shown.pop("logins_by_hour")
+        self.assertEqual((len(logins), sum(logins), logins[-1] >= 2), (24, 4, True))
+        self.assertEqual(shown, {
+            "schema": "ravoctl.status/1", "rows": {"sessions": 6, "outgoing": 0, "servers": 1, "devices": 0, "blocks": 2},
+            "open_sessions": 2, "blocked_users": 1, "limiter": {"enable": True, "limit": 2, "time": 5}})
+        lines = self.table("status")
+        for line in ("sessions   6 rows, 2 open now", "servers    1 row", "blocks     2 rows, 1 blocked now",
+                     "limiter    on: 2 failed logins block a user for 5 minutes", "endpoint   " + ENDPOINT):
+            self.assertIn(line, lines)
+        self.assertRegex("\n".join(lines), r"logins     4 in the last 24 hours  ·{21}[·▁-█]{2}█\n")
+
+    def test_status_without_settings_or_daemon_says_so(self):
+        self.fails(self.ravoctl("status"), 3, "not reachable")
+        self.start_ravod()
+        lines = self.table("status")
+        self.assertIn("blocks     0 rows", lines)
+        self.assertTrue([line for line in lines if line.startswith("limiter    not known, so nobody is blocked: vpncaas")])
+        self.assertIsNone(self.json("status")["blocked_users"])
 
     # --- Calling by hand ---
 

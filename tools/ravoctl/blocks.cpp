@@ -36,7 +36,7 @@ int64_t end_of_block(uint64_t timestamp, uint64_t block_seconds) {
 void set_times(block_row& row, const block_settings& settings, time_t now) {
     const bool lasts = still_blocks(settings, row.stored.timestamp, now);
     const int64_t end = end_of_block(row.stored.timestamp, settings.block_seconds);
-    set_state(row.state, lasts ? "blocked" : "run out");
+    set_state(row.state, lasts ? blocked_state : "run out");
     row.until = static_cast<uint64_t>(end);
     row.left = lasts ? static_cast<uint64_t>(std::max<int64_t>(end - now, 0)) : 0;
 }

@@ -17,11 +17,13 @@
 #include "failure.h"
 #include "gateway.h"
 #include "import.h"
+#include "limiter.h"
 #include "list.h"
 #include "metrics.h"
 #include "prune.h"
 #include "report.h"
 #include "session_list.h"
+#include "status.h"
 #include "terminal.h"
 #include "text.h"
 #include "uuid.h"
@@ -38,9 +40,10 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_sessions, declare_tables,  declare_blocks, declare_gateway,    declare_uuid,
-    declare_report,   declare_metrics, declare_watch,  declare_export,     declare_import,
-    declare_prune,    declare_doctor,  declare_call,   declare_completion,
+    declare_status,  declare_sessions, declare_tables, declare_blocks,
+    declare_limiter, declare_gateway,  declare_uuid,   declare_report,
+    declare_metrics, declare_watch,    declare_export, declare_import,
+    declare_prune,   declare_doctor,   declare_call,   declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.

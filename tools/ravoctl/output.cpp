@@ -108,11 +108,6 @@ bool has_colour(const field& f) {
 
 // --- JSON ---------------------------------------------------------------------------------------
 
-// Takes over the value, also when it is null because there was no memory for it.
-void set_member(const json_ptr& object, const std::string& name, json_t* member) {
-    if (json_object_set_new(object.get(), name.c_str(), member) != 0) throw std::bad_alloc();
-}
-
 // JSON's integers end where signed ones of 64 bits do; what is larger goes out as a real number.
 json_t* to_json(uint64_t number) {
     if (number <= std::numeric_limits<json_int_t>::max()) {
@@ -129,10 +124,10 @@ json_t* to_json(const std::string& text) {
 
 void set_value(const json_ptr& object, const char* name, const value& v) {
     const auto convert = [](const auto& content) { return to_json(content); };
-    set_member(object, name, std::visit(convert, v));
+    set_member(object.get(), name, std::visit(convert, v));
     const auto* text = std::get_if<std::string>(&v);
     if (text != nullptr && !is_utf8(*text)) {
-        set_member(object, std::string(name) + "_hex", to_json(to_hex(*text)));
+        set_member(object.get(), std::string(name) + "_hex", to_json(to_hex(*text)));
     }
 }
 
@@ -265,7 +260,7 @@ void row_printer::print_table(const std::vector<row_values>& rows, bool with_hea
 
 json_ptr row_printer::to_object(const row_values& row, bool with_schema) const {
     json_ptr object(json_object());
-    if (with_schema) set_member(object, "schema", to_json(schema_));
+    if (with_schema) set_member(object.get(), "schema", to_json(schema_));
     for (const size_t index : shown_) set_value(object, fields_[index].name, row[index]);
     return object;
 }
@@ -307,6 +302,10 @@ void row_printer::print_csv(const std::vector<row_values>& rows) const {
         }
         fmt::print("\r\n");
     }
+}
+
+void set_member(json_t* object, const std::string& name, json_t* member) {
+    if (json_object_set_new(object, name.c_str(), member) != 0) throw std::bad_alloc();
 }
 
 // Jansson leaves only DEL to do.

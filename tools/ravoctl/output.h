@@ -76,5 +76,8 @@ json_ptr to_object(std::span<const field> fields, const row_values& row);
 // it is. Throws std::bad_alloc.
 void dump_to_stdout(const json_t* json);
 
+// Takes over the member. Throws std::bad_alloc, also for a null one, which there was no memory for.
+void set_member(json_t* object, const std::string& name, json_t* member);
+
 // "ravoctl.NAME/1"
 std::string schema_name(const char* name);

@@ -106,8 +106,9 @@ void follow_rows(const record_kind& kind, const row_filter& filter, uint32_t las
     while (true) {
         const clock::time_point begin = clock::now();
         const std::vector<std::string> newer = rows_after(kind, filter, last_id);
-        std::vector<const char*> rows;
-        for (const std::string& row : newer) rows.push_back(row.data());
+        std::vector<const char*> rows(newer.size());
+        std::transform(newer.begin(), newer.end(), rows.begin(),
+                       [](const std::string& row) { return row.data(); });
         if (!rows.empty()) {
             last_id = id_of(kind, rows.back());
             take(rows);

@@ -98,6 +98,7 @@ struct sessions_request {
 
 row_list to_list(const std::vector<session>& sessions, const selection& wanted, int64_t now) {
     std::vector<row_values> rows;
+    rows.reserve(sessions.size());
     for (const session& s : sessions) rows.push_back(values_of(s, now));
     std::reverse(rows.begin(), rows.end());
     return wanted.arrange(std::move(rows));

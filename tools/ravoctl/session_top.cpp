@@ -33,7 +33,6 @@ constexpr field fields[] = {
     number_field("total", bytes),
     text_field("connected_when", in_tables_only),
 };
-constexpr size_t total_field = 6;
 
 struct top_request {
     selection_request which;
@@ -87,6 +86,7 @@ exit_status show_top(const top_request& request) {
                           {.begin = "total", .end = "total", .order = "total"});
     row_printer printer("top", fields, request.output);
     std::vector<row_values> rows;
+    rows.reserve(sums.size());
     for (const auto& [user, sum] : sums) rows.push_back(to_row(user, sum));
     const row_list list = order.arrange(std::move(rows));
     printer.print(list, order.describe(list, "user"));

@@ -10,7 +10,7 @@ std::string sparkline(const std::vector<double>& numbers) {
     std::string line;
     for (const double number : numbers) {
         if (number <= 0) {
-            line += ' ';
+            line += "·";
             continue;
         }
         const auto height = static_cast<size_t>(number / largest * bars.size());

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-// A character for each number, from ▁ for the smallest to █ for the largest; 0 is a space.
+// A character for each number, from ▁ for the smallest to █ for the largest; · for 0.
 std::string sparkline(const std::vector<double>& numbers);
 
 // Adds the seconds from begin to end to those of the slots that divide the time from 0 to length.
