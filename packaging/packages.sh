@@ -4,7 +4,7 @@
 # To build and to try it out.
 build_packages=(
     g++ cmake ninja-build pkg-config libsqlite3-dev libjansson-dev libcli11-dev libfmt-dev
-    libpam0g-dev bubblewrap sqlite3 python3 iproute2
+    libsmartcols-dev libpam0g-dev bubblewrap sqlite3 python3 iproute2
 )
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(

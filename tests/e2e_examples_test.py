@@ -14,7 +14,7 @@ class examples(RavodTest):
         return self.run_program("/usr/bin/python3", "-B", f"{EXAMPLES}/{name}", *arguments)
 
     def rows(self):
-        result = self.ravoctl("sessions", "--json", "--per-page", "100")
+        result = self.ravoctl("sessions", "--rows", "--json", "-n", "all")
         return json.loads(self.succeed(result))["rows"]
 
     def replay(self, text):

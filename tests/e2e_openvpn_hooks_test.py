@@ -83,7 +83,7 @@ class openvpn_hooks(RavodTest):
         return status
 
     def rows(self):
-        result = self.ravoctl("sessions", "--json", "--per-page", "1000")
+        result = self.ravoctl("sessions", "--rows", "--json", "-n", "all")
         return json.loads(self.succeed(result), strict=False)["rows"]
 
     def replay_calls(self):

@@ -38,7 +38,7 @@ class openvpn(RavodTest):
     def rows(self):
         """The listing, once everything has arrived."""
         self.assertEqual(self.run_program(HELPER, "replay").returncode, 0)
-        result = self.ravoctl("sessions", "--json", "--per-page", "1000")
+        result = self.ravoctl("sessions", "--rows", "--json", "-n", "all")
         return json.loads(self.succeed(result))["rows"]
 
     def row_of(self, user, action):

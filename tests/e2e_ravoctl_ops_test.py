@@ -34,10 +34,13 @@ class ravoctl_ops(RavodTest):
         return self.succeed(self.ravoctl(*arguments))
 
     def total(self, table):
-        return json.loads(self.ok(table, "--json"))["total"]
+        return self.listed(table)["total"]
 
     def rows(self, table):
-        return json.loads(self.ok(table, "--json"))["rows"]
+        return self.listed(table)["rows"]
+
+    def listed(self, table):
+        return json.loads(self.ok(table, "--json", *(["--rows"] if table == "sessions" else [])))
 
     def add_sessions(self, *names):
         for name in names:
@@ -163,13 +166,22 @@ class ravoctl_ops(RavodTest):
         self.assertEqual(self.ok("sessions", "delete", "--no-save", "1")[:5], "gone:")
         self.assertEqual(len(os.listdir(SAVED)), 1)
 
+    def test_a_session_is_deleted_with_both_its_rows(self):
+        self.start_ravod()
+        for name in ("a", "b"):
+            self.ok("sessions", "add", f"username={name}", "time=100", "action=1")
+            self.ok("sessions", "add", f"username={name}", "time=160", "uptime=60", "action=2")
+        self.assertEqual([row["id"] for row in self.rows("sessions")], [1, 2, 3, 4])
+        self.assertIn("sessions: 2 rows gone, 2 left", self.ok("sessions", "delete", "2"))
+        self.assertEqual([row["username"] for row in self.rows("sessions")], ["b", "b"])
+
     def test_delete_of_a_row_that_is_not_there_deletes_nothing(self):
         self.start_ravod()
         self.add_sessions("alice")
         self.fails(self.ravoctl("sessions", "delete", "1", "2"), 1, "id 2", "nothing was deleted")
         self.assertEqual(self.total("sessions"), 1)
         self.assertEqual(self.ok("sessions", "clean").splitlines()[1:],
-                         ["gone: id=1 username=alice uptime=0 time=2026-11-21T01:00:58Z action=0",
+                         ["gone: id=1 username=alice uptime=0:00:00 time=2026-11-21T01:00:58+00:00 action=0",
                           "sessions: 1 rows gone, 0 left"])
         self.assertEqual(self.ok("sessions", "clean"), "sessions: there are no rows\n")
         self.fails(self.ravoctl("sessions", "delete"), 2, "ids")
@@ -376,7 +388,7 @@ class ravoctl_ops(RavodTest):
         line = self.read_until(watch.stdout.fileno(), b"connected")
         self.assertRegex(line, rb"^\d\d:\d\d:\d\d al\\x1Bice connected, 203.0.113.1 as 10.8.0.2\n$")
         self.ok("outgoing", "add", "username=x", "uptime=5", "rx_total=7", "action=2")
-        self.read_until(watch.stdout.fileno(), b" outgoing: x disconnected after 5 s, 7 bytes received, 0 sent\n")
+        self.read_until(watch.stdout.fileno(), b" outgoing: x disconnected after 5 s, 7 B received, 0 B sent\n")
         for _ in range(3):
             self.ok("blocks", "fail", "mallory")
         self.read_until(watch.stdout.fileno(), b" mallory is blocked\n")

@@ -44,6 +44,9 @@ TABLES = {
         "time": UINT64,
     },
 }
+# How the records are listed as they are; the sessions are put together from theirs.
+LISTS = {table: [table] for table in TABLES} | {"sessions": ["sessions", "--rows"]}
+ROWS = LISTS["sessions"]
 VERBS = dict.fromkeys(TABLES, "add") | {"devices": "register"}
 UUID = r"[0-9a-f]{32}%R\?\n"
 
@@ -98,7 +101,7 @@ class ravoctl(RavodTest):
         return json.loads(self.succeed(self.ravoctl(*arguments, "--json")))
 
     def names(self, *arguments):
-        return [row["username"] for row in self.json("sessions", *arguments)["rows"]]
+        return [row["username"] for row in self.json(*ROWS, *arguments)["rows"]]
 
     def add_five(self):
         for name in ("eve", "bob", "dan", "alice", "carol"):
@@ -149,33 +152,69 @@ class ravoctl(RavodTest):
 
     def test_empty_table_is_a_success(self):
         self.start_ravod()
-        for table in TABLES:
-            self.assertEqual(self.table(table), ["no rows; the table has 0"])
-            self.assertEqual(self.json(table), {"start": 0, "rows": [], "count": 0, "total": 0})
+        for table, words in LISTS.items():
+            schema = "ravoctl.session_rows/1" if table == "sessions" else f"ravoctl.{table}/1"
+            self.assertEqual(self.table(*words), ["no rows; the table has 0"])
+            self.assertEqual(self.json(*words), {"schema": schema, "rows": [], "count": 0,
+                                                 "more": False, "total": 0})
+        self.assertEqual(self.table("sessions"), ["no sessions"])
+        self.assertEqual(self.table("sessions", "top"), ["no users"])
 
-    def test_pages_are_counted_from_one_and_say_where_they_are(self):
+    def test_newest_rows_stand_last_and_the_last_line_counts_them(self):
         self.start_ravod()
         self.add_five()
-        self.assertEqual(self.names("--per-page", "2"), ["eve", "bob"])
-        self.assertEqual(self.names("--per-page", "2", "--page", "3"), ["carol"])
-        lines = self.table("sessions", "--per-page", "2", "--page", "2")
-        self.assertEqual(lines[-1], "rows 3-4 of 5")
-        self.assertEqual([line.split()[1] for line in lines[1:-1]], ["dan", "alice"])
-        self.assertEqual(self.table("sessions", "--page", "4"), ["no rows; the table has 5"])
-
-    def test_start_and_count_are_in_rows(self):
-        self.start_ravod()
-        self.add_five()
-        self.assertEqual(self.names("--start", "1", "--count", "3"), ["bob", "dan", "alice"])
-        self.assertEqual(self.json("sessions", "--start", "1", "--count", "0"),
-                         {"start": 1, "rows": [], "count": 0, "total": 5})
+        for arguments, names, last_line in (
+            ([], ["eve", "bob", "dan", "alice", "carol"], "5 rows"),
+            (["-n", "2"], ["alice", "carol"], "the newest 2 rows; the table has 5; -n all shows all"),
+            (["-n", "2", "-r"], ["carol", "alice"], "the newest 2 rows; the table has 5; -n all shows all"),
+            (["-n", "5"], ["eve", "bob", "dan", "alice", "carol"], "5 rows"),
+            (["-n", "0"], [], "no rows; the table has 5"),
+            (["--sort", "username", "-n", "2"], ["dan", "eve"],
+             "the 2 rows with the largest username; the table has 5; -n all shows all"),
+            (["--sort", "username", "-r", "-n", "1"], ["eve"],
+             "the 1 row with the largest username; the table has 5; -n all shows all"),
+            (["-u", "bob"], ["bob"], "1 row that match; the table has 5"),
+            (["-u", "nobody"], [], "no rows that match; the table has 5"),
+            (["--filter", "uptime=3", "-n", "1"], ["dan"],
+             "the newest 1 row that match; the table has 5; -n all shows all"),
+        ):
+            with self.subTest(arguments=arguments):
+                self.assertEqual(self.names(*arguments), names)
+                lines = self.table(*ROWS, *arguments)
+                self.assertEqual([line.split()[1] for line in lines[1:-1]], names)
+                self.assertEqual(lines[-1], last_line)
 
     def test_shows_twenty_rows_unless_told_otherwise(self):
         self.start_ravod()
         for n in range(21):
-            self.add("sessions", f"uptime={n}")
-        self.assertEqual(self.table("sessions")[-1], "rows 1-20 of 21")
-        self.assertEqual(self.table("sessions", "--start", "0")[-1], "rows 1-20 of 21")
+            self.add("sessions", f"uptime={n}", "time=now")
+        listed = self.json(*ROWS)
+        self.assertEqual((listed["count"], listed["more"], listed["total"]), (20, True, 21))
+        self.assertEqual(listed["rows"][-1]["uptime"], 20)
+        for arguments in (["-n", "all"], ["-S", "-1h"]):
+            listed = self.json(*ROWS, *arguments)
+            self.assertEqual((listed["count"], listed["more"]), (21, False))
+
+    def test_conditions_are_joined_and_may_look_at_what_the_daemon_cannot(self):
+        self.start_ravod()
+        now = int(time.time())
+        for name, source, kind, age in (("alice", "203.0.113.1", "openvpn", 7200), ("bob", "203.0.113.1", 2, 3600),
+                                        ("alice", "203.0.113.2", 4, 60), ("", "203.0.113.3", 77, 30)):
+            self.add("sessions", f"username={name}", f"source_ip={source}", f"vpn_type={kind}", f"time={now - age}")
+        # The last row was recorded late.
+        self.add("sessions", "username=late", "source_ip=203.0.113.1", "vpn_type=4", f"time={now - 5400}")
+        for arguments, ids in (
+            (["-u", "alice"], [1, 3]), (["-u", "alice", "--source", "203.0.113.2"], [3]),
+            (["--type", "openvpn"], [1, 3, 5]), (["--type", "77"], [4]), (["--type", "l2tp", "-u", "bob"], [2]),
+            (["--filter", "username="], [4]), (["-u", ""], [4]),
+            (["--filter", "source_ip=203.0.113.1", "--filter", "vpn_type=4"], [1, 5]),
+            (["-S", "-65min"], [2, 3, 4]), (["-S", "-2h 5min"], [1, 2, 3, 4, 5]), (["-S", f"@{now - 5400}"], [2, 3, 4, 5]),
+            (["-U", f"@{now - 3600}"], [1, 2, 5]), (["-S", "-95min", "-U", "-80min"], [5]),
+            (["-S", "-65min", "-n", "2"], [3, 4]), (["--type", "openvpn", "-n", "1"], [5]),
+            (["--type", "openvpn", "--sort", "time", "-n", "2"], [5, 3]),
+        ):
+            with self.subTest(arguments=arguments):
+                self.assertEqual([row["id"] for row in self.json(*ROWS, *arguments)["rows"]], ids)
 
     def test_orders_by_every_field_of_every_table(self):
         self.start_ravod()
@@ -187,9 +226,9 @@ class ravoctl(RavodTest):
                 self.add(table, *(f"{name}={chosen[name][row]}" for name in fields))
             for name in fields:
                 with self.subTest(table=table, field=name):
-                    rows = self.json(table, "--order", name)["rows"]
+                    rows = self.json(*LISTS[table], "--sort", name)["rows"]
                     self.assertEqual([int(row[name]) for row in rows], [1, 2, 3])
-                    rows = self.json(table, "--order", name, "--desc")["rows"]
+                    rows = self.json(*LISTS[table], "--sort", name, "-r")["rows"]
                     self.assertEqual([int(row[name]) for row in rows], [3, 2, 1])
 
     def test_filters_by_texts_that_quoting_could_spoil(self):
@@ -209,34 +248,24 @@ class ravoctl(RavodTest):
         self.assertEqual(self.names("--filter", "tx_total=-5"), ["a"])
         self.assertEqual(self.names("--filter", "id=2"), ["b"])
 
-    def test_filtered_list_does_not_take_the_total_for_its_matches(self):
-        self.start_ravod()
-        self.add_five()
-        self.assertEqual(self.table("sessions", "--filter", "username=bob")[-1],
-                         "rows 1-1 that match; the table has 5")
-        self.assertEqual(self.table("sessions", "--filter", "username=nobody"),
-                         ["no rows that match; the table has 5"])
-
     def test_bad_list_requests_are_refused_and_say_why(self):
-        self.start_ravod()
         for arguments, *words in (
-            (["--order", "nix"], "nix", "username, vpn_type"),
+            (["--sort", "nix"], "nix", "username, vpn_type"),
             (["--filter", "nix=1"], "nix", "username, vpn_type"),
             (["--filter", "username"], "FIELD=VALUE"),
-            (["--filter", "username="], "username", "empty"),
-            (["--filter", "vpn_type=four"], "vpn_type", "-2147483648 to 2147483647"),
-            (["--filter", "username=" + "x" * 1025], "username", "1024"),
-            (["--page", "0"], "--page", "1"),
-            (["--per-page", "0"], "--per-page", "100000"),
-            (["--per-page", "100001"], "--per-page", "100000"),
-            (["--start", "-1"], "--start", "0"),
-            (["--count", "1"], "--start"),
-            (["--page", "1", "--start", "1"], "--page", "--start"),
+            (["--filter", "vpn_type=four"], "vpn_type", "-2147483648 to 2147483647", "openvpn"),
+            (["--type", "four"], "vpn_type", "openvpn"),
+            (["-u", "x" * 1025], "username", "1024"),
+            (["-n", "some"], "-n", "some", "all"), (["-n", "-1"], "-n"),
+            (["-S", "soon"], "--since", "soon", "yesterday"), (["-U", "2026-02-30"], "--until"),
+            (["-S", "now", "-U", "yesterday"], "not before"),
+            (["-o", "xml"], "-o", "xml", "jsonl"), (["-c", "id,nix"], "-c", "nix", "username, vpn_type"),
             (["--json", "--wide"], "--json", "--wide"),
+            (["-f", "--json"], "-f", "jsonl"), (["-f", "-r"], "-f"), (["--open"], "--open", "--rows"),
             (["nix"], "nix"),
         ):
             with self.subTest(arguments=arguments):
-                self.fails(self.ravoctl("sessions", *arguments), 2, *words)
+                self.fails(self.ravoctl(*ROWS, *arguments), 2, *words)
 
     # --- Adding ---
 
@@ -245,7 +274,7 @@ class ravoctl(RavodTest):
         expected = {name: "x" * kind if is_text(kind) else EXTREMES[kind][which]
                     for name, kind in fields.items()}
         self.add(table, *(f"{name}={value}" for name, value in expected.items()))
-        row = self.json(table, "--desc", "--per-page", "1")["rows"][0]
+        row = self.json(*LISTS[table], "-n", "1")["rows"][0]
         row.pop("id")
         row.pop("dev_uuid", None)
         self.assertEqual(row, expected)
@@ -271,7 +300,7 @@ class ravoctl(RavodTest):
                     with self.subTest(table=table, field=name, text=text[:30]):
                         result = self.ravoctl(table, VERBS[table], f"{name}={text}")
                         self.fails(result, 2, name, words)
-            self.assertEqual(self.table(table), ["no rows; the table has 0"])
+            self.assertEqual(self.table(*LISTS[table]), ["no rows; the table has 0"])
 
     def test_add_refuses_what_is_no_assignment(self):
         self.start_ravod()
@@ -281,22 +310,25 @@ class ravoctl(RavodTest):
         ):
             with self.subTest(words=words):
                 self.fails(self.ravoctl("sessions", "add", *words), 2, *expected)
-        self.assertEqual(self.table("sessions"), ["no rows; the table has 0"])
+        self.assertEqual(self.table(*ROWS), ["no rows; the table has 0"])
 
-    def test_times_are_taken_in_three_forms_and_shown_in_utc(self):
+    def test_times_are_taken_in_words_and_shown_as_local_ones_or_in_utc(self):
         self.start_ravod()
         environment = {**os.environ, "TZ": "America/New_York"}
         before = int(time.time())
-        for text in ("1795222858", "2026-11-21T01:00:58Z", "now", "9223372036854775807"):
+        for text in ("1795222858", "2026-11-21T01:00:58Z", "now", "9223372036854775807", "2026-11-20 20:00:58",
+                     "2026-11-20T20:00:58-05:00"):
             self.succeed(self.ravoctl("sessions", "add", f"time={text}", env=environment))
-        times = [row["time"] for row in self.json("sessions")["rows"]]
-        self.assertEqual(times[:2], [1795222858, 1795222858])
-        self.assertTrue(before <= times[2] <= time.time())
-        lines = self.succeed(self.ravoctl("sessions", env=environment)).splitlines()
-        self.assertIn(" 2026-11-21T01:00:58Z ", lines[1])
+        times = [row["time"] for row in self.json(*ROWS)["rows"]]
+        self.assertTrue(before <= times.pop(2) <= time.time())
+        self.assertEqual(times, [1795222858, 1795222858, 9223372036854775807, 1795222858, 1795222858])
+        lines = self.succeed(self.ravoctl(*ROWS, env=environment)).splitlines()
+        self.assertIn(" 2026-11-20T20:00:58-05:00 ", lines[1])
         self.assertIn(" 9223372036854775807 ", lines[4])  # no year that ISO 8601 could write
-        for text in ("2026-02-30T00:00:00Z", "2026-11-21", "yesterday", "2026-11-21T01:00:58Zx"):
-            self.fails(self.ravoctl("sessions", "add", f"time={text}"), 2, "time", "epoch")
+        lines = self.succeed(self.ravoctl(*ROWS, "--utc", env=environment)).splitlines()
+        self.assertIn(" 2026-11-21T01:00:58Z ", lines[1])
+        for text in ("2026-02-30T00:00:00Z", "soon", "2026-11-21T01:00:58Zx", "2026-11-21T01:00+x"):
+            self.fails(self.ravoctl("sessions", "add", f"time={text}"), 2, "time", "epoch", "yesterday")
 
     # --- Output ---
 
@@ -313,7 +345,7 @@ class ravoctl(RavodTest):
         ):
             with self.subTest(raw=raw):
                 self.add("servers", b"username=" + raw)
-                self.assertEqual(self.table("servers", "--desc", "--per-page", "1")[1].split("  ")[1]
+                self.assertEqual(self.table("servers", "-n", "1")[1].split("  ")[1]
                                  .strip(), shown)
 
     def test_wrong_words_are_escaped_in_messages_too(self):
@@ -331,7 +363,7 @@ class ravoctl(RavodTest):
         self.add("sessions", "username=zoë")
         for locale in ("C", "POSIX", "nix"):
             environment = {**os.environ, "LC_ALL": locale}
-            self.assertIn(" zoë ", self.succeed(self.ravoctl("sessions", env=environment)))
+            self.assertIn(" zoë ", self.succeed(self.ravoctl(*ROWS, env=environment)))
 
     def test_columns_line_up_behind_characters_of_any_width(self):
         self.start_ravod()
@@ -343,10 +375,10 @@ class ravoctl(RavodTest):
     def test_narrow_table_cuts_long_texts_and_wide_table_shows_all_fields(self):
         self.start_ravod()
         self.add("sessions", "username=" + "é" * 512, "outgoing=tun7")
-        narrow = self.table("sessions")
+        narrow = self.table(*ROWS)
         self.assertIn("  " + "é" * 34 + "…  ", narrow[1])
         self.assertNotIn("tun7", narrow[1])
-        wide = self.table("sessions", "--wide")
+        wide = self.table(*ROWS, "--wide")
         self.assertIn("é" * 512, wide[1])
         self.assertEqual(wide[0].split(), ["id", *TABLES["sessions"]])
 
@@ -354,11 +386,36 @@ class ravoctl(RavodTest):
         self.start_ravod()
         every_byte = bytes(range(1, 256))
         self.add("sessions", b"username=" + every_byte, b"outgoing=zo\xc3\xab")
-        row = self.json("sessions")["rows"][0]
+        row = self.json(*ROWS)["rows"][0]
         self.assertEqual(bytes.fromhex(row["username_hex"]), every_byte)
         self.assertTrue(row["username"].startswith(every_byte[:127].decode() + "\ufffd"))
         self.assertEqual(row["outgoing"], "zoë")
         self.assertNotIn("outgoing_hex", row)
+
+    def test_json_lines_and_csv_have_a_line_for_each_row(self):
+        self.start_ravod()
+        self.add("servers", "username=a,\"b", "sid==cmd()", b"device_name=x\n\x1b\\", "time=5")
+        self.add("servers", "username=@b", "sid=-1", "device_name=+1", "expire_time=1")
+        lines = self.table("servers", "-o", "jsonl", "-c", "time,username")
+        self.assertEqual([list(json.loads(line).items()) for line in lines],
+                         [[("schema", "ravoctl.servers/1"), ("time", 5), ("username", 'a,"b')],
+                          [("schema", "ravoctl.servers/1"), ("time", 0), ("username", "@b")]])
+        result = self.ravoctl("servers", "-o", "csv")
+        self.assertEqual(result.stdout.decode(),
+                         "id,uuid,username,sid,device_name,expire_time,time\r\n"
+                         "1,,\"a,\"\"b\",'=cmd(),x\\n\\x1B\\\\,0,5\r\n"
+                         "2,,'@b,'-1,'+1,1,0\r\n")
+        self.assertEqual(self.table("servers", "-o", "csv", "-c", "id", "-r"), ["id", "2", "1"])
+
+    def test_columns_are_chosen_in_any_format(self):
+        self.start_ravod()
+        self.add("sessions", "username=bob", "tx_total=1234567", "vpn_type=openvpn", "action=lost", "uptime=3661")
+        columns = ["-c", "tx_total,action,vpn_type,uptime"]
+        self.assertEqual(self.table(*ROWS, *columns)[:2], ["tx_total  action  vpn_type   uptime",
+                                                           "  1.2 MB  lost    openvpn   1:01:01"])
+        self.assertEqual(self.table(*ROWS, *columns, "-o", "wide")[1], " 1234567  lost    openvpn   1:01:01")
+        self.assertEqual(self.json(*ROWS, *columns)["rows"],
+                         [{"tx_total": 1234567, "action": 3, "vpn_type": 4, "uptime": 3661}])
 
     def test_output_that_cannot_be_written_is_an_error(self):
         self.start_ravod()
@@ -381,7 +438,7 @@ class ravoctl(RavodTest):
             self.fails(self.ravoctl(*command), 3, "not reachable")
 
     def test_wrong_usage_needs_no_daemon(self):
-        for arguments in ([], ["nix"], ["--nix"], ["call"], ["sessions", "--order", "nix"]):
+        for arguments in ([], ["nix"], ["--nix"], ["call"], ["sessions", "--sort", "nix"]):
             self.fails(self.ravoctl(*arguments), 2)
 
     def test_daemon_that_does_not_answer_is_told_from_one_that_is_not_there(self):
@@ -397,13 +454,8 @@ class ravoctl(RavodTest):
         with open(DATABASE, "wb") as database:
             database.write(b"this is no database" * 1000)
         self.start_ravod()
-        result = self.ravoctl("sessions")
-        self.assertEqual(result.returncode, 8)
-        self.assertIn(b"could not count", result.stderr)
-        self.assertEqual(result.stdout, b"no rows; the table has an unknown number\n")
-        result = self.ravoctl("sessions", "--json")
-        self.assertEqual(result.returncode, 8)
-        self.assertIsNone(json.loads(result.stdout)["total"])
+        for words in (["sessions"], ROWS, [*ROWS, "--json"], ["sessions", "top"], ["sessions", "show", "1"]):
+            self.fails(self.ravoctl(*words), 8, "could not count")
 
     # --- Devices and UUIDs ---
 
@@ -482,11 +534,11 @@ class ravoctl(RavodTest):
         self.start_limiter(enable=True, limit=3, time=60 * 24 * 365 * 100)
         self.put_counter("bob", 3, 1795222858)
         self.put_counter("eve", 1, 1795222858)
-        heading, bob, eve, last = self.table("blocks")
+        heading, bob, eve, last = self.table("blocks", "--utc")
         self.assertEqual(heading.split(), ["username", "limit_count", "timestamp", "state", "until", "left"])
         self.assertRegex(bob, r"^bob +3  2026-11-21T01:00:58Z  blocked +2126-10-28T01:00:58Z  \d+:\d\d:\d\d$")
         self.assertRegex(eve, r"^eve +1  2026-11-21T01:00:58Z  counting$")
-        self.assertEqual(last, "rows 1-2 of 2")
+        self.assertEqual(last, "2 rows")
 
     def test_end_of_a_block_beyond_all_times_is_the_last_time(self):
         self.start_limiter(enable=True, limit=1, time=1e300)
@@ -522,15 +574,16 @@ class ravoctl(RavodTest):
         self.assertIn(reason, result.stderr.decode())
         self.assertIn("blocks nobody", result.stderr.decode())
 
-    def test_blocks_are_paged_sorted_and_filtered_by_the_columns_of_the_table(self):
+    def test_blocks_are_sorted_and_filtered_by_their_states_too(self):
         self.start_limiter(enable=True, limit=2, time=5)
         self.fail_login("b", "a", "a", "c", "c", "c")
-        names = [row["username"] for row in self.counters("--order", "limit_count", "--desc")]
-        self.assertEqual(names, ["c", "a", "b"])
-        self.assertEqual([row["state"] for row in self.counters("--filter", "limit_count=3")], ["blocked"])
-        self.assertEqual([row["username"] for row in self.counters("--page", "2", "--per-page", "2")], ["c"])
-        for arguments in (["--order", "state"], ["--filter", "left=1"], ["--order", "nix"]):
-            self.fails(self.ravoctl("blocks", *arguments), 2, arguments[1].split("=")[0])
+        for arguments, names in ((["--sort", "limit_count"], ["b", "a", "c"]), (["-n", "1", "-r"], ["c"]),
+                                 (["--filter", "limit_count=3"], ["c"]), (["--filter", "state=counting"], ["b"]),
+                                 (["--filter", "state=blocked", "-n", "1"], ["c"]), (["--sort", "until", "-n", "2"], ["a", "c"]),
+                                 (["-u", "a"], ["a"])):
+            with self.subTest(arguments=arguments):
+                self.assertEqual([row["username"] for row in self.counters(*arguments)], names)
+        self.fails(self.ravoctl("blocks", "--sort", "nix"), 2, "nix")
 
     def test_any_name_can_be_counted_checked_and_lifted(self):
         self.start_limiter(enable=True, limit=1, time=5)
@@ -556,9 +609,217 @@ class ravoctl(RavodTest):
     def test_wrong_usage_of_blocks_is_not_taken_for_a_block(self):
         for arguments in (["check"], ["check", "a", "b"], ["check", "-a"], ["check", "--nix", "a"],
                           ["chekc", "a"], ["fail"], ["lift"], ["lift", "a", "--all"], ["lift", "--nix"],
-                          ["--page", "0"]):
+                          ["-n", "some"]):
             with self.subTest(arguments=arguments):
                 self.fails(self.ravoctl("blocks", *arguments), 2)
+
+    # --- Sessions ---
+
+    def add_sessions(self):
+        """One that has ended, one that was lost, two that are open; ids 1 to 6. Returns now."""
+        now = int(time.time())
+        for user, source, age, action, uptime, received in (
+                ("alice", "203.0.113.1", 7200, 1, 0, 0), ("bob", "203.0.113.2", 7000, 1, 0, 0),
+                ("alice", "203.0.113.1", 3600, 2, 3600, 5000000), ("bob", "203.0.113.2", 3000, 3, 4000, 7000),
+                ("alice", "203.0.113.1", 600, 1, 0, 0), ("carol", "203.0.113.3", 300, 1, 0, 0)):
+            self.add("sessions", f"username={user}", f"source_ip={source}", f"time={now - age}", f"action={action}",
+                     f"uptime={uptime}", f"rx_total={received}", "vpn_type=4", "vpn_ip=10.8.0.2")
+        return now
+
+    def test_sessions_are_put_together_from_their_rows(self):
+        self.start_ravod()
+        now = self.add_sessions()
+        listed = self.json("sessions")
+        self.assertEqual((listed["schema"], listed["more"], listed["total"]), ("ravoctl.sessions/1", False, None))
+        rows = listed["rows"]
+        self.assertEqual([(row["id"], row["username"], row["state"]) for row in rows],
+                         [(3, "alice", "ended"), (4, "bob", "lost"), (5, "alice", "open"), (6, "carol", "open")])
+        self.assertEqual(rows[0], {"id": 3, "username": "alice", "vpn_type": 4, "source_ip": "203.0.113.1",
+                                   "vpn_ip": "10.8.0.2", "device_info": "", "outgoing": "", "start": now - 7200,
+                                   "end": now - 3600, "duration": 3600, "received": 5000000, "sent": 0,
+                                   "state": "ended"})
+        self.assertEqual((rows[2]["end"], rows[2]["received"]), (None, None))
+        self.assertTrue(600 <= rows[2]["duration"] <= 600 + time.time() - now)
+        lines = self.table("sessions", "--utc")
+        self.assertEqual(lines[0].split(), ["id", "username", "source_ip", "vpn_ip", "start", "duration",
+                                            "received", "sent", "state"])
+        self.assertRegex(lines[1], r"^ 3 +alice .*Z +1:00:00 +5.0 MB +0 B +ended$")
+        self.assertRegex(lines[4], r"^ 6 +carol .*Z +0:05:\d\d +open$")
+        self.assertEqual(lines[5], "4 sessions")
+
+    def test_sessions_are_selected_by_time_user_and_state(self):
+        self.start_ravod()
+        self.add_sessions()
+        for arguments, ids in ((["--open"], [5, 6]), (["--open", "-u", "alice"], [5]), (["-u", "alice"], [3, 5]),
+                               (["-S", "-55min"], [4, 5, 6]), (["-U", "-65min"], [3, 4]),
+                               (["-S", "-1h 10min", "-U", "-55min"], [3, 4]), (["-n", "1"], [6]),
+                               (["-n", "2", "-r"], [6, 5]), (["--filter", "state=lost"], [4]),
+                               (["--sort", "received", "-n", "1"], [3]), (["--source", "203.0.113.3"], [6]),
+                               (["--type", "openvpn", "-n", "all"], [3, 4, 5, 6]), (["--type", "pptp"], [])):
+            with self.subTest(arguments=arguments):
+                self.assertEqual([row["id"] for row in self.json("sessions", *arguments)["rows"]], ids)
+        self.assertEqual(self.table("sessions", "-n", "1")[-1], "the newest 1 session; -n all shows all")
+
+    def test_one_session_is_found_by_any_of_its_rows(self):
+        self.start_ravod()
+        self.add_sessions()
+        for row_id, session_id in ((1, 3), (3, 3), (2, 4), (5, 5)):
+            shown = self.json("sessions", "show", str(row_id))
+            self.assertEqual([row["id"] for row in shown["rows"]], [session_id])
+        self.assertIn("state        lost\n", self.succeed(self.ravoctl("sessions", "show", "2")))
+        self.fails(self.ravoctl("sessions", "show", "7"), 1, "no session", "7")
+        self.fails(self.ravoctl("sessions", "show"), 2, "id")
+
+    def test_top_ranks_users_by_their_bytes(self):
+        self.start_ravod()
+        self.add_sessions()
+        rows = self.json("sessions", "top")["rows"]
+        self.assertEqual([(row["username"], row["sessions"], row["open"], row["total"]) for row in rows],
+                         [("alice", 2, 1, 5000000), ("bob", 1, 0, 7000), ("carol", 1, 1, 0)])
+        self.assertTrue(4200 <= rows[0]["connected"] <= 4300)
+        self.assertNotIn("connected_when", rows[0])
+        lines = self.table("sessions", "top", "-n", "2", "-S", "-2h")
+        self.assertRegex(lines[1], r"^alice +2 +1 +1:10:\d\d +5.0 MB +0 B +5.0 MB  █")
+        self.assertEqual(lines[3], "the 2 users with the largest total; -n all shows all")
+        self.assertEqual([row["username"] for row in self.json("sessions", "top", "--sort", "connected", "-r")["rows"]],
+                         ["carol", "bob", "alice"])
+
+    def follow(self, *words):
+        follower = subprocess.Popen([os.environ["RAVOCTL"], *words, "-f", "-n", "1", "-u", "bob", "-o", "jsonl"],
+                                    stdout=subprocess.PIPE, text=True)
+        self.addCleanup(follower.stdout.close)
+        self.addCleanup(follower.wait)
+        self.addCleanup(follower.kill)
+        return follower.stdout, json.loads(follower.stdout.readline())
+
+    def test_followed_rows_come_as_they_are_recorded(self):
+        self.start_ravod()
+        tables = ("sessions", "outgoing")
+        bob = ["username=bob", "action=2", "uptime=5", "time=now"]
+        for table in tables:
+            self.add(table, *bob)
+        followed = [(*self.follow(*words), member, shown) for words, member, shown in (
+            (ROWS, "action", 2), (["sessions"], "state", "ended"), (["outgoing"], "action", 2))]
+        for table in tables:
+            self.add(table, "username=eve", "action=1", "time=now")
+            self.add(table, *bob)
+        for output, first, member, shown in followed:
+            row = json.loads(output.readline())
+            self.assertEqual((row["id"], row["username"], row[member]), (first["id"] + 2, "bob", shown))
+
+    # --- A terminal ---
+
+    def on_terminal(self, *arguments, **variables):
+        """What it writes to a terminal of 200 columns, and its exit status."""
+        master, slave = os.openpty()
+        environment = {**os.environ, "TERM": "xterm", **variables}
+        with subprocess.Popen([os.environ["RAVOCTL"], *arguments], stdout=slave, stdin=subprocess.DEVNULL,
+                              env=environment) as process:
+            os.close(slave)
+            written = b""
+            try:
+                while chunk := os.read(master, 65536):
+                    written += chunk
+            except OSError:
+                pass  # the other side is closed
+            os.close(master)
+        return written.decode().replace("\r\n", "\n"), process.returncode
+
+    def test_terminal_shows_colours_and_a_pager_unless_told_otherwise(self):
+        self.start_ravod()
+        self.add_sessions()
+        listing = ["sessions", "--open", "-c", "id,state"]
+        plain = self.succeed(self.ravoctl(*listing))
+        self.assertNotIn("\x1b", plain)
+        pager = "cat >/tmp/paged; echo done"
+        for arguments, variables, colour, is_paged in (
+            (listing, {"PAGER": pager}, True, True),
+            (listing, {"PAGER": pager, "NO_COLOR": "1"}, False, True),
+            (listing, {"PAGER": pager, "TERM": "dumb"}, False, True),
+            ([*listing, "--no-pager"], {"PAGER": pager}, True, False),
+            (listing, {"PAGER": ""}, True, False),
+            (listing, {"PAGER": "cat", "NO_COLOR": "1"}, False, False),
+        ):
+            with self.subTest(arguments=arguments, variables=variables):
+                written, status = self.on_terminal(*arguments, **variables)
+                self.assertEqual(status, 0)
+                if is_paged:
+                    self.assertEqual(written, "done\n")
+                    with open("/tmp/paged", encoding="utf-8") as file:
+                        written = file.read()
+                self.assertEqual("\x1b[32mopen\x1b[0m" in written, colour)
+                self.assertEqual(re.sub(r"\x1b\[\d*m", "", written), plain)
+
+    def test_pager_that_is_left_early_is_no_failure(self):
+        self.start_ravod()
+        self.add_sessions()
+        self.assertEqual(self.on_terminal("sessions", "--json", PAGER="exec true")[1], 0)
+
+    # --- The limiter's settings, and everything at a glance ---
+
+    def test_limiter_settings_are_set_kept_and_looked_at(self):
+        vpncaas = self.start_limiter()
+        with open(SETTINGS, "w", encoding="utf-8") as file:
+            json.dump({"more": {"a": 1}, "global": {"other": [1]}}, file)
+        os.chmod(SETTINGS, 0o640)
+        self.assertEqual(self.table("limiter")[0], "limiter  off")
+        for words, expected, text in (
+            (["on", "limit=3", "time=2.5"], (True, 3, 2.5), "on: 3 failed logins block a user for 2.5 minutes"),
+            (["time=1"], (True, 3, 1), "on: 3 failed logins block a user for 1 minute"),
+            (["enable=off"], (False, 3, 1), "off; when it is on, 3 failed logins block a user for 1 minute"),
+            (["enable=true", "limit=1"], (True, 1, 1), "on: 1 failed login blocks a user for 1 minute"),
+        ):
+            with self.subTest(words=words):
+                self.assertEqual(self.table("limiter", "set", *words)[0], "limiter  " + text)
+                self.assertEqual(self.table("limiter", "show"), ["limiter  " + text, "file     " + SETTINGS])
+                shown = self.json("limiter")
+                self.assertEqual(shown.pop("schema"), "ravoctl.limiter/1")
+                self.assertEqual(shown, dict(zip(("enable", "limit", "time"), expected)))
+                with open(SETTINGS, encoding="utf-8") as file:
+                    self.assertEqual(json.load(file), {"more": {"a": 1}, "global": {"other": [1], **shown}})
+        self.assertEqual(os.stat(SETTINGS).st_mode & 0o777, 0o640)
+        vpncaas.stop()
+        self.fails(self.ravoctl("limiter"), 3, "vpncaas")
+        self.fails(self.ravoctl("limiter", "set", "off"), 5, SETTINGS, "blocks nobody", "vpncaas")
+
+    def test_limiter_settings_that_would_do_harm_are_refused(self):
+        self.start_limiter(enable=False)
+        for words, *expected in (([], "settings"), (["limit=0"], "limit", "1 to"), (["limit=1.5"], "limit"),
+                                 (["time=0"], "time"), (["time=nan"], "time"), (["enable=1"], "enable"), (["nix"], "nix"),
+                                 (["on"], "limit=FAILURES"), ([b"\x1b=1"], r"\x1B")):
+            with self.subTest(words=words):
+                self.fails(self.ravoctl("limiter", "set", *words), 2, *expected)
+        with open(SETTINGS, encoding="utf-8") as file:
+            self.assertEqual(json.load(file), {"global": {"enable": False}})
+        with open(SETTINGS, "w", encoding="utf-8") as file:
+            file.write("[")
+        self.fails(self.ravoctl("limiter", "set", "off"), 7, "damaged", "nothing was changed")
+        self.fails(self.ravoctl("limiter"), 8, "could not read")
+
+    def test_status_tells_everything_at_a_glance(self):
+        self.start_limiter(enable=True, limit=2, time=5)
+        self.add_sessions()
+        self.add("servers", "username=a")
+        self.fail_login("mallory", "mallory", "eve")
+        shown = self.json("status")
+        logins = shown.pop("logins_by_hour")
+        self.assertEqual((len(logins), sum(logins), logins[-1] >= 2), (24, 4, True))
+        self.assertEqual(shown, {
+            "schema": "ravoctl.status/1", "rows": {"sessions": 6, "outgoing": 0, "servers": 1, "devices": 0, "blocks": 2},
+            "open_sessions": 2, "blocked_users": 1, "limiter": {"enable": True, "limit": 2, "time": 5}})
+        lines = self.table("status")
+        for line in ("sessions   6 rows, 2 open now", "servers    1 row", "blocks     2 rows, 1 blocked now",
+                     "limiter    on: 2 failed logins block a user for 5 minutes", "endpoint   " + ENDPOINT):
+            self.assertIn(line, lines)
+        self.assertRegex("\n".join(lines), r"logins     4 in the last 24 hours  ·{21}[·▁-█]{2}█\n")
+
+    def test_status_without_settings_or_daemon_says_so(self):
+        self.fails(self.ravoctl("status"), 3, "not reachable")
+        self.start_ravod()
+        lines = self.table("status")
+        self.assertIn("blocks     0 rows", lines)
+        self.assertTrue([line for line in lines if line.startswith("limiter    not known, so nobody is blocked: vpncaas")])
+        self.assertIsNone(self.json("status")["blocked_users"])
 
     # --- Calling by hand ---
 

@@ -36,7 +36,7 @@ int64_t end_of_block(uint64_t timestamp, uint64_t block_seconds) {
 void set_times(block_row& row, const block_settings& settings, time_t now) {
     const bool lasts = still_blocks(settings, row.stored.timestamp, now);
     const int64_t end = end_of_block(row.stored.timestamp, settings.block_seconds);
-    set_state(row.state, lasts ? "blocked" : "run out");
+    set_state(row.state, lasts ? blocked_state : "run out");
     row.until = static_cast<uint64_t>(end);
     row.left = lasts ? static_cast<uint64_t>(std::max<int64_t>(end - now, 0)) : 0;
 }
@@ -97,31 +97,24 @@ exit_status lift_all() {
 
 constexpr char user_help[] = "User name; put -- before one that begins with -";
 
-void declare_user_command(command_line& line, CLI::App& blocks, const char* name, const char* help,
-                          exit_status (*run)(const std::string& user)) {
+void declare_user_command(command_line& line, cli_command blocks, const char* name,
+                          const char* help, exit_status (*run)(const std::string& user)) {
     const auto user = std::make_shared<std::string>();
-    CLI::App* command = blocks.add_subcommand(name, help);
-    command->add_option("user", *user, user_help)->required();
+    const cli_command command = blocks.add_subcommand(name, help);
+    command.add_option("user", *user, user_help).required();
     line.runs(command, [user, run] { return run(*user); });
 }
 
-// The users are taken from the option as they were typed. Their number has an end, because CLI11
-// would split a name such as "[a,b]" if it had none.
-void declare_lift(command_line& line, CLI::App& blocks) {
-    constexpr int most_users = 1 << 30;
+void declare_lift(command_line& line, cli_command blocks) {
     const auto for_all = std::make_shared<bool>(false);
-    CLI::App* lift =
+    const cli_command lift =
         blocks.add_subcommand("lift", "Forget users' failures, and so lift their blocks");
-    auto* all = lift->add_flag("--all", *for_all, "Forget everybody's");
-    auto* users = lift->add_option("users", user_help)
-                      ->expected(most_users)
-                      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-                      ->option_text("TEXT ...")
-                      ->excludes(all);
+    const cli_option all = lift.add_flag("--all", *for_all, "Forget everybody's");
+    const cli_option users = lift.add_words("users", user_help).excludes(all);
     line.runs(lift, [for_all, users] {
         if (*for_all) return lift_all();
-        if (users->count() == 0) throw usage_error("lift: name users, or give --all");
-        return lift_users(users->results());
+        if (users.words().empty()) throw usage_error("lift: name users, or give --all");
+        return lift_users(users.words());
     });
 }
 
@@ -144,11 +137,11 @@ page with_states(page counters) {
 
 // A user may be called like a subcommand, which CLI11 respects where only one of them can be given.
 void declare_blocks(command_line& line) {
-    CLI::App& blocks = *declare_records(line, kind_of(blocks_command));
+    const cli_command blocks = declare_records(line, kind_of(blocks_command));
     blocks.require_subcommand(0, 1);
     declare_user_command(line, blocks, "check",
                          "Tell, by the exit status, too, whether a user is blocked", check_user);
     declare_user_command(line, blocks, "fail", "Count one failed login of a user", count_failure);
     declare_lift(line, blocks);
-    for (CLI::App* command : blocks.get_subcommands({})) command->footer("");
+    for (cli_command command : blocks.subcommands()) command.footer("");
 }

@@ -5,6 +5,7 @@
 #include "records.h"
 
 inline constexpr char blocks_command[] = "blocks";
+inline constexpr char blocked_state[] = "blocked";
 
 // A counter as it is listed: the daemon's record, and what the settings make of it now.
 struct block_row {

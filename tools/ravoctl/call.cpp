@@ -127,15 +127,17 @@ exit_status call_method(const call_request& request) {
 
 // --- The command line ---------------------------------------------------------------------------
 
-void declare_payload_options(CLI::App& app, call_request& request) {
-    auto* text = app.add_option("--text", request.text, "Send these characters")->type_name("TEXT");
-    auto* hex = app.add_option("--hex", request.hex, "Send the bytes that these digits tell")
-                    ->type_name("DIGITS");
+void declare_payload_options(cli_command app, call_request& request) {
+    const cli_option text =
+        app.add_option("--text", request.text, "Send these characters").type_name("TEXT");
+    const cli_option hex =
+        app.add_option("--hex", request.hex, "Send the bytes that these digits tell")
+            .type_name("DIGITS");
     app.add_option("--file", request.file, "Send a file's content; - is standard input")
-        ->type_name("PATH")
-        ->excludes(text)
-        ->excludes(hex);
-    hex->excludes(text);
+        .type_name("PATH")
+        .excludes(text)
+        .excludes(hex);
+    hex.excludes(text);
 }
 
 }  // namespace
@@ -143,16 +145,16 @@ void declare_payload_options(CLI::App& app, call_request& request) {
 void declare_call(command_line& line) {
     constexpr int longest_timeout = 86400;
     const auto request = std::make_shared<call_request>();
-    CLI::App* call = line.app.add_subcommand("call", "Call a method and print its reply");
-    call->add_option("method", request->method, "Name of the method")->required();
-    call->add_option("--endpoint", request->endpoint, "Address, or name of a registered service")
-        ->type_name("ADDRESS")
-        ->capture_default_str();
-    call->add_option("--timeout", request->timeout_s, "Seconds to wait without progress")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(1, longest_timeout))
-        ->capture_default_str();
-    declare_payload_options(*call, *request);
-    call->add_flag("--raw", request->raw, "Print the reply byte for byte");
+    const cli_command call = line.add_subcommand("call", "Call a method and print its reply");
+    call.add_option("method", request->method, "Name of the method").required();
+    call.add_option("--endpoint", request->endpoint, "Address, or name of a registered service")
+        .type_name("ADDRESS")
+        .shows_default();
+    call.add_option("--timeout", request->timeout_s, "Seconds to wait without progress")
+        .type_name("SECONDS")
+        .between(1, longest_timeout)
+        .shows_default();
+    declare_payload_options(call, *request);
+    call.add_flag("--raw", request->raw, "Print the reply byte for byte");
     line.runs(call, [request] { return call_method(*request); });
 }

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -191,10 +192,8 @@ exit_status answer_completion(const CLI::App& app, std::span<char* const> words)
 
 void declare_completion(command_line& line) {
     const auto shell = std::make_shared<std::string>();
-    CLI::App* completion =
-        line.app.add_subcommand("completion", "Print the script that completes ravoctl in a shell");
-    completion->add_option("shell", *shell, "The shell")
-        ->required()
-        ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+    const cli_command completion =
+        line.add_subcommand("completion", "Print the script that completes ravoctl in a shell");
+    completion.add_option("shell", *shell, "The shell").required().one_of({"bash", "zsh", "fish"});
     line.runs(completion, [shell] { return print_script(*shell); });
 }

@@ -25,7 +25,6 @@
 
 #include "bus.h"
 #include "database_examination.h"
-#include "list.h"
 #include "output.h"
 #include "pages.h"
 #include "ravo_log.h"
@@ -87,12 +86,12 @@ bool check_daemon(findings& found) {
 }
 
 void check_table(findings& found, const record_kind& kind) {
-    constexpr uint64_t nearly_full = largest_page * 95 / 100;
+    constexpr uint64_t nearly_full = most_rows * 95 / 100;
     try {
         const uint64_t rows = count_rows(kind);
         const std::string what = fmt::format("{}: {} rows", kind.command, rows);
         if (rows < nearly_full) return found.ok(what);
-        found.warn(fmt::format("{}; above {} the oldest go", what, largest_page),
+        found.warn(fmt::format("{}; above {} the oldest go", what, most_rows),
                    fmt::format("ravoctl export {}; ravoctl prune", kind.command));
     } catch (const failure& error) {
         found.fail(fmt::format("{}: {}", kind.command, error.what()),
@@ -282,7 +281,7 @@ void check_spool(findings& found) {
 void check_newest_row(findings& found) {
     constexpr uint64_t slack = 60;  // seconds
     const auto now = static_cast<uint64_t>(std::max<time_t>(time(nullptr), 0));
-    for_each_row(
+    (void)for_each_row(
         record_kinds().front(), {},
         [&found, now](const char* row) {
             db_conn_server_log stored;
@@ -348,7 +347,7 @@ void print_object(const findings& found) {
         if (json_array_append_new(lines.get(), line) != 0) throw std::bad_alloc();
     }
     const json_ptr object(
-        json_pack("{s:s, s:O}", "schema", "ravoctl.doctor/1", "findings", lines.get()));
+        json_pack("{s:s, s:O}", "schema", schema_name("doctor").c_str(), "findings", lines.get()));
     if (object == nullptr) throw std::bad_alloc();
     dump_to_stdout(object.get());
     fmt::print("\n");
@@ -369,10 +368,10 @@ exit_status run_doctor(const std::string& format) {
 
 void declare_doctor(command_line& line) {
     const auto format = std::make_shared<std::string>("table");
-    CLI::App* doctor = line.app.add_subcommand(
+    const cli_command doctor = line.add_subcommand(
         "doctor", "Look for what keeps ravod from its work, and tell what helps");
-    doctor->add_option("-o,--output", *format, "How to print it")
-        ->check(CLI::IsMember({"table", "json"}))
-        ->capture_default_str();
+    doctor.add_option("-o,--output", *format, "How to print it")
+        .one_of({"table", "json"})
+        .shows_default();
     line.runs(doctor, [format] { return run_doctor(*format); });
 }

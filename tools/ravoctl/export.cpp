@@ -86,9 +86,9 @@ std::vector<std::string> names_of_kinds() {
 std::vector<stored_row> read_stored_rows(const record_kind& kind) {
     std::vector<stored_row> rows;
     progress shown_progress(kind.command, count_rows(kind));
-    for_each_row(kind, {}, [&](const char* row) {
-        const int64_t id = std::get<int64_t>(read_value(kind.fields[0], row));
-        rows.push_back({id, time_of(kind, row), summary_of(kind, row), export_row(kind, row)});
+    (void)for_each_row(kind, {}, [&](const char* row) {
+        rows.push_back(
+            {id_of(kind, row), time_of(kind, row), summary_of(kind, row), export_row(kind, row)});
         shown_progress.step();
         return true;
     });
@@ -112,11 +112,11 @@ std::string save_rows(const record_kind& kind, const std::vector<stored_row>& ro
 
 void declare_export(command_line& line) {
     const auto request = std::make_shared<export_request>();
-    CLI::App* command = line.app.add_subcommand("export", "Write all rows as lines of JSON");
-    command->add_option("tables", request->kinds, "Tables to write; all if none is given")
-        ->check(CLI::IsMember(names_of_kinds()));
-    command->add_option("--output", request->file, "File to write; - is standard output")
-        ->type_name("FILE")
-        ->capture_default_str();
+    const cli_command command = line.add_subcommand("export", "Write all rows as lines of JSON");
+    command.add_option("tables", request->kinds, "Tables to write; all if none is given")
+        .one_of(names_of_kinds());
+    command.add_option("--output", request->file, "File to write; - is standard output")
+        .type_name("FILE")
+        .shows_default();
     line.runs(command, [request] { return write_export(*request); });
 }

@@ -117,7 +117,9 @@ std::string export_head(int64_t now) {
 }
 
 std::string export_row(const record_kind& kind, const char* row) {
-    const json_ptr object = row_to_json(kind, row);
+    row_values values;
+    for (const field& f : kind.fields) values.push_back(read_value(f, row));
+    const json_ptr object = to_object(kind.fields, values);
     if (json_object_set_new(object.get(), "kind", json_string(kind.command)) != 0) {
         throw std::bad_alloc();
     }

@@ -3,23 +3,29 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <ctime>
 #include <limits>
 #include <optional>
+#include <span>
 
 #include "failure.h"
 #include "text.h"
+#include "time_words.h"
 
 namespace {
-
-constexpr char time_format[] = "%Y-%m-%dT%H:%M:%SZ";
 
 // The database keeps signed numbers of 64 bits. A larger one would be rounded when it is stored, so
 // the upper half of an unsigned field's range is left out.
 constexpr uint64_t largest_unsigned = std::numeric_limits<int64_t>::max();
+
+struct named_number {
+    const char* name;
+    int64_t number;
+};
 
 struct limits {
     int64_t smallest;
@@ -55,33 +61,45 @@ std::optional<int64_t> to_number(const std::string& text) {
 }
 
 // Years below 1000 and above 9999 do not have four digits, so they are no ISO 8601.
-std::optional<std::string> to_iso_time(int64_t seconds) {
+std::optional<std::string> to_iso_time(int64_t seconds, bool is_utc) {
     const time_t time = seconds;
     tm fields = {};
-    if (gmtime_r(&time, &fields) == nullptr) return std::nullopt;
+    if ((is_utc ? gmtime_r : localtime_r)(&time, &fields) == nullptr) return std::nullopt;
     if (fields.tm_year + 1900 < 1000 || fields.tm_year + 1900 > 9999) return std::nullopt;
     char text[32];
-    return std::string(text, strftime(text, sizeof text, time_format, &fields));
-}
-
-std::optional<int64_t> from_iso_time(const std::string& text) {
-    tm fields = {};
-    const char* end = strptime(text.c_str(), time_format, &fields);
-    if (end == nullptr || *end != '\0') return std::nullopt;
-    const int64_t seconds = timegm(&fields);
-    // A day that does not exist, such as February 30, would have become another one.
-    if (to_iso_time(seconds) != text) return std::nullopt;
-    return seconds;
+    const std::string_view iso(text,
+                               strftime(text, sizeof text, is_utc ? "%FT%TZ" : "%FT%T%z", &fields));
+    if (is_utc) return std::string(iso);
+    const size_t minutes = iso.size() - 2;  // of the offset
+    return fmt::format("{}:{}", iso.substr(0, minutes), iso.substr(minutes));
 }
 
 std::optional<int64_t> to_seconds(const std::string& text) {
-    if (text == "now") return time(nullptr);
     if (const auto seconds = to_number(text)) return seconds;
-    return from_iso_time(text);
+    return parse_time_words(text, time(nullptr));
+}
+
+// The client's types are the server's, eight bits up.
+constexpr named_number vpn_types[] = {{"pptp", 1},       {"l2tp", 2},     {"openvpn", 4},
+                                      {"tessel", 8},     {"pptp", 256},   {"l2tp", 512},
+                                      {"openvpn", 1024}, {"tessel", 2048}};
+constexpr named_number actions[] = {{"connected", 1}, {"disconnected", 2}, {"lost", 3}};
+
+std::span<const named_number> known_names(meaning is) {
+    if (is == meaning::vpn_type) return vpn_types;
+    if (is == meaning::action) return actions;
+    return {};
+}
+
+std::optional<int64_t> to_named_number(const field& f, const std::string& text) {
+    for (const auto& [name, number] : known_names(f.is)) {
+        if (text == name) return number;
+    }
+    return to_number(text);
 }
 
 int64_t parse_number(const field& f, const std::string& text) {
-    const auto number = f.is == meaning::time ? to_seconds(text) : to_number(text);
+    const auto number = f.is == meaning::time ? to_seconds(text) : to_named_number(f, text);
     const limits range = limits_of(f.kind);
     if (!number || *number < range.smallest || *number > range.largest) {
         refuse(f, fmt::format("\"{}\" does not fit", escaped(text)));
@@ -160,11 +178,30 @@ std::string plain_text(const value& v) {
     return fmt::format("{}", std::get<uint64_t>(v));
 }
 
-std::string cell_text(const field& f, const value& v) {
-    const auto* number = std::get_if<uint64_t>(&v);
-    if (number != nullptr && f.is == meaning::duration) return to_hours(*number);
-    if (number != nullptr && f.is == meaning::time && *number <= largest_unsigned) {
-        if (auto text = to_iso_time(static_cast<int64_t>(*number))) return *text;
+std::string bytes_text(double bytes) {
+    static constexpr std::array units = {"B", "kB", "MB", "GB", "TB", "PB", "EB"};
+    size_t unit = 0;
+    while (bytes >= 999.5 && unit + 1 < units.size()) {
+        bytes /= 1000;
+        ++unit;
+    }
+    return fmt::format("{:.{}f} {}", bytes, unit == 0 || bytes >= 99.5 ? 0 : 1, units[unit]);
+}
+
+std::string cell_text(const field& f, const value& v, const cell_style& style) {
+    if (const auto* number = std::get_if<uint64_t>(&v)) {
+        if (f.is == meaning::duration) return to_hours(*number);
+        if (f.is == meaning::time && *number <= largest_unsigned) {
+            if (auto text = to_iso_time(static_cast<int64_t>(*number), style.is_utc)) return *text;
+        }
+    }
+    if (const auto* number = std::get_if<int64_t>(&v)) {
+        if (f.is == meaning::bytes && !style.is_exact && *number >= 0) {
+            return bytes_text(static_cast<double>(*number));
+        }
+        for (const auto& [name, named] : known_names(f.is)) {
+            if (*number == named) return name;
+        }
     }
     return escaped(plain_text(v));
 }
@@ -175,8 +212,17 @@ std::string description(const field& f) {
     const limits range = limits_of(f.kind);
     const std::string numbers = fmt::format("{} to {}", range.smallest, range.largest);
     if (f.is == meaning::time) {
-        return fmt::format("seconds since the epoch, {}, or 2026-11-21T01:00:58Z, or \"now\"",
-                           numbers);
+        return fmt::format("seconds since the epoch, {}; {}", numbers, time_words_help);
     }
+    if (f.is == meaning::vpn_type)
+        return fmt::format("pptp, l2tp, openvpn, tessel or a number, {}", numbers);
+    if (f.is == meaning::action)
+        return fmt::format("connected, disconnected, lost or a number, {}", numbers);
     return fmt::format("a whole number, {}", numbers);
+}
+
+std::string names_of(std::span<const field> fields) {
+    std::string names;
+    for (const field& f : fields) names += (names.empty() ? "" : ", ") + std::string(f.name);
+    return names;
 }

@@ -415,33 +415,34 @@ exit_status drop_gateway(const connection_words& words) {
 
 // --- The command line ---------------------------------------------------------------------------
 
-CLI::App* declare_set(command_line& line, CLI::App& gateway) {
+cli_command declare_set(command_line& line, cli_command gateway) {
     const auto request = std::make_shared<gateway_request>();
-    CLI::App* set = gateway.add_subcommand("set", "Make a VPN connection the default gateway");
-    set->add_option("gateway", request->gateway, "Type and index, or \"none\"")
-        ->expected(1, 2)
-        ->option_text("TYPE INDEX | none REQUIRED")
-        ->required();
-    set->add_option("--backup", request->backup, "The connection that stands in for it")
-        ->expected(2)
-        ->type_name("TYPE INDEX");
-    set->add_option("--delay", request->delay,
-                    "How long the backup goes on when the gateway is back: never, 0, 1, 5 or 10; "
-                    "0 if not given")
-        ->type_name("CODE");
-    set->add_flag("--reset", request->reset, "Begin a damaged options file anew");
+    const cli_command set =
+        gateway.add_subcommand("set", "Make a VPN connection the default gateway");
+    set.add_option("gateway", request->gateway, "Type and index, or \"none\"")
+        .expected(1, 2)
+        .option_text("TYPE INDEX | none REQUIRED")
+        .required();
+    set.add_option("--backup", request->backup, "The connection that stands in for it")
+        .expected(2, 2)
+        .type_name("TYPE INDEX");
+    set.add_option("--delay", request->delay,
+                   "How long the backup goes on when the gateway is back: never, 0, 1, 5 or 10; "
+                   "0 if not given")
+        .type_name("CODE");
+    set.add_flag("--reset", request->reset, "Begin a damaged options file anew");
     line.runs(set, [request] { return set_gateway(*request); });
     return set;
 }
 
-CLI::App* declare_drop(command_line& line, CLI::App& gateway) {
+cli_command declare_drop(command_line& line, cli_command gateway) {
     const auto gone = std::make_shared<connection_words>();
-    CLI::App* drop =
+    const cli_command drop =
         gateway.add_subcommand("drop", "Take a connection out; the backup takes a gateway's place");
-    drop->add_option("connection", *gone, "Type and index")
-        ->expected(2)
-        ->option_text("TYPE INDEX REQUIRED")
-        ->required();
+    drop.add_option("connection", *gone, "Type and index")
+        .expected(2, 2)
+        .option_text("TYPE INDEX REQUIRED")
+        .required();
     line.runs(drop, [gone] { return drop_gateway(*gone); });
     return drop;
 }
@@ -451,17 +452,17 @@ CLI::App* declare_drop(command_line& line, CLI::App& gateway) {
 void declare_gateway(command_line& line) {
     constexpr char json_help[] = "Print a JSON object";
     const auto as_json = std::make_shared<bool>(false);
-    CLI::App* gateway = line.app.add_subcommand("gateway", "Show or set the default gateway");
-    gateway->require_subcommand(0, 1);
-    auto* json = gateway->add_flag("--json", *as_json, json_help);
-    CLI::App* show = gateway->add_subcommand("show", "Show it, as without a subcommand");
-    show->add_flag("--json", *as_json, json_help);
-    for (const CLI::App* command : {gateway, show}) {
+    const cli_command gateway = line.add_subcommand("gateway", "Show or set the default gateway");
+    gateway.require_subcommand(0, 1);
+    const cli_option json = gateway.add_flag("--json", *as_json, json_help);
+    const cli_command show = gateway.add_subcommand("show", "Show it, as without a subcommand");
+    show.add_flag("--json", *as_json, json_help);
+    for (const cli_command command : {gateway, show}) {
         line.runs(command, [as_json] { return show_gateway(*as_json); });
     }
     const std::string words = "Types, and their indexes: " + gateway_words_help() + "\n";
-    for (CLI::App* command : {declare_set(line, *gateway), declare_drop(line, *gateway)}) {
-        command->footer(words);
-        command->excludes(json);
+    for (cli_command command : {declare_set(line, gateway), declare_drop(line, gateway)}) {
+        command.footer(words);
+        command.excludes(json);
     }
 }

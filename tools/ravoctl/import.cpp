@@ -15,14 +15,11 @@
 
 #include "bus.h"
 #include "export_lines.h"
-#include "list.h"
 #include "pages.h"
 #include "progress.h"
 #include "text.h"
 
 namespace {
-
-constexpr uint64_t most_rows = largest_page;  // above it the daemon counts no more
 
 struct import_request {
     std::string file;
@@ -139,8 +136,8 @@ exit_status import_rows(const import_request& request) {
 
 void declare_import(command_line& line) {
     const auto request = std::make_shared<import_request>();
-    CLI::App* command = line.app.add_subcommand("import", "Record the rows of an export again");
-    command->add_option("file", request->file, "The export")->type_name("FILE")->required();
-    command->add_flag("--force", request->force, "Also when a table would get too large");
+    const cli_command command = line.add_subcommand("import", "Record the rows of an export again");
+    command.add_option("file", request->file, "The export").type_name("FILE").required();
+    command.add_flag("--force", request->force, "Also when a table would get too large");
     line.runs(command, [request] { return import_rows(*request); });
 }

@@ -9,48 +9,23 @@
 #include <string>
 #include <vector>
 
-#include "blocks.h"
 #include "bus.h"
 #include "output.h"
 #include "pages.h"
 #include "removal.h"
+#include "terminal.h"
 #include "text.h"
 
 namespace {
 
-// What the user asked for; rows are counted from 0, pages from 1.
-struct list_request {
-    std::string filter;  // "FIELD=VALUE", or empty
-    std::string order = "id";
-    bool descending = false;
-    int64_t page_number = 1;
-    int64_t per_page = default_page;
-    int64_t start = -1;  // -1: by page
-    int64_t count = default_page;
-    bool as_json = false;
-    bool wide = false;
-};
+// --- Adding -------------------------------------------------------------------------------------
 
-// --- What the user wrote ------------------------------------------------------------------------
-
-std::string names_of(std::span<const field> fields) {
-    std::string names;
-    for (const field& f : fields) names += (names.empty() ? "" : ", ") + std::string(f.name);
-    return names;
-}
-
-size_t index_of(const record_kind& kind, const std::string& name) {
+const field& field_of(const record_kind& kind, const std::string& name) {
     const auto named = [&name](const field& f) { return name == f.name; };
     const auto found = std::find_if(kind.fields.begin(), kind.fields.end(), named);
-    if (found == kind.fields.end()) {
-        throw usage_error(fmt::format("{} has no field \"{}\"; its fields are {}", kind.command,
-                                      escaped(name), names_of(kind.fields)));
-    }
-    if (found->from == origin::computed) {
-        throw usage_error(
-            fmt::format("{}: {} are neither sorted nor filtered by it", found->name, kind.command));
-    }
-    return static_cast<size_t>(found - kind.fields.begin());
+    if (found != kind.fields.end()) return *found;
+    throw usage_error(fmt::format("{} has no field \"{}\"; its fields are {}", kind.command,
+                                  escaped(name), names_of(kind.fields)));
 }
 
 struct assignment {
@@ -63,14 +38,14 @@ assignment parse_assignment(const record_kind& kind, const std::string& word) {
     if (equals == std::string::npos) {
         throw usage_error(fmt::format("\"{}\" is not of the form FIELD=VALUE", escaped(word)));
     }
-    const field& target = kind.fields[index_of(kind, word.substr(0, equals))];
+    const field& target = field_of(kind, word.substr(0, equals));
     return {target, parse_value(target, word.substr(equals + 1))};
 }
 
 void check_required(const record_kind& kind, const std::vector<char>& record) {
     const char* name = kind.adder.required;
     if (name == nullptr) return;
-    const value content = read_value(kind.fields[index_of(kind, name)], record.data());
+    const value content = read_value(field_of(kind, name), record.data());
     if (!plain_text(content).empty()) return;
     throw usage_error(fmt::format("{}: a {} needs one", name, kind.singular));
 }
@@ -81,47 +56,6 @@ void print_answer(const record_kind& kind, const std::string& answer) {
             fmt::format("ravod could not store the {}; its log file tells why", kind.singular));
     }
     fmt::print("{}\n", escaped(answer));
-}
-
-// --- The query ----------------------------------------------------------------------------------
-
-row_filter parse_filter(const record_kind& kind, const std::string& filter) {
-    if (filter.empty()) return {};
-    const assignment wanted = parse_assignment(kind, filter);
-    const std::string text = plain_text(wanted.content);
-    // The daemon takes an empty value for no filter at all and would list everything.
-    if (text.empty()) {
-        throw usage_error(
-            fmt::format("{}: rows cannot be filtered by an empty text", wanted.target.name));
-    }
-    return {wanted.target.name, text};
-}
-
-db_query_cond make_query(const record_kind& kind, const list_request& request) {
-    db_query_cond cond = to_query(parse_filter(kind, request.filter));
-    const bool by_page = request.start < 0;
-    cond.start = by_page ? (request.page_number - 1) * request.per_page : request.start;
-    cond.count = by_page ? request.per_page : request.count;
-    cond.order_by = static_cast<int64_t>(index_of(kind, request.order));
-    cond.order_style = request.descending ? 1 : 0;
-    return cond;
-}
-
-// Reads one page and prints it on standard output. Throws usage_error for a field that the records
-// do not have and for a value that cannot be one of the field's.
-exit_status list_records(const record_kind& kind, const list_request& request) {
-    const db_query_cond cond = make_query(kind, request);
-    const page result = kind.list(cond);
-    check_read(result);
-    const listing shown_rows = {kind, result, static_cast<uint64_t>(cond.start),
-                                !request.filter.empty()};
-    if (request.as_json) {
-        print_json(shown_rows);
-    } else {
-        print_table(shown_rows, request.wide);
-    }
-    check_counted(result);
-    return done;
 }
 
 // Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Prints what
@@ -157,65 +91,137 @@ std::string field_help(const record_kind& kind, bool settable_only) {
     return help;
 }
 
-void declare_page_options(CLI::App& app, list_request& request) {
-    constexpr int64_t last_page = 1'000'000'000;
-    auto* page = app.add_option("--page", request.page_number, "Page to show, from 1")
-                     ->type_name("N")
-                     ->check(CLI::Range(int64_t{1}, last_page));
-    auto* per_page = app.add_option("--per-page", request.per_page, "Rows on a page")
-                         ->type_name("N")
-                         ->check(CLI::Range(int64_t{1}, largest_page))
-                         ->capture_default_str();
-    auto* start = app.add_option("--start", request.start, "Rows to skip, instead of --page")
-                      ->type_name("N")
-                      ->check(CLI::Range(int64_t{0}, largest_page))
-                      ->excludes(page)
-                      ->excludes(per_page);
-    app.add_option("--count", request.count, "Rows to show, with --start")
-        ->type_name("N")
-        ->check(CLI::Range(int64_t{0}, largest_page))
-        ->capture_default_str()
-        ->needs(start);
+// --- Listing ------------------------------------------------------------------------------------
+
+row_values values_of(const record_kind& kind, const char* row) {
+    row_values values;
+    for (const field& f : kind.fields) values.push_back(read_value(f, row));
+    return values;
 }
 
-void declare_list_options(CLI::App& app, list_request& request) {
-    app.add_option("--filter", request.filter, "Only rows with this value in this field")
-        ->type_name("FIELD=VALUE");
-    app.add_option("--order", request.order, "Field to sort by")
-        ->type_name("FIELD")
-        ->capture_default_str();
-    app.add_flag("--desc", request.descending, "Largest first");
-    declare_page_options(app, request);
-    auto* json = app.add_flag("--json", request.as_json, "Print a JSON object instead of a table");
-    app.add_flag("--wide", request.wide, "All fields, and texts in full length")->excludes(json);
+// How a selection's rows are best read.
+struct reading {
+    row_filter filter;
+    uint64_t most;  // matching rows that are enough
+    int64_t rows_on_page;
+};
+
+// In the order of the result the first rows are enough, one more than wanted to know whether there
+// are more. Since a time, it is the order of times that tells where to stop.
+reading plan(const record_kind& kind, const selection& wanted) {
+    reading how = {wanted.server_filter(), UINT64_MAX, page_rows};
+    const bool is_by_time = wanted.span().since.has_value();
+    if (is_by_time) {
+        how.filter.order_by = wanted.begin_field();
+    } else if (kind.fields[wanted.sort_field()].from != origin::computed) {
+        how.filter.order_by = wanted.sort_field();
+    }
+    const bool is_in_order =
+        how.filter.order_by == wanted.sort_field() || (is_by_time && wanted.is_in_usual_order());
+    if (is_in_order && wanted.count()) how.most = *wanted.count() + 1;
+    if (wanted.is_all_for_server()) {
+        how.rows_on_page = static_cast<int64_t>(std::min<uint64_t>(how.most, page_rows));
+    }
+    return how;
 }
 
-void declare_adder(command_line& line, CLI::App& list, const record_kind& kind) {
-    const auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App* add =
-        list.add_subcommand(kind.adder.command, fmt::format("Record one {}", kind.singular));
-    add->add_option("fields", *words, "The fields that are not to be empty or 0")
-        ->type_name("FIELD=VALUE")
-        ->required();
-    add->footer(field_help(kind, true));
-    line.runs(add, [&kind, words] { return add_record(kind, *words); });
+row_list read_list(const record_kind& kind, const selection& wanted) {
+    const reading how = plan(kind, wanted);
+    const field& begin = kind.fields[wanted.begin_field()];
+    const auto is_too_old = [&](const char* row) {
+        const auto since = wanted.span().since;
+        return since && std::get<uint64_t>(read_value(begin, row)) < static_cast<uint64_t>(*since);
+    };
+    std::vector<row_values> rows;
+    const auto take = [&](const char* row) {
+        if (is_too_old(row)) return false;
+        row_values values = values_of(kind, row);
+        if (wanted.matches(values)) rows.push_back(std::move(values));
+        return rows.size() < how.most;
+    };
+    const uint64_t total = for_each_row(kind, how.filter, take, how.rows_on_page);
+    row_list list = wanted.arrange(std::move(rows));
+    list.total = total;
+    return list;
 }
+
+[[noreturn]] void follow(const record_kind& kind, const selection& wanted, uint32_t last_id,
+                         row_printer& printer) {
+    (void)fflush(stdout);
+    follow_rows(kind, wanted.server_filter(), last_id, [&](const std::vector<const char*>& rows) {
+        std::vector<row_values> matching;
+        for (const char* row : rows) {
+            row_values values = values_of(kind, row);
+            if (wanted.matches(values)) matching.push_back(std::move(values));
+        }
+        printer.print_more(matching);
+    });
+}
+
+// --- The command line ---------------------------------------------------------------------------
 
 }  // namespace
 
-CLI::App* declare_records(command_line& line, const record_kind& kind) {
+void declare_adder(command_line& line, cli_command list, const record_kind& kind) {
+    const auto words = std::make_shared<std::vector<std::string>>();
+    const cli_command add =
+        list.add_subcommand(kind.adder.command, fmt::format("Record one {}", kind.singular));
+    add.add_option("fields", *words, "The fields that are not to be empty or 0")
+        .type_name("FIELD=VALUE")
+        .required();
+    add.footer(field_help(kind, true));
+    line.runs(add, [&kind, words] { return add_record(kind, *words); });
+}
+
+void declare_list_options(cli_command app, list_request& request, const record_kind& kind) {
+    declare_selection_options(app, request.which, kind.by);
+    declare_output_options(app, request.output);
+    if (kind.is_log) {
+        app.add_flag("-f,--follow", request.follow,
+                     "Go on with further ones as they are recorded, until interrupted");
+    }
+}
+
+void check_followed(const list_request& request) {
+    if (!request.follow) return;
+    if (request.output.format == output_format::json) {
+        throw usage_error("-f: one JSON object has an end; follow with -o jsonl");
+    }
+    if (request.which.reverse) throw usage_error("-f: what is followed comes the newest last");
+    disable_pager();
+}
+
+uint32_t last_listed(uint32_t newest, const row_list& list) {
+    for (const row_values& row : list.rows) {
+        newest = std::max(newest, static_cast<uint32_t>(std::get<int64_t>(row.front())));
+    }
+    return newest;
+}
+
+exit_status list_records(const record_kind& kind, const list_request& request, const char* name) {
+    check_followed(request);
+    const selection wanted(request.which, kind.command, kind.fields, kind.by);
+    row_printer printer(name, kind.fields, request.output);
+    const uint32_t newest = request.follow ? newest_id(kind) : 0;
+    const row_list list = read_list(kind, wanted);
+    printer.print(list, request.follow ? "" : wanted.describe(list, "row"));
+    if (request.follow) follow(kind, wanted, last_listed(newest, list), printer);
+    return done;
+}
+
+cli_command declare_records(command_line& line, const record_kind& kind) {
     const auto request = std::make_shared<list_request>();
-    CLI::App* list = line.app.add_subcommand(kind.command, fmt::format("List {}", kind.what));
-    declare_list_options(*list, *request);
-    list->footer(field_help(kind, false));
-    line.runs(list, [&kind, request] { return list_records(kind, *request); });
-    if (kind.adder.command != nullptr) declare_adder(line, *list, kind);
-    declare_removal(line, *list, kind);
+    const cli_command list = line.add_subcommand(kind.command, fmt::format("List {}", kind.what));
+    declare_list_options(list, *request, kind);
+    list.footer(field_help(kind, false));
+    line.runs(list, [&kind, request] { return list_records(kind, *request, kind.command); });
+    if (kind.adder.command != nullptr) declare_adder(line, list, kind);
+    declare_removal(line, list, kind);
     return list;
 }
 
 void declare_tables(command_line& line) {
-    for (const record_kind& kind : record_kinds()) {
-        if (std::string_view(kind.command) != blocks_command) (void)declare_records(line, kind);
+    for (const char* name : {"outgoing", "servers", "devices"}) {
+        (void)declare_records(line, kind_of(name));
     }
 }

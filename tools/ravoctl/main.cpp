@@ -2,6 +2,7 @@
 // sets the default gateway, and calls methods by hand.
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -16,10 +17,14 @@
 #include "failure.h"
 #include "gateway.h"
 #include "import.h"
+#include "limiter.h"
 #include "list.h"
 #include "metrics.h"
 #include "prune.h"
 #include "report.h"
+#include "session_list.h"
+#include "status.h"
+#include "terminal.h"
 #include "text.h"
 #include "uuid.h"
 #include "watch.h"
@@ -35,9 +40,10 @@ constexpr char exit_status_help[] =
 
 // In the order of the help.
 constexpr void (*nouns[])(command_line&) = {
-    declare_tables,  declare_blocks, declare_gateway,    declare_uuid,  declare_report,
-    declare_metrics, declare_export, declare_import,     declare_prune, declare_call,
-    declare_doctor,  declare_watch,  declare_completion,
+    declare_status,  declare_sessions, declare_tables, declare_blocks,
+    declare_limiter, declare_gateway,  declare_uuid,   declare_report,
+    declare_metrics, declare_watch,    declare_export, declare_import,
+    declare_prune,   declare_doctor,   declare_call,   declare_completion,
 };
 
 // Words of the command line may be somebody's name, so they are escaped where they are repeated.
@@ -47,24 +53,24 @@ std::string failure_message(const CLI::App* /*app*/, const CLI::Error& error) {
 }
 
 void declare_all(command_line& line) {
-    line.app.description(
+    line.app().description(
         "Lists and adds the records of a running ravod, calls its methods, and sets the default "
         "gateway.");
-    line.app.set_version_flag("--version", "ravoctl " RAVO_VERSION);
-    line.app.require_subcommand(0, 1);
-    line.app.footer(exit_status_help);
-    line.app.failure_message(failure_message);
+    line.app().set_version_flag("--version", "ravoctl " RAVO_VERSION);
+    line.app().require_subcommand(0, 1);
+    line.app().footer(exit_status_help);
+    line.app().failure_message(failure_message);
     for (const auto declare : nouns) declare(line);
 }
 
-exit_status run(const command_line& line) {
+exit_status run(command_line& line) {
     if (const runner chosen = line.chosen()) return chosen();
-    fmt::print(stderr, "{}", line.app.help());
+    fmt::print(stderr, "{}", line.app().help());
     return bad_usage;
 }
 
 exit_status flush_output(exit_status status) {
-    if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+    if (finish_output()) return status;
     (void)fputs("ravoctl: the output could not be written\n", stderr);
     return failed_here;
 }
@@ -79,13 +85,13 @@ exit_status dispatch(int argc, char** argv) {
     command_line line;
     declare_all(line);
     if (argc > 1 && strcmp(argv[1], completion_question) == 0) {
-        return answer_completion(line.app, std::span(argv + 2, argv + argc));
+        return answer_completion(line.app(), std::span(argv + 2, argv + argc));
     }
     try {
-        line.app.parse(argc, argv);
+        line.app().parse(argc, argv);
         return run(line);
     } catch (const CLI::ParseError& error) {
-        return line.app.exit(error) == 0 ? done : bad_usage;
+        return line.app().exit(error) == 0 ? done : bad_usage;
     } catch (const failure& error) {
         return fail(error.what(), error.status);
     } catch (const std::system_error& error) {

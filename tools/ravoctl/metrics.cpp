@@ -75,7 +75,7 @@ void count_sessions(daemon_metrics& metrics) {
 }
 
 void count_blocks(daemon_metrics& metrics) {
-    for_each_row(kind_of(blocks_command), {}, [&metrics](const char* stored) {
+    (void)for_each_row(kind_of(blocks_command), {}, [&metrics](const char* stored) {
         block_row row;
         memcpy(&row, stored, sizeof row);
         metrics.failed_logins += static_cast<uint64_t>(std::max<int64_t>(row.stored.limit, 0));
@@ -120,10 +120,10 @@ std::string to_metrics_text(const daemon_metrics& metrics) {
 
 void declare_metrics(command_line& line) {
     const auto path = std::make_shared<std::string>("-");
-    CLI::App* metrics =
-        line.app.add_subcommand("metrics", "Print the state of the daemon as Prometheus metrics");
-    metrics->add_option("--output", *path, "File to write; - is standard output")
-        ->type_name("FILE")
-        ->capture_default_str();
+    const cli_command metrics =
+        line.add_subcommand("metrics", "Print the state of the daemon as Prometheus metrics");
+    metrics.add_option("--output", *path, "File to write; - is standard output")
+        .type_name("FILE")
+        .shows_default();
     line.runs(metrics, [path] { return write_metrics(*path); });
 }

@@ -61,22 +61,23 @@ exit_status prune(prune_request request) {
 
 // The tables that last: of the others ravod takes one delete only.
 void declare_prune(command_line& line) {
-    CLI::App* noun = line.app.add_subcommand("prune", "Delete old rows of a table");
-    noun->require_subcommand(1);
+    const cli_command noun = line.add_subcommand("prune", "Delete old rows of a table");
+    noun.require_subcommand(1, 1);
     for (const record_kind& kind : record_kinds()) {
-        if (kind.remover.remove == nullptr || kind.remover.is_temporary) continue;
+        if (kind.remover.remove == nullptr || !kind.is_log) continue;
         const auto request =
             std::make_shared<prune_request>(prune_request{.removal = {kind, deed::deletes}});
-        CLI::App* command = noun->add_subcommand(kind.command, fmt::format("Old {}", kind.what));
-        auto* older =
-            command->add_option("--older-than", request->older_than,
-                                fmt::format("Those from before this time; {}", time_words_help));
-        older->type_name("TIME");
-        command->add_option("--keep", request->keep, "All but so many of the newest")
-            ->type_name("N")
-            ->excludes(older);
-        command->add_flag("--dry-run", request->dry_run, "Only tell how many");
-        declare_removal_options(*command, request->removal);
+        const cli_command command =
+            noun.add_subcommand(kind.command, fmt::format("Old {}", kind.what));
+        const cli_option older =
+            command.add_option("--older-than", request->older_than,
+                               fmt::format("Those from before this time; {}", time_words_help));
+        older.type_name("TIME");
+        command.add_option("--keep", request->keep, "All but so many of the newest")
+            .type_name("N")
+            .excludes(older);
+        command.add_flag("--dry-run", request->dry_run, "Only tell how many");
+        declare_removal_options(command, request->removal);
         line.runs(command, [request] { return prune(*request); });
     }
 }

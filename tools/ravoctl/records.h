@@ -41,11 +41,20 @@ struct record_adder {
     const char* required = nullptr;  // name of a field that must have a text; null: none must
 };
 
+// The fields that options look at; null where a kind has none.
+struct option_fields {
+    const char* user = nullptr;
+    const char* source = nullptr;
+    const char* type = nullptr;
+    const char* begin = nullptr;  // a time
+    const char* end = nullptr;    // the same, unless a row lasts
+    const char* order = "id";     // what rows are sorted by when nothing else is asked
+};
+
 // How records are deleted. Blocks are lifted instead.
 struct record_remover {
     int (*remove)(db_delete_cond* row) = nullptr;  // null: there is no such command
     int (*clean)() = nullptr;
-    bool is_temporary = false;  // the table is gone when a statement on it fails
 };
 
 struct record_kind {
@@ -55,8 +64,10 @@ struct record_kind {
     size_t size;
     std::span<const field> fields;  // in the order of the table's columns, id first; computed last
     page (*list)(db_query_cond cond);
+    option_fields by = {};
     record_adder adder = {};
     record_remover remover = {};
+    bool is_log = false;  // rows are added and stay; else they are gone when a statement fails
 };
 
 std::span<const record_kind> record_kinds();

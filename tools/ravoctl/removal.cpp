@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "bus.h"
 #include "pages.h"
 #include "progress.h"
+#include "sessions.h"
 
 namespace {
 
@@ -43,8 +45,7 @@ std::string reason_of(const removal_request& request, const table_history& histo
 }
 
 void check_effect(const removal_request& request, const table_history& history) {
-    const effect what =
-        forecast(history, request.kind.remover.is_temporary, request.what, call_count(request));
+    const effect what = forecast(history, !request.kind.is_log, request.what, call_count(request));
     if (what == effect::as_asked || request.force) return;
     throw failure(
         no, fmt::format("{}: {}, so {}; restart ravod first, or give --force", request.kind.command,
@@ -81,8 +82,8 @@ void call_daemon(const removal_request& request) {
 
 std::set<int64_t> ids_now(const record_kind& kind) {
     std::set<int64_t> ids;
-    for_each_row(kind, {}, [&](const char* row) {
-        ids.insert(std::get<int64_t>(read_value(kind.fields[0], row)));
+    (void)for_each_row(kind, {}, [&](const char* row) {
+        ids.insert(id_of(kind, row));
         return true;
     });
     return ids;
@@ -138,20 +139,35 @@ void check_outcome(const outcome& result, const std::string& saved) {
 
 // --- The command line ---------------------------------------------------------------------------
 
+// A session goes as a whole: without the row of its end it would be open again.
+void add_other_rows(std::vector<int64_t>& ids) {
+    const std::set<int64_t> named(ids.begin(), ids.end());
+    const auto has = [&named](const std::optional<int64_t>& id) {
+        return id && named.contains(*id);
+    };
+    for (const session& s : to_sessions(read_session_rows())) {
+        if (!has(s.begin_id) && !has(s.end_id)) continue;
+        for (const auto& id : {s.begin_id, s.end_id}) {
+            if (id) ids.push_back(*id);
+        }
+    }
+}
+
 exit_status read_and_remove(removal_request request) {
+    if (&request.kind == &kind_of("sessions")) add_other_rows(request.ids);
     std::ranges::sort(request.ids);
     request.ids.erase(std::unique(request.ids.begin(), request.ids.end()), request.ids.end());
     return remove_rows(request, read_stored_rows(request.kind));
 }
 
-std::shared_ptr<removal_request> declare_deed(command_line& line, CLI::App& list,
-                                              const record_kind& kind, deed what, const char* name,
-                                              const std::string& help) {
-    auto request = std::make_shared<removal_request>(removal_request{kind, what});
-    CLI::App* command = list.add_subcommand(name, help);
-    declare_removal_options(*command, *request);
+void declare_deed(command_line& line, cli_command list, const record_kind& kind, deed what,
+                  const char* name, const std::string& help) {
+    const auto request = std::make_shared<removal_request>(removal_request{kind, what});
+    const cli_command command = list.add_subcommand(name, help);
+    declare_removal_options(command, *request);
+    if (what == deed::deletes)
+        command.add_option("ids", request->ids, "Ids of the rows").required().type_name("ID");
     line.runs(command, [request] { return read_and_remove(*request); });
-    return request;
 }
 
 }  // namespace
@@ -180,20 +196,16 @@ exit_status remove_rows(const removal_request& request, const std::vector<stored
     return done;
 }
 
-void declare_removal_options(CLI::App& command, removal_request& request) {
+void declare_removal_options(cli_command command, removal_request& request) {
     command.add_flag("--no-save", request.no_save, "Write no export of the table first");
     command.add_flag("--force", request.force,
                      "Also when ravod would remove nothing, or more than that");
 }
 
-void declare_removal(command_line& line, CLI::App& list, const record_kind& kind) {
+void declare_removal(command_line& line, cli_command list, const record_kind& kind) {
     if (kind.remover.remove == nullptr) return;
-    const auto request = declare_deed(line, list, kind, deed::deletes, "delete",
-                                      "Delete rows, and look whether they and no others went");
-    list.get_subcommand("delete")
-        ->add_option("ids", request->ids, "Ids of the rows")
-        ->required()
-        ->type_name("ID");
-    (void)declare_deed(line, list, kind, deed::clean, "clean",
-                       "Delete every row, and look whether they went");
+    declare_deed(line, list, kind, deed::deletes, "delete",
+                 "Delete rows, and look whether they and no others went");
+    declare_deed(line, list, kind, deed::clean, "clean",
+                 "Delete every row, and look whether they went");
 }

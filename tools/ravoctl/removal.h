@@ -23,7 +23,7 @@ struct removal_request {
 exit_status remove_rows(const removal_request& request, const std::vector<stored_row>& rows);
 
 // "--no-save" and "--force".
-void declare_removal_options(CLI::App& command, removal_request& request);
+void declare_removal_options(cli_command command, removal_request& request);
 
 // "delete" and "clean" below a kind's own command.
-void declare_removal(command_line& line, CLI::App& list, const record_kind& kind);
+void declare_removal(command_line& line, cli_command list, const record_kind& kind);

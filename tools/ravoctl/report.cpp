@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "fields.h"
 #include "text.h"
 
 namespace {
@@ -104,16 +105,6 @@ std::string span_text(int64_t seconds) {
     if (seconds < hour) return fmt::format("{}:{:02} min", seconds / 60, seconds % 60);
     if (seconds < 2 * day) return fmt::format("{}:{:02} h", seconds / hour, seconds / 60 % 60);
     return fmt::format("{:.1f} days", static_cast<double>(seconds) / static_cast<double>(day));
-}
-
-std::string bytes_text(double bytes) {
-    static constexpr std::array units = {"B", "kB", "MB", "GB", "TB", "PB", "EB"};
-    size_t unit = 0;
-    while (bytes >= 999.5 && unit + 1 < units.size()) {
-        bytes /= 1000;
-        ++unit;
-    }
-    return fmt::format("{:.{}f} {}", bytes, unit == 0 || bytes >= 99.5 ? 0 : 1, units[unit]);
 }
 
 // ---- What is shown -----------------------------------------------------------------------------

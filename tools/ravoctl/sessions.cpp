@@ -23,41 +23,28 @@ int64_t to_signed(uint64_t number) {
         std::min<uint64_t>(number, std::numeric_limits<int64_t>::max() / 2));
 }
 
-session_row to_row(const db_conn_server_log& stored) {
-    return {.user = to_string(stored.username),
-            .source = to_string(stored.source_ip),
-            .vpn_address = to_string(stored.vpn_ip),
-            .device = to_string(stored.device_info),
-            .time = to_signed(stored.time),
-            .uptime = to_signed(stored.uptime),
-            .received = stored.rx_total,
-            .sent = stored.tx_total,
-            .action = stored.action};
-}
-
 int64_t start_of(const session_row& row) {
     return row.action == connected ? row.time : std::max<int64_t>(row.time - row.uptime, 0);
 }
 
-session to_session(const session_row& row, session_state state) {
-    return {.user = row.user,
-            .source = row.source,
-            .vpn_address = row.vpn_address,
-            .device = row.device,
-            .start = start_of(row),
-            .end = row.time,
-            .received = row.received,
-            .sent = row.sent,
-            .state = state};
+session_state state_of(int32_t action) {
+    switch (action) {
+        case connected:
+            return session_state::open;
+        case lost:
+            return session_state::lost;
+        default:
+            return session_state::ended;
+    }
 }
 
 // The connects that have no end yet, by user and source.
 using open_connects = std::map<std::pair<std::string, std::string>, std::vector<session>>;
 
-// Takes out the connect that a row ends, if there is one.
-void take_connect(open_connects& open, const session_row& row) {
+// Takes out the connect that a row ends, and returns the id of its row, if there is one.
+std::optional<int64_t> take_connect(open_connects& open, const session_row& row) {
     const auto found = open.find({row.user, row.source});
-    if (found == open.end()) return;
+    if (found == open.end()) return std::nullopt;
     std::vector<session>& connects = found->second;
     const auto same_start = [&row](const session& s) {
         return std::abs(s.start - start_of(row)) <= clock_slack;
@@ -71,24 +58,56 @@ void take_connect(open_connects& open, const session_row& row) {
             return rank(a) < rank(b);
         };
         connect = std::max_element(connects.begin(), connects.end(), by_start);
-        if (connect == connects.end() || connect->start > row.time) return;
+        if (connect == connects.end() || connect->start > row.time) return std::nullopt;
     }
+    const std::optional<int64_t> id = connect->begin_id;
     connects.erase(connect);
+    return id;
 }
 
 }  // namespace
+
+session_row to_session_row(const db_conn_server_log& stored) {
+    return {.user = to_string(stored.username),
+            .source = to_string(stored.source_ip),
+            .vpn_address = to_string(stored.vpn_ip),
+            .device = to_string(stored.device_info),
+            .time = to_signed(stored.time),
+            .uptime = to_signed(stored.uptime),
+            .received = stored.rx_total,
+            .sent = stored.tx_total,
+            .action = stored.action,
+            .vpn_type = stored.vpn_type,
+            .outgoing = to_string(stored.outgoing),
+            .id = stored.id};
+}
+
+session to_session(const session_row& row) {
+    session s = {.user = row.user,
+                 .source = row.source,
+                 .vpn_address = row.vpn_address,
+                 .device = row.device,
+                 .start = start_of(row),
+                 .end = row.time,
+                 .received = row.received,
+                 .sent = row.sent,
+                 .state = state_of(row.action),
+                 .vpn_type = row.vpn_type,
+                 .outgoing = row.outgoing};
+    (s.state == session_state::open ? s.begin_id : s.end_id) = row.id;
+    return s;
+}
 
 std::vector<session> to_sessions(const std::vector<session_row>& rows) {
     std::vector<session> sessions;
     open_connects open;
     for (const session_row& row : rows) {
         if (row.action == connected) {
-            open[{row.user, row.source}].push_back(to_session(row, session_state::open));
+            open[{row.user, row.source}].push_back(to_session(row));
             continue;
         }
-        take_connect(open, row);
-        sessions.push_back(
-            to_session(row, row.action == lost ? session_state::lost : session_state::ended));
+        sessions.push_back(to_session(row));
+        sessions.back().begin_id = take_connect(open, row);
     }
     for (auto& [key, connects] : open) {
         std::move(connects.begin(), connects.end(), std::back_inserter(sessions));
@@ -100,10 +119,10 @@ std::vector<session> to_sessions(const std::vector<session_row>& rows) {
 
 std::vector<session_row> read_session_rows() {
     std::vector<session_row> rows;
-    for_each_row(kind_of("sessions"), {}, [&rows](const char* row) {
+    (void)for_each_row(kind_of("sessions"), {}, [&rows](const char* row) {
         db_conn_server_log stored;
         memcpy(&stored, row, sizeof stored);
-        rows.push_back(to_row(stored));
+        rows.push_back(to_session_row(stored));
         return true;
     });
     std::reverse(rows.begin(), rows.end());

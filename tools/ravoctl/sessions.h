@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "ravo_records.h"
 
 enum class session_state { open, ended, lost };
 
@@ -17,6 +20,13 @@ struct session {
     int64_t received = 0;  // bytes; of one that is open: what its row says
     int64_t sent = 0;
     session_state state = session_state::open;
+    int32_t vpn_type = 0;
+    std::string outgoing = {};
+    std::optional<int64_t> begin_id = {};  // of the row of its connect
+    std::optional<int64_t> end_id = {};    // of the row of its end
+
+    // The same however many rows are known, and another one when the session has ended.
+    int64_t id() const { return end_id ? *end_id : begin_id.value_or(0); }
 };
 
 // What the programs that record connections put into a row's action.
@@ -33,7 +43,15 @@ struct session_row {
     int64_t received = 0;
     int64_t sent = 0;
     int32_t action = 0;
+    int32_t vpn_type = 0;
+    std::string outgoing = {};
+    int64_t id = 0;
 };
+
+session_row to_session_row(const db_conn_server_log& stored);
+
+// Of the row of a connect, or of that of an end.
+session to_session(const session_row& row);
 
 // Puts rows together, which come in the order of their recording: a disconnect, or a loss, ends the
 // connect of the same user, source and start, or, when none has that start, the latest one of the

@@ -35,16 +35,22 @@ void tell(const std::string& why) {
 
 }  // namespace
 
-block_settings ask_block_settings() {
+json_ptr read_block_settings() {
     const io_owner io = make_request(request_text());
     const int result = zb_call(settings_service, "read_json", io.get(), call_timeout_s, -1);
-    if (result != 0) {
-        tell(call_failure(settings_service, result).what());
+    if (result != 0) throw call_failure(settings_service, result);
+    const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
+    json_ptr reply(json_loads(text, 0, nullptr));
+    if (is_success(reply.get())) return reply;
+    throw failure(unanswered,
+                  fmt::format("{} could not read {}", settings_service, block_settings_path));
+}
+
+block_settings ask_block_settings() {
+    try {
+        return to_block_settings(read_block_settings().get());
+    } catch (const failure& error) {
+        tell(error.what());
         return {};
     }
-    const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
-    const json_ptr reply(json_loads(text, 0, nullptr));
-    if (is_success(reply.get())) return to_block_settings(reply.get());
-    tell(fmt::format("{} could not read {}", settings_service, block_settings_path));
-    return {};
 }

@@ -38,6 +38,14 @@ std::optional<int64_t> to_seconds(const tm& fields, bool is_utc) {
     return seconds;
 }
 
+std::optional<int64_t> at_offset(tm fields, const char* offset) {
+    const char* end = strptime(offset, "%z", &fields);
+    if (end == nullptr || *end != '\0') return std::nullopt;
+    const auto seconds = to_seconds(fields, true);
+    if (seconds) return *seconds - fields.tm_gmtoff;
+    return std::nullopt;
+}
+
 std::optional<int64_t> parse_date(std::string text) {
     const bool is_utc = text.ends_with('Z');
     if (is_utc) text.pop_back();
@@ -46,6 +54,8 @@ std::optional<int64_t> parse_date(std::string text) {
         tm fields = {};
         const char* end = strptime(text.c_str(), form, &fields);
         if (end != nullptr && *end == '\0') return to_seconds(fields, is_utc);
+        if (end == nullptr || is_utc) continue;
+        if (const auto seconds = at_offset(fields, end)) return seconds;
     }
     return std::nullopt;
 }

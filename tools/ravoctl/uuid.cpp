@@ -32,6 +32,6 @@ exit_status print_fresh_uuid() {
 
 void declare_uuid(command_line& line) {
     line.runs(
-        line.app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record"),
+        line.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record"),
         print_fresh_uuid);
 }

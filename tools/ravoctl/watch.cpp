@@ -16,6 +16,7 @@
 #include <ctime>
 #include <deque>
 #include <memory>
+#include <utility>
 
 #include "blocks.h"
 #include "pages.h"
@@ -23,8 +24,6 @@
 #include "text.h"
 
 namespace {
-
-constexpr int64_t few_rows = 100;  // on a page, since few rows are new
 
 // --- Connections --------------------------------------------------------------------------------
 
@@ -42,8 +41,9 @@ std::string words_of(const char* stored) {
     memcpy(&row, stored, sizeof row);
     const std::string user = to_text(row.username);
     const auto traffic = [&row] {
-        return fmt::format("after {} s, {} bytes received, {} sent", row.uptime, row.rx_total,
-                           row.tx_total);
+        return fmt::format("after {} s, {} received, {} sent", row.uptime,
+                           bytes_text(static_cast<double>(row.rx_total)),
+                           bytes_text(static_cast<double>(row.tx_total)));
     };
     switch (row.action) {
         case connected:
@@ -62,33 +62,15 @@ struct watched_table {
     const record_kind& kind;
     std::string (*words)(const char* row);
     const char* before;  // the words, to tell the tables apart
-    int64_t last_id = 0;
+    uint32_t last_id = newest_id(kind);
 
     std::vector<std::string> look() {
         std::vector<std::string> events;
-        int64_t newest = last_id;
-        for_each_row(
-            kind, {},
-            [&](const char* row) {
-                const int64_t id = std::get<int64_t>(read_value(kind.fields[0], row));
-                newest = std::max(newest, id);
-                if (id > last_id) events.push_back(before + words(row));
-                return id > last_id;
-            },
-            few_rows);
-        last_id = newest;
-        std::ranges::reverse(events);
+        for (const std::string& row : rows_after(kind, {}, last_id)) {
+            last_id = id_of(kind, row.data());
+            events.push_back(before + words(row.data()));
+        }
         return events;
-    }
-
-    void skip() {
-        for_each_row(
-            kind, {},
-            [this](const char* row) {
-                last_id = std::get<int64_t>(read_value(kind.fields[0], row));
-                return false;
-            },
-            1);
     }
 };
 
@@ -96,7 +78,7 @@ struct watched_table {
 
 watched_counters read_counters() {
     watched_counters counters;
-    for_each_row(kind_of(blocks_command), {}, [&counters](const char* stored) {
+    (void)for_each_row(kind_of(blocks_command), {}, [&counters](const char* stored) {
         block_row row;
         memcpy(&row, stored, sizeof row);
         counters[to_text(row.stored.username)] = {row.stored.limit,
@@ -111,10 +93,7 @@ watched_counters read_counters() {
 class watched_daemon {
   public:
     // Throws failure: the daemon does not answer.
-    watched_daemon() {
-        for (watched_table& table : tables) table.skip();
-        counters = read_counters();
-    }
+    watched_daemon() : counters(read_counters()) {}
 
     // What is new. A daemon that does not answer is an event, too.
     std::vector<std::string> look() {
@@ -239,11 +218,11 @@ void declare_watch(command_line& line) {
     constexpr double shortest = 0.1;
     constexpr double longest = 3600;
     const auto interval = std::make_shared<double>(2);
-    CLI::App* watch_command = line.app.add_subcommand(
-        "watch", "Tell of connections, failed logins and blocks as they come");
-    watch_command->add_option("--interval", *interval, "Seconds between two looks")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(shortest, longest))
-        ->capture_default_str();
+    const cli_command watch_command =
+        line.add_subcommand("watch", "Tell of connections, failed logins and blocks as they come");
+    watch_command.add_option("--interval", *interval, "Seconds between two looks")
+        .type_name("SECONDS")
+        .between(shortest, longest)
+        .shows_default();
     line.runs(watch_command, [interval] { return watch(*interval); });
 }
