@@ -15,6 +15,8 @@ test_packages=(
 bench_packages=(libsystemd-dev)
 # What ./run openvpn and the tests of real OpenVPN servers need besides.
 openvpn_packages=(openvpn openssl)
+# What packaging/build-packages needs besides.
+packaging_packages=(debhelper dpkg-dev fakeroot lintian mmdebstrap)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 

@@ -1,4 +1,6 @@
 """An installation in /usr/local that was made elsewhere. tests/install_test runs it."""
+import fnmatch
+import glob
 import os
 import re
 import shutil
@@ -23,19 +25,17 @@ FILES = sorted(
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
-    + [f"lib/cmake/ravod/ravod{name}.cmake"
+    + [f"lib/cmake/ravo/ravo{name}.cmake"
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
-project(user LANGUAGES C CXX)
-find_package(ravod 1.0 REQUIRED)
-add_executable(client client.c)
-target_link_libraries(client PRIVATE ravod::ravo_client)
+project(user LANGUAGES CXX)
+find_package(ravo 1.0 REQUIRED)
 add_executable(bus bus.cpp)
-target_link_libraries(bus PRIVATE ravod::zbservice ravod::Ostra_config)
+target_link_libraries(bus PRIVATE ravo::zbservice ravo::Ostra_config)
 """
 BUS_PROGRAM = """
 #include <ostra_config.h>
@@ -52,6 +52,24 @@ def installed(folder):
     """Paths of all files below the folder, relative to it."""
     return sorted(os.path.relpath(os.path.join(where, name), folder)
                   for where, _folders, names in os.walk(folder) for name in names)
+
+
+def packaged():
+    """{package: what it takes of an installation below /usr}, from debian/*.install."""
+    found = {}
+    for path in glob.glob(os.environ["TOP"] + "/debian/*.install"):
+        with open(path, encoding="utf-8") as file:
+            sources = [line.split()[0] for line in file if line.strip() and line[0] != "#"]
+        package = os.path.basename(path).removesuffix(".install")
+        # A package's libraries lie one folder deeper, in that of the architecture.
+        found[package] = [source.replace("usr/lib/*/", "usr/lib/") for source in sources]
+    return found
+
+
+def takes(pattern, path):
+    """Whether a line of an install file takes this file: by its name, or with its folder."""
+    wanted, parts = pattern.split("/"), path.split("/")[:pattern.count("/") + 1]
+    return len(wanted) == len(parts) and all(map(fnmatch.fnmatchcase, parts, wanted))
 
 
 class install(RavodTest):
@@ -77,6 +95,20 @@ class install(RavodTest):
         self.assertIn("examples/record_and_list.c", documents)
         self.assertIn("examples/data/openvpn-sessions.jsonl", documents)
         self.assertFalse([path for path in documents if "__pycache__" in path])
+
+    def test_every_file_belongs_to_one_debian_package(self):
+        packages = packaged()
+        self.assertIn("ravod", packages)
+        with open(os.environ["TOP"] + "/debian/not-installed", encoding="utf-8") as file:
+            packages["none"] = [line.strip() for line in file if line[0] != "#"]
+        files = ["usr/" + path for path in installed(PREFIX)]
+        for path in files:
+            takers = [package for package, patterns in packages.items()
+                      if any(takes(pattern, path) for pattern in patterns)]
+            self.assertEqual(len(takers), 1, f"{path}: {takers}")
+        for package, patterns in packages.items():
+            for pattern in patterns:
+                self.assertTrue(any(takes(pattern, path) for path in files), f"{package}: {pattern}")
 
     def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
         expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},
@@ -121,17 +153,21 @@ class install(RavodTest):
             self.assertEqual(self.check("pkg-config", "--modversion", name, env=env).strip(), VERSION)
             self.assertIn(f"-l{library}", self.check("pkg-config", "--libs", name, env=env))
 
+    def build_with_cmake(self, source, binary):
+        self.check("cmake", "-G", "Ninja", "-S", source, "-B", binary, "-DCMAKE_PREFIX_PATH=/tmp/moved")
+        self.check("cmake", "--build", binary)
+
     def test_cmake_finds_the_package(self):
-        self.start_ravod()
-        shutil.copy(f"{PREFIX}/share/doc/ravod/examples/record_and_list.c", "/tmp/build/client.c")
         for name, text in (("CMakeLists.txt", CMAKE_PROJECT), ("bus.cpp", BUS_PROGRAM)):
             with open(f"/tmp/build/{name}", "w", encoding="utf-8") as file:
                 file.write(text)
-        self.check("cmake", "-G", "Ninja", "-S", "/tmp/build", "-B", "/tmp/build/out",
-                   "-DCMAKE_PREFIX_PATH=/tmp/moved")
-        self.check("cmake", "--build", "/tmp/build/out")
-        self.assertIn("bob", self.succeed(self.run_program("/tmp/build/out/client", "bob")))
+        self.build_with_cmake("/tmp/build", "/tmp/build/out")
         self.succeed(self.run_program("/tmp/build/out/bus"))
+
+    def test_cmake_example_builds_and_runs(self):
+        self.start_ravod()
+        self.build_with_cmake(f"{PREFIX}/share/doc/ravod/examples/find_package", "/tmp/build/out")
+        self.assertIn("bob", self.succeed(self.run_program("/tmp/build/out/record_and_list", "bob")))
 
     def test_library_path_of_the_operator_wins(self):
         env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}

@@ -11,6 +11,17 @@ function(ravo_write_units RAVO_PREFIX folder)
     endforeach()
 endfunction()
 
+# ravo_write_tmpfiles(prefix folder): writes what is made at each boot, for programs below the prefix.
+# The daemon starts the notifier by one name, so elsewhere than in /usr/local a link leads to it. A
+# notifier that is there already stays.
+function(ravo_write_tmpfiles prefix folder)
+    file(READ "${RAVO_UNITS_SOURCE_DIR}/tmpfiles.conf" text)
+    if(NOT prefix STREQUAL "/usr/local")
+        string(APPEND text "L /usr/local/sbin/notify - - - - ${prefix}/sbin/notify\n")
+    endif()
+    file(WRITE "${folder}/ravod.conf" "${text}")
+endfunction()
+
 # ravo_write_openvpn_files(prefix folder): writes what servers of OpenVPN include, for a helper below
 # the prefix. Also used while installing.
 function(ravo_write_openvpn_files RAVO_PREFIX folder)
