@@ -9,14 +9,14 @@ build_packages=(
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils systemd valgrind strace
+    binutils abigail-tools systemd valgrind strace
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)
 # What ./run openvpn and the tests of real OpenVPN servers need besides.
 openvpn_packages=(openvpn openssl)
 # What packaging/build-packages needs besides.
-packaging_packages=(debhelper dpkg-dev fakeroot lintian mmdebstrap)
+packaging_packages=(abigail-tools debhelper dpkg-dev fakeroot lintian mmdebstrap)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 
