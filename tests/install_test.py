@@ -12,22 +12,25 @@ PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
-            "sbin/ravo-openvpn", "sbin/ravod", "sbin/vpncaas"]
-ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
+            "sbin/ravo-openvpn", "sbin/ravod", "sbin/ravod-notify", "sbin/vpncaas"]
+ON_THE_BUS = [path for path in PROGRAMS if path not in ("sbin/notify", "sbin/ravod-notify")]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
                 "man8/NetworkService.8", "man8/notify.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod.8", "man8/vpncaas.8"]
+                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod-notify.8",
+                "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
     + ["lib/libravod_core.a", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
+    + [f"lib/systemd/system/ravod-notify.{kind}" for kind in ("path", "service")]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
     + [f"lib/cmake/ravo/ravo{name}.cmake"
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
+    + ["share/ravod/notify.conf"]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
 )
 CMAKE_PROJECT = """

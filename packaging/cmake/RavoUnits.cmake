@@ -1,5 +1,5 @@
 # ravo_write_units(prefix folder): writes the systemd units into the folder, for programs below the
-# prefix. Each gets the sandbox that all have in common. Also used while installing.
+# prefix. Each service on the bus gets the sandbox that all have in common. Also used while installing.
 set(RAVO_UNITS ravod vpncaas NetworkService)
 set(RAVO_UNITS_SOURCE_DIR "${CMAKE_CURRENT_LIST_DIR}/..")
 
@@ -8,6 +8,9 @@ function(ravo_write_units RAVO_PREFIX folder)
     string(STRIP "${text}" RAVO_SANDBOX)
     foreach(unit ${RAVO_UNITS})
         configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.service.in" "${folder}/${unit}.service" @ONLY)
+    endforeach()
+    foreach(unit ravod-notify.service ravod-notify.path)
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.in" "${folder}/${unit}" @ONLY)
     endforeach()
 endfunction()
 
