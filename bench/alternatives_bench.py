@@ -41,7 +41,7 @@ from pathlib import Path
 
 from results import Opponent, compare, repeated, report_not_measured
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "examples"))
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "python"))
 import ravo  # noqa: E402
 
 WORK = Path("/etc/config/peers")  # beside the daemon's database, on the same file system
@@ -414,9 +414,9 @@ def set_limit(limit):
         f'{{"global": {{"enable": true, "limit": {limit}, "time": 5}}}}')
 
 
-def our_block():
+def our_block(client):
     names = (f"stranger{n}" for n in itertools.count())
-    return lambda: ravo.add_failed_login(next(names))
+    return lambda: client.limiter.add_failure(next(names))
 
 
 # --- Measuring -----------------------------------------------------------------------------------
@@ -442,7 +442,7 @@ def expect_rows(file, table, at_least):
 
 def main():
     ravod, vpncaas, notify, library_dir, peers_folder, place = sys.argv[1:]
-    os.environ["RAVO_LIBRARY_DIR"] = library_dir
+    client = ravo.Client(library_dir)
     os.sched_setaffinity(0, {min(os.sched_getaffinity(0))})
     Path("/usr/local/sbin").mkdir(parents=True, exist_ok=True)
     Path("/usr/local/sbin/notify").symlink_to(notify)
@@ -464,13 +464,13 @@ def main():
             expect_rows(WORK / name, table, 3 * (rounds + 1))
 
     for number in range(10):
-        ravo.add_failed_login(f"user{number}")
+        client.limiter.add_failure(f"user{number}")
     measure("failed login", f"10 users, {place}", rounds,
-            repeated(20, lambda: ravo.add_failed_login("user5")),
+            repeated(20, lambda: client.limiter.add_failure("user5")),
             [("pam_faillock", faillock_failure)], peers)
 
     set_limit(1)
-    measure("block", f"some users, {place}", 9, repeated(3, our_block()),
+    measure("block", f"some users, {place}", 9, repeated(3, our_block(client)),
             [("fail2ban", fail2ban_block)], peers)
 
 

@@ -13,14 +13,15 @@ class DataError(Exception):
 
 
 def replay(path, hooks, use):
-    """Hands each call of one of the hooks to use(call). Returns their number."""
+    """Hands each call of one of the hooks to use(client, call). Returns their number."""
+    client = ravo.Client()
     used = 0
     with open(path, encoding="utf-8") as file:
         for number, line in enumerate(file, 1):
             try:
                 call = json.loads(line)
                 if call["hook"] in hooks:
-                    use(call)
+                    use(client, call)
                     used += 1
             except KeyError as error:
                 raise DataError(f"{path}, line {number}: {error} is missing") from None
@@ -35,5 +36,5 @@ def replay_argument(hooks, use):
     path = sys.argv[1] if len(sys.argv) > 1 else DATA
     try:
         return replay(path, hooks, use), os.path.basename(path)
-    except (DataError, OSError) as error:
+    except (DataError, OSError, ravo.RavoError) as error:
         sys.exit(f"{os.path.basename(sys.argv[0])}: {error}")

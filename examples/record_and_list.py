@@ -11,17 +11,18 @@ import ravo
 
 def main():
     username = sys.argv[1] if len(sys.argv) > 1 else "alice"
-    ravo.add_connection(
+    client = ravo.Client()
+    client.sessions.add(ravo.Session(
         username=username,
         source_ip="203.0.113.20",
         vpn_ip="10.88.0.20",
         time=int(time.time()),
         action=1,
-    )
-    rows, total = ravo.list_connections(count=5, descending=True)
-    for row in rows:
-        print(row["id"], ascii(row["username"]), "from", row["source_ip"], "at", row["time"])
-    print(len(rows), "of", total, "connections")
+    ))
+    newest = client.sessions.page(count=5, descending=True)
+    for row in newest.rows:
+        print(row.id, ascii(row.username), "from", row.source_ip, "at", row.time)
+    print(len(newest.rows), "of", newest.total, "connections")
 
 
 if __name__ == "__main__":

@@ -12,20 +12,20 @@ import ravo
 
 
 def to_device(env):
-    """The fields of the record for one connect."""
-    return {
-        "ip": env["ifconfig_pool_remote_ip"],
-        "mac": env["IV_HWADDR"],
-        "user_id": env["username"],
-        "dev_name": env.get("UV_DEVICE", ""),
-        "nic": env["dev"],
-        "time": int(env["time_unix"]),
-    }
+    """The record for one connect."""
+    return ravo.Device(
+        ip=env["ifconfig_pool_remote_ip"],
+        mac=env["IV_HWADDR"],
+        user_id=env["username"],
+        dev_name=env.get("UV_DEVICE", ""),
+        nic=env["dev"],
+        time=int(env["time_unix"]),
+    )
 
 
-def register(call):
+def register(client, call):
     device = to_device(call["env"])
-    print(device["mac"], ravo.register_device(**device), device["user_id"])
+    print(device.mac, client.devices.register(device), device.user_id)
 
 
 def main():

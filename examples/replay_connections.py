@@ -21,29 +21,29 @@ def device_info(env):
 
 
 def to_record(call):
-    """The fields of the record for one connect or disconnect."""
+    """The record for one connect or disconnect."""
     env = call["env"]
     ended = call["hook"] == "disconnect"
     duration = int(env["time_duration"]) if ended else 0
-    return {
-        "username": env["username"],
-        "vpn_type": VPN_TYPE_OPENVPN,
-        "uptime": duration,
-        "time": int(env["time_unix"]) + duration,
-        "device_info": device_info(env),
-        "source_ip": env["trusted_ip"] if "trusted_ip" in env else env["trusted_ip6"],
-        "vpn_ip": env["ifconfig_pool_remote_ip"],
-        "tx_total": int(env.get("bytes_sent", 0)),
-        "rx_total": int(env.get("bytes_received", 0)),
-        "outgoing": env["dev"],
-        "action": DISCONNECTED if ended else CONNECTED,
-    }
+    return ravo.Session(
+        username=env["username"],
+        vpn_type=VPN_TYPE_OPENVPN,
+        uptime=duration,
+        time=int(env["time_unix"]) + duration,
+        device_info=device_info(env),
+        source_ip=env["trusted_ip"] if "trusted_ip" in env else env["trusted_ip6"],
+        vpn_ip=env["ifconfig_pool_remote_ip"],
+        tx_total=int(env.get("bytes_sent", 0)),
+        rx_total=int(env.get("bytes_received", 0)),
+        outgoing=env["dev"],
+        action=DISCONNECTED if ended else CONNECTED,
+    )
 
 
 def main():
     hooks = ("connect", "disconnect")
     count, name = hook_calls.replay_argument(
-        hooks, lambda call: ravo.add_connection(**to_record(call)))
+        hooks, lambda client, call: client.sessions.add(to_record(call)))
     print(count, "connects and disconnects recorded from", name)
 
 

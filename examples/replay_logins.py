@@ -8,21 +8,20 @@ as a failure of its user. Before a login is accepted the limiter is asked: while
 the right password does not help.
 """
 import hook_calls
-import ravo
 
 
-def judge(call):
+def judge(client, call):
     """What becomes of one login; tells the limiter of a failure."""
     user = call["env"]["username"]
     if not call["accepted"]:
-        ravo.add_failed_login(user)
+        client.limiter.add_failure(user)
         return "refused, counted as a failed login"
-    return "turned away: the user is blocked" if ravo.is_blocked(user) else "accepted"
+    return "turned away: the user is blocked" if client.limiter.is_blocked(user) else "accepted"
 
 
 def main():
     count, name = hook_calls.replay_argument(
-        ("auth",), lambda call: print(f"{call['env']['username']:<8} {judge(call)}"))
+        ("auth",), lambda client, call: print(f"{call['env']['username']:<8} {judge(client, call)}"))
     print(count, "logins replayed from", name)
 
 

@@ -4,19 +4,19 @@
 # To build and to try it out.
 build_packages=(
     g++ cmake ninja-build pkg-config libsqlite3-dev libjansson-dev libcli11-dev libfmt-dev
-    bubblewrap sqlite3 python3 iproute2
+    libpam0g-dev bubblewrap sqlite3 python3 iproute2
 )
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils abigail-tools systemd valgrind strace
+    binutils abigail-tools systemd valgrind strace pamtester libpam-wrapper mypy
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)
 # What ./run openvpn and the tests of real OpenVPN servers need besides.
 openvpn_packages=(openvpn openssl)
 # What packaging/build-packages needs besides.
-packaging_packages=(abigail-tools debhelper dpkg-dev fakeroot lintian mmdebstrap)
+packaging_packages=(abigail-tools debhelper dh-python dpkg-dev fakeroot lintian mmdebstrap)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 

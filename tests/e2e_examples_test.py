@@ -17,11 +17,6 @@ class examples(RavodTest):
         result = self.ravoctl("sessions", "--json", "--per-page", "100")
         return json.loads(self.succeed(result))["rows"]
 
-    def binding(self, code):
-        """Runs code with the binding imported."""
-        program = f"import sys; sys.path.insert(0, {EXAMPLES!r}); import ravo\n{code}"
-        return self.run_program("/usr/bin/python3", "-B", "-c", program)
-
     def replay(self, text):
         with open("/tmp/calls.jsonl", "w", encoding="utf-8") as file:
             file.write(text)
@@ -112,28 +107,6 @@ class examples(RavodTest):
             with self.subTest(line=line):
                 self.fails(self.replay(auth + line), 1, "line 2", word)
         self.fails(self.example("replay_connections.py", "/nix"), 1, "/nix")
-
-    def test_binding_refuses_what_does_not_fit(self):
-        self.start_ravod()
-        for field in ("action=2**31", "action=-2**31-1", "time=-1", "username='x'*1025",
-                      "username='a\\0b'", "username=5", "action='1'", "nix=1"):
-            with self.subTest(field=field):
-                result = self.binding(f"ravo.add_connection({field})")
-                self.assertEqual(result.returncode, 1)
-                self.assertIn(b"RavoError: ", result.stderr)
-        self.assertEqual(self.rows(), [])
-
-    def test_binding_lists_a_page(self):
-        self.start_ravod()
-        code = """
-for name in ("a", "b\\udcff", "c"): ravo.add_connection(username=name, uptime=ord(name[0]))
-rows, total = ravo.list_connections(count=2, order="uptime", descending=True)
-assert [row["username"] for row in rows] == ["c", "b\\udcff"] and total == 3, rows
-rows, total = ravo.list_connections(field="username", value="a")
-assert [row["id"] for row in rows] == [1], rows
-assert ravo.list_connections(count=0) == ([], 3)
-"""
-        self.succeed(self.binding(code))
 
 
 if __name__ == "__main__":

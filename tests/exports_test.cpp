@@ -1,5 +1,5 @@
-// The dynamic symbols of what is built: what the client library exports, and what daemon and client
-// library want of a bus.
+// The dynamic symbols of what is built: what the client library and the module of PAM export, and
+// what they and the daemon want of a bus.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -52,6 +52,17 @@ TEST(exports, client_library_exports_its_functions_and_nothing_else) {
     ASSERT_FALSE(expected.empty());
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(names_of(symbols("--defined-only", CLIENT_LIBRARY)), expected);
+}
+
+TEST(exports, module_of_pam_exports_its_steps_and_nothing_else) {
+    EXPECT_EQ(names_of(symbols("--defined-only", PAM_RAVOD)),
+              (strings{"pam_sm_acct_mgmt", "pam_sm_authenticate", "pam_sm_setcred"}));
+}
+
+TEST(exports, module_of_pam_wants_only_what_every_bus_library_has) {
+    EXPECT_EQ(bus_functions_wanted_by(PAM_RAVOD, "w"), (strings{"zb_strerror"}));
+    EXPECT_EQ(bus_functions_wanted_by(PAM_RAVOD, "U"),
+              (strings{"zb_call", "zb_io_create", "zb_io_free", "zb_io_read", "zb_io_write"}));
 }
 
 TEST(exports, client_library_wants_only_what_every_bus_library_has) {

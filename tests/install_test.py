@@ -12,17 +12,17 @@ PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
-            "sbin/ravo-openvpn", "sbin/ravod", "sbin/ravod-notify", "sbin/vpncaas"]
+            "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/ravod-notify", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path not in ("sbin/notify", "sbin/ravod-notify")]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
-                "man8/NetworkService.8", "man8/notify.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravod-notify.8",
+                "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
+                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravo-ppp.8", "man8/ravod-notify.8",
                 "man8/ravod.8", "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
-    + ["lib/libravod_core.a", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
+    + ["lib/libravod_core.a", "lib/security/pam_ravod.so", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
     + [f"lib/systemd/system/ravod-notify.{kind}" for kind in ("path", "service")]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
@@ -32,6 +32,9 @@ FILES = sorted(
     + [f"share/man/{page}" for page in MANUAL_PAGES]
     + ["share/ravod/notify.conf"]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
+    + [f"lib/python3/dist-packages/ravo/{name}"
+       for name in ("__init__.py", "_client.py", "_library.py", "_records.py", "py.typed")]
+    + [f"share/ravod/{name}" for name in ("openrc/ravod", "ppp/ip-down", "ppp/ip-up", "runit/run")]
 )
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
@@ -115,7 +118,8 @@ class install(RavodTest):
 
     def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
         expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},
-                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES}}
+                    **{f"lib/lib{name}.so": "$ORIGIN" for name in LIBRARIES},
+                    "lib/security/pam_ravod.so": "$ORIGIN/.."}
         for path, run_path in expected.items():
             with self.subTest(path=path):
                 dynamic = self.check("readelf", "-d", f"{PREFIX}/{path}")
@@ -156,25 +160,29 @@ class install(RavodTest):
             self.assertEqual(self.check("pkg-config", "--modversion", name, env=env).strip(), VERSION)
             self.assertIn(f"-l{library}", self.check("pkg-config", "--libs", name, env=env))
 
-    def build_with_cmake(self, source, binary):
-        self.check("cmake", "-G", "Ninja", "-S", source, "-B", binary, "-DCMAKE_PREFIX_PATH=/tmp/moved")
-        self.check("cmake", "--build", binary)
+    def test_python_example_uses_the_installed_package(self):
+        self.start_ravod()
+        env = {**os.environ, "PYTHONPATH": f"{PREFIX}/lib/python3/dist-packages",
+               "RAVO_LIBRARY_DIR": f"{PREFIX}/lib"}
+        program = f"{PREFIX}/share/doc/ravod/examples/record_and_list.py"
+        self.assertIn("1 of 1", self.succeed(self.run_program("/usr/bin/python3", "-B", program, env=env)))
 
     def test_cmake_finds_the_package(self):
+        self.start_ravod()
         for name, text in (("CMakeLists.txt", CMAKE_PROJECT), ("bus.cpp", BUS_PROGRAM)):
             with open(f"/tmp/build/{name}", "w", encoding="utf-8") as file:
                 file.write(text)
-        self.build_with_cmake("/tmp/build", "/tmp/build/out")
-        self.succeed(self.run_program("/tmp/build/out/bus"))
-
-    def test_cmake_example_builds_and_runs(self):
-        self.start_ravod()
-        self.build_with_cmake(f"{PREFIX}/share/doc/ravod/examples/find_package", "/tmp/build/out")
-        self.assertIn("bob", self.succeed(self.run_program("/tmp/build/out/record_and_list", "bob")))
+        example = f"{PREFIX}/share/doc/ravod/examples/cmake"
+        for source, program in ((example, "record_and_list"), ("/tmp/build", "bus")):
+            folder = f"/tmp/build/{program}_out"
+            self.check("cmake", "-G", "Ninja", "-S", source, "-B", folder, "-DCMAKE_PREFIX_PATH=/tmp/moved")
+            self.check("cmake", "--build", folder)
+            self.succeed(self.run_program(f"{folder}/{program}", "bob"))
+        self.assertIn("bob", self.succeed(self.ravoctl("sessions")))
 
     def test_library_path_of_the_operator_wins(self):
         env = {**os.environ, "LD_LIBRARY_PATH": os.environ["STANDIN"]}
-        for path in ON_THE_BUS + ["lib/libravo_client.so"]:
+        for path in ON_THE_BUS + ["lib/libravo_client.so", "lib/security/pam_ravod.so"]:
             libraries = self.check("ldd", f"{PREFIX}/{path}", env=env)
             self.assertIn(f"{os.environ['STANDIN']}/libzbservice.so.1", libraries)
 
@@ -195,6 +203,37 @@ class install(RavodTest):
             self.assertNotRegex(unit, r"@[A-Z_]+@")
             if name == "ravod":
                 self.assertRegex(unit, r"\nExecStartPre=/[^ \n]*/sbin/ravo-dbcheck\n")
+
+    def moved_script(self, name):
+        """A copy of a script, which names the folder that it was installed into, for where that is now."""
+        with open(f"{PREFIX}/share/ravod/{name}", encoding="utf-8") as file:
+            text = re.sub(r"/[^ \n\"]*/sbin/(?=\$|ravo)", f"{PREFIX}/sbin/", file.read())
+        self.assertNotRegex(text, r"@[A-Z_]+@")
+        path = f"/tmp/build/{os.path.basename(name)}"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(path, 0o755)
+        return path
+
+    def test_script_for_runit_starts_each_service(self):
+        os.rmdir("/etc/config/ravo")
+        script = self.moved_script("runit/run")
+        for name in SERVICES:
+            folder = f"/tmp/build/{name}"
+            os.mkdir(folder)
+            os.symlink(script, f"{folder}/run")
+            self.start("/bin/sh", "-c", f"cd {folder} && exec ./run")
+        self.succeed(self.ravoctl("sessions"))
+        self.assertEqual(os.stat("/etc/config/ravo").st_mode & 0o777, 0o700)
+        self.assertEqual(os.stat("/etc/config/ravo/ravo.db").st_mode & 0o777, 0o600)
+
+    def test_script_for_openrc_names_what_is_there(self):
+        """Read by a shell, with a function in the place of each that OpenRC has."""
+        script = self.moved_script("openrc/ravod")
+        for name in SERVICES:
+            program = (f'RC_SVCNAME={name}; after() {{ :; }}; checkpath() {{ [ "$1" = --directory ]; }}; '
+                       f'. {script}; depend && start_pre >&2 && test -x "$command" && echo "$command"')
+            self.assertEqual(self.check("/bin/sh", "-eu", "-c", program), f"{PREFIX}/sbin/{name}\n")
 
     def test_check_of_the_database_runs(self):
         self.assertIn("ravo.db: not there yet", self.check("ravo-dbcheck"))

@@ -7,12 +7,15 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "configuration.h"
 #include "environment.h"
+#include "event.h"
 #include "journal.h"
+#include "limiter_client.h"
 #include "ravo_api.h"
 #include "session.h"
 #include "support/daemon.h"
@@ -102,10 +105,22 @@ TEST(openvpn_environment, server_runs_until_it_ends) {
     }
 }
 
+TEST(openvpn_environment, server_is_known_by_its_start_as_long_as_that_is_known) {
+    const std::tuple<const char*, const char*, bool> cases[] = {
+        {"boot/17/5", "boot/17/5", true}, {"boot/17/5", "boot/17/6", false},
+        {"boot/17/5", "boot/17/", true},  {"boot/17/5", "boot/1/", false},
+        {"boot/17/", "boot/18/", false},  {"other/17/5", "boot/17/", false}};
+    for (const auto& [one, other, is_same] : cases) {
+        EXPECT_EQ(is_same_server(one, other), is_same) << one << " " << other;
+        EXPECT_EQ(is_same_server(other, one), is_same) << one << " " << other;
+    }
+}
+
 // --- Records -------------------------------------------------------------------------------------
 
 TEST(openvpn_session, columns) {
     const environment given = with({{"username", "zo\xc3\xab"},
+                                    {"vpn_type", "4"},
                                     {"common_name", "client"},
                                     {"time_unix", "1000"},
                                     {"time_duration", "9"},
@@ -289,7 +304,9 @@ environment event_of(const std::string& hook, const std::string& user,
                  {"bytes_sent", hook == "disconnect" ? "7" : ""}});
 }
 
-bool deliver(unsigned most = many) { return journal(most).deliver(journal::when_busy::wait); }
+bool deliver(unsigned most = many) {
+    return journal(openvpn_folders, most).deliver(journal::when_busy::wait);
+}
 
 // Each record as "ACTION NAME", oldest first.
 texts records() {
@@ -309,19 +326,19 @@ texts records() {
 
 size_t files_in(const std::string& folder) {
     return static_cast<size_t>(
-        std::distance(fs::directory_iterator(spool_folder + ("/" + folder)), {}));
+        std::distance(fs::directory_iterator(openvpn_folders.spool + ("/" + folder)), {}));
 }
 
 TEST(openvpn_journal, waits_for_the_daemon_and_keeps_the_order) {
     texts expected;
     for (int n = 0; n < 12; ++n) {
         const std::string user = "user" + std::to_string(n);
-        EXPECT_TRUE(journal(many).take(event_of("connect", user)));
+        EXPECT_TRUE(journal(openvpn_folders, many).take(event_of("connect", user)));
         expected.push_back("1 " + user);
         if (n == 5) {
             EXPECT_FALSE(deliver());
             EXPECT_EQ(files_in("waiting"), 6U);
-            EXPECT_TRUE(fs::is_empty(run_folder + std::string("/new")));
+            EXPECT_TRUE(fs::is_empty(openvpn_folders.run + std::string("/new")));
         }
     }
     const ravod_process ravod;
@@ -335,10 +352,10 @@ TEST(openvpn_journal, waits_for_the_daemon_and_keeps_the_order) {
 
 TEST(openvpn_journal, is_bounded) {
     for (int n = 0; n < 5; ++n) {
-        EXPECT_EQ(journal(3).take(event_of("connect", std::to_string(n))), n < 3);
+        EXPECT_EQ(journal(openvpn_folders, 3).take(event_of("connect", std::to_string(n))), n < 3);
     }
     EXPECT_FALSE(deliver(3));
-    EXPECT_TRUE(journal(3).take(event_of("connect", "late")));
+    EXPECT_TRUE(journal(openvpn_folders, 3).take(event_of("connect", "late")));
     EXPECT_FALSE(deliver(3));
     EXPECT_EQ(files_in("waiting"), 3U);
     const ravod_process ravod;
@@ -347,12 +364,12 @@ TEST(openvpn_journal, is_bounded) {
 }
 
 TEST(openvpn_journal, files_that_are_no_events_do_not_stop_it) {
-    ASSERT_TRUE(make_folders(spool_folder + std::string("/waiting")));
-    write_file(spool_folder + std::string("/waiting/1"), "nonsense");
-    write_file(spool_folder + std::string("/waiting/2"), "");
-    write_file(spool_folder + std::string("/waiting/3"), event_of("connect", "a").bytes());
-    write_file(spool_folder + std::string("/waiting/.4"), "a draft");
-    ASSERT_TRUE(make_folders(spool_folder + std::string("/waiting/5")));
+    ASSERT_TRUE(make_folders(openvpn_folders.spool + std::string("/waiting")));
+    write_file(openvpn_folders.spool + std::string("/waiting/1"), "nonsense");
+    write_file(openvpn_folders.spool + std::string("/waiting/2"), "");
+    write_file(openvpn_folders.spool + std::string("/waiting/3"), event_of("connect", "a").bytes());
+    write_file(openvpn_folders.spool + std::string("/waiting/.4"), "a draft");
+    ASSERT_TRUE(make_folders(openvpn_folders.spool + std::string("/waiting/5")));
     const ravod_process ravod;
     EXPECT_TRUE(deliver());
     EXPECT_EQ(records(), texts{"1 a"});
@@ -362,7 +379,7 @@ TEST(openvpn_journal, server_closes_what_dead_servers_have_left) {
     const std::string dead = server_identity(getpid()) + "1";
     const std::string other = server_identity(getppid());
     const ravod_process ravod;
-    const journal events(many);
+    const journal events(openvpn_folders, many);
     EXPECT_TRUE(events.take(event_of("connect", "of_dead", dead)));
     EXPECT_TRUE(events.take(event_of("connect", "of_other", other)));
     EXPECT_TRUE(events.take(event_of("connect", "ended")));
@@ -382,7 +399,7 @@ TEST(openvpn_journal, server_closes_what_dead_servers_have_left) {
 TEST(openvpn_journal, nothing_twice_and_nothing_lost_when_it_is_killed) {
     const ravod_process ravod;
     setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which cannot look for them while traced
-    const journal events(many);
+    const journal events(openvpn_folders, many);
     bool was_killed = true;
     int n = 0;
     while (was_killed) {
@@ -406,7 +423,7 @@ TEST(openvpn_journal, nothing_twice_when_it_is_killed_on_the_way_to_the_disk) {
     texts expected;
     for (int n = 1; n <= changes; ++n) {
         expected.push_back("1 " + std::to_string(n));
-        EXPECT_TRUE(journal(many).take(event_of("connect", std::to_string(n))));
+        EXPECT_TRUE(journal(openvpn_folders, many).take(event_of("connect", std::to_string(n))));
         EXPECT_TRUE(kill_at_change({RAVO_OPENVPN, "replay"}, n));
     }
     const ravod_process ravod;

@@ -32,3 +32,14 @@ function(ravo_write_openvpn_files RAVO_PREFIX folder)
         configure_file("${RAVO_UNITS_SOURCE_DIR}/openvpn/${name}.conf.in" "${folder}/${name}.conf" @ONLY)
     endforeach()
 endfunction()
+
+# ravo_write_scripts(prefix folder names...): writes scripts for programs below the prefix, named with
+# their folder: what pppd calls (ppp/ip-up, ppp/ip-down), and what starts the services without systemd
+# (openrc/ravod, runit/run). Also used while installing.
+function(ravo_write_scripts RAVO_PREFIX folder)
+    foreach(name ${ARGN})
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/${name}.in" "${folder}/${name}" @ONLY
+            FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                WORLD_READ WORLD_EXECUTE)
+    endforeach()
+endfunction()

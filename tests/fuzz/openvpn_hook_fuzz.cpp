@@ -8,7 +8,9 @@
 
 #include "configuration.h"
 #include "environment.h"
+#include "event.h"
 #include "fuzz_target.h"
+#include "limiter_client.h"
 #include "session.h"
 
 namespace {

@@ -50,6 +50,7 @@ class Database:
 
     def __init__(self, figures):
         self.figures = figures
+        self.client = ravo.Client()
         self.begin_anew()
 
     def begin_anew(self):
@@ -61,7 +62,7 @@ class Database:
     def send(self, is_large):
         number = len(self.sent) + 1
         self.sent[number] = row_of(number, is_large)
-        ravo.add_connection(**self.sent[number])
+        self.client.sessions.add(ravo.Session(**self.sent[number]))
         return number
 
     def check(self):
@@ -143,7 +144,7 @@ def fill_to_row_cap(database):
     shutil.copyfile(DATABASE, CAPPED)
     daemon = Service(os.environ["RAVOD"])
     writing = WritingWatch()
-    ravo.add_connection(**row_of(ROW_CAP + 1, False))
+    database.client.sessions.add(ravo.Session(**row_of(ROW_CAP + 1, False)))
     end = time.monotonic()
     daemon.stop()
     return max(end - writing.begin(), 0.005)  # on a busy machine the watch may be late

@@ -6,7 +6,10 @@
 #include <string_view>
 #include <vector>
 
+#include "journal.h"
+
 inline constexpr char configuration_path[] = "/etc/ravo-openvpn.conf";
+inline constexpr journal_folders openvpn_folders = {"/run/ravo-openvpn", "/var/spool/ravo-openvpn"};
 
 struct configuration {
     std::vector<std::string> verifier;  // the program that knows passwords, with its arguments

@@ -5,7 +5,6 @@
 #include "login.h"
 
 #include <fcntl.h>
-#include <jansson.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/syscall.h>
@@ -13,27 +12,18 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
-#include <optional>
 #include <string_view>
 #include <vector>
 
-#include "block_settings.h"
-#include "journal.h"
-#include "json_ptr.h"
-#include "ravo_api.h"
-#include "session.h"
-#include "zbservice.h"
+#include "limiter_client.h"
 
 namespace {
 
@@ -58,56 +48,6 @@ verdict refuse(const login& attempt, const std::string& reason) {
     write_answer(attempt.given, "auth_failed_reason_file", reason);
     syslog(LOG_NOTICE, "login of %s refused: %s", shown(attempt.username).c_str(), reason.c_str());
     return verdict::refused;
-}
-
-// --- How long a block lasts ----------------------------------------------------------------------
-
-struct io_deleter {
-    void operator()(zb_io* io) const { zb_io_free(io); }
-};
-
-// As the daemon asks for them.
-block_settings ask_block_settings() {
-    const std::unique_ptr<zb_io, io_deleter> io(zb_io_create());
-    const std::string request = std::string(R"({"path": ")") + block_settings_path + R"("})";
-    if (zb_io_write(io.get(), request.data(), request.size()) != 0) return {};
-    if (zb_call("vpncaas", "read_json", io.get(), 2, -1) != 0) return {};
-    const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
-    const json_ptr reply(json_loads(text, 0, nullptr));
-    const json_t* error = json_object_get(reply.get(), "error");
-    if (!json_is_integer(error) || json_integer_value(error) != 0) return {};
-    return to_block_settings(reply.get());
-}
-
-// When the user's last failure was counted.
-std::optional<uint64_t> last_failure(const std::string& username) {
-    db_query_cond of_user = {};
-    of_user.count = -1;
-    memcpy(of_user.field, "username", sizeof "username");
-    memcpy(of_user.value, username.data(), username.size());
-    db_privilege_user_block_query header = {};
-    db_privilege_user_block_query* query = &header;
-    (void)list_privilege_user_block(&of_user, &query);
-    const std::unique_ptr<db_privilege_user_block_data, void (*)(void*)> rows(header.data, free);
-    for (uint64_t n = 0; n < header.count; ++n) {
-        if (header.data[n].username == username) return header.data[n].timestamp;
-    }
-    return std::nullopt;
-}
-
-std::string in_words(double seconds) {
-    if (seconds < 120) return std::to_string(static_cast<int>(std::max(seconds, 1.0))) + " seconds";
-    const double minutes = (seconds + 59) / 60;
-    return minutes < 1e6 ? std::to_string(static_cast<int>(minutes)) + " minutes" : "a long time";
-}
-
-std::string reason_of_block(const std::string& username) {
-    const std::string blocked = "Too many failed logins. Try again ";
-    const block_settings settings = ask_block_settings();
-    const std::optional<uint64_t> since = last_failure(username);
-    if (!settings.enabled || !since) return blocked + "later.";
-    const double elapsed = difftime(time(nullptr), static_cast<time_t>(*since));
-    return blocked + "in " + in_words(static_cast<double>(settings.block_seconds) - elapsed) + ".";
 }
 
 // --- The verifier --------------------------------------------------------------------------------
@@ -186,25 +126,17 @@ int run_verifier(const login& attempt, const configuration& settings) {
 
 // --- The limiter ---------------------------------------------------------------------------------
 
-// The limiter takes names that it could write to.
-template <auto call>
-int with_name(std::string username) {
-    return call(username.data());
-}
-
-template <auto call>
-void tell_limiter(const login& attempt) {
-    const int result = with_name<call>(attempt.username);
+void tell_if_failed(int result, const login& attempt) {
     if (result == 0) return;
     syslog(LOG_ERR, "the limiter does not learn how the login of %s ended: %s",
-           shown(attempt.username).c_str(), zb_strerror(result));
+           shown(attempt.username).c_str(), bus_result(result).c_str());
 }
 
 // Held while one login of a user is judged. Others with the same place among 1024 wait as well.
 class turn_of_user {
   public:
     turn_of_user(const std::string& username, unsigned seconds) {
-        const std::string folder = std::string(run_folder) + "/logins";
+        const std::string folder = std::string(openvpn_folders.run) + "/logins";
         if (!make_folders(folder)) return;
         const size_t place = std::hash<std::string>{}(username) % 1024;
         fd_ = open((folder + "/" + std::to_string(place)).c_str(), O_RDWR | O_CREAT | O_CLOEXEC,
@@ -232,7 +164,7 @@ verdict verify(const login& attempt, const configuration& settings, bool is_coun
     const int status = run_verifier(attempt, settings);
     if (status == exit_accepted) {
         // Earlier mistakes of somebody who knows the password are forgotten.
-        if (is_counted) tell_limiter<delete_privilege_user_block>(attempt);
+        if (is_counted) tell_if_failed(forget_failures(attempt.username), attempt);
         return verdict::accepted;
     }
     if (status == exit_deferred && !attempt.given.get("auth_control_file").empty()) {
@@ -242,7 +174,7 @@ verdict verify(const login& attempt, const configuration& settings, bool is_coun
         syslog(LOG_ERR, "%s has not judged the login of %s (exit status %d), which is refused",
                settings.verifier[0].c_str(), shown(attempt.username).c_str(), status);
     } else if (is_counted) {
-        tell_limiter<add_privilege_user_block>(attempt);
+        tell_if_failed(count_failure(attempt.username), attempt);
     }
     return verdict::refused;
 }
@@ -250,11 +182,11 @@ verdict verify(const login& attempt, const configuration& settings, bool is_coun
 verdict ask_limiter_and_verify(const login& attempt, const configuration& settings) {
     const turn_of_user turn(attempt.username, 2 * settings.verifier_seconds);
     if (!turn.has_come()) return refuse(attempt, "Too many logins at once. Try again later.");
-    const int blocked = with_name<check_privilege_user_block>(attempt.username);
+    const int blocked = check_block(attempt.username);
     if (blocked == 1) return refuse(attempt, reason_of_block(attempt.username));
     if (blocked < 0) {
-        syslog(LOG_ERR, "THE LIMITER IS AWAY (%s): the login of %s is %s", zb_strerror(blocked),
-               shown(attempt.username).c_str(),
+        syslog(LOG_ERR, "THE LIMITER IS AWAY (%s): the login of %s is %s",
+               bus_result(blocked).c_str(), shown(attempt.username).c_str(),
                settings.is_open_without_limiter ? "judged without it" : "refused");
         if (!settings.is_open_without_limiter) {
             return refuse(attempt, "Logins cannot be judged now. Try again later.");

@@ -4,7 +4,6 @@
 //
 // OpenVPN serves nobody while a hook runs. So a hook only reads what it was given, starts a process
 // of its own that does the work, and answers; whatever becomes of the work, the session goes on.
-#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -18,6 +17,8 @@
 
 #include "configuration.h"
 #include "environment.h"
+#include "event.h"
+#include "hook.h"
 #include "journal.h"
 #include "login.h"
 
@@ -39,51 +40,19 @@ int usage() {
     return exit_usage;
 }
 
-// --- The process that does the work --------------------------------------------------------------
-
-void let_go_of_server() {
-    (void)setsid();
-    const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
-    for (int stream = 0; stream <= 2; ++stream) (void)dup2(nothing, stream);
-    (void)close_range(3, ~0U, 0);
-    sigset_t none;
-    (void)sigemptyset(&none);
-    (void)sigprocmask(SIG_SETMASK, &none, nullptr);
-    (void)signal(SIGPIPE, SIG_IGN);
-    (void)signal(SIGCHLD, SIG_DFL);
-}
-
 void tell_unknown_lines(const configuration& settings) {
     for (const std::string& line : settings.unknown_lines) {
         syslog(LOG_ERR, "%s: not understood: %s", configuration_path, line.c_str());
     }
 }
 
-// Runs the work in a process that nobody waits for. False when there is none.
-template <class Work>
-bool start(Work work) {
-    const pid_t child = fork();
-    if (child != 0) return child > 0;
-    let_go_of_server();
-    work();
-    _exit(0);
-}
-
 // --- Hooks ---------------------------------------------------------------------------------------
 
 int record(std::string_view hook) {
     const configuration settings = read_configuration();
-    journal events(settings.waiting_events);
     const environment event = to_event(hook, environment(environ), time(nullptr));
-    const bool is_taken = events.take(event);
-    (void)start([&] {
-        tell_unknown_lines(settings);
-        if (!is_taken) {
-            syslog(LOG_ERR, "too many events wait, or %s cannot be written to: this %s is LOST",
-                   run_folder, std::string(hook).c_str());
-        }
-        (void)events.deliver(journal::when_busy::leave);
-    });
+    record_apart({openvpn_folders, settings.waiting_events}, {event},
+                 [&] { tell_unknown_lines(settings); });
     return exit_done;
 }
 
@@ -95,7 +64,7 @@ int authenticate(const char* file) {
         (void)signal(SIGPIPE, SIG_IGN);
         return judge(attempt, settings) == verdict::accepted ? exit_done : exit_refused;
     }
-    const bool is_started = start([&] {
+    const bool is_started = start_apart([&] {
         tell_unknown_lines(settings);
         const verdict judged = judge(attempt, settings);
         if (judged != verdict::left_to_verifier) answer(attempt, judged == verdict::accepted);
@@ -106,7 +75,8 @@ int authenticate(const char* file) {
 int replay() {
     const configuration settings = read_configuration();
     tell_unknown_lines(settings);
-    const bool is_done = journal(settings.waiting_events).deliver(journal::when_busy::wait);
+    journal events(openvpn_folders, settings.waiting_events);
+    const bool is_done = events.deliver(journal::when_busy::wait);
     return is_done ? exit_done : exit_refused;
 }
 

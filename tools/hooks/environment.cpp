@@ -1,8 +1,7 @@
-// The variables that a hook of OpenVPN is given, and those that an event keeps of them.
+// The variables that a hook is given, and those that an event has.
 #include "environment.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <fstream>
 #include <iterator>
@@ -11,23 +10,6 @@
 namespace {
 
 constexpr size_t value_size = 1024;
-constexpr size_t client_texts_size = 2048;
-
-constexpr std::array kept_variables = {"username",
-                                       "common_name",
-                                       "time_unix",
-                                       "time_duration",
-                                       "trusted_ip",
-                                       "trusted_ip6",
-                                       "trusted_port",
-                                       "dev",
-                                       "ifconfig_pool_remote_ip",
-                                       "ifconfig_pool_remote_ip6",
-                                       "bytes_sent",
-                                       "bytes_received",
-                                       "IV_PLAT",
-                                       "IV_VER",
-                                       "IV_HWADDR"};
 
 std::string file_text(const std::string& path) {
     std::ifstream in(path);
@@ -46,15 +28,6 @@ std::string start_in_ticks(pid_t pid) {
     }
     if (at == std::string::npos) return "";
     return status.substr(at, status.find(' ', at) - at);
-}
-
-void keep_client_texts(environment& event, const environment& given) {
-    size_t left = client_texts_size;
-    for (const auto& [name, value] : given.variables()) {
-        if (!name.starts_with("UV_") || name.size() + value.size() > left) continue;
-        event.set(name, value.substr(0, value_size));
-        left -= name.size() + value.size();
-    }
 }
 
 }  // namespace
@@ -89,6 +62,10 @@ void environment::set(std::string_view name, std::string_view value) {
     variables_.emplace_back(name, value);
 }
 
+void environment::keep(std::string_view name, std::string_view value) {
+    if (!value.empty()) set(name, value.substr(0, value_size));
+}
+
 std::string_view environment::get(std::string_view name) const {
     const auto found = std::find_if(variables_.begin(), variables_.end(),
                                     [name](const auto& each) { return each.first == name; });
@@ -110,16 +87,12 @@ uint64_t environment::number(std::string_view name) const {
 
 // --- Events --------------------------------------------------------------------------------------
 
-environment to_event(std::string_view hook, const environment& given, time_t now) {
+environment new_event(std::string_view hook, vpn_type type, pid_t server, time_t now) {
     environment event;
     event.set(hook_variable, hook);
+    event.set(type_variable, std::to_string(static_cast<int>(type)));
     event.set(noticed_variable, std::to_string(now));
-    event.set(server_variable, server_identity(static_cast<pid_t>(given.number("daemon_pid"))));
-    for (const char* name : kept_variables) {
-        const std::string_view value = given.get(name);
-        if (!value.empty()) event.set(name, value.substr(0, value_size));
-    }
-    keep_client_texts(event, given);
+    event.set(server_variable, server_identity(server));
     return event;
 }
 
@@ -129,6 +102,12 @@ std::string server_identity(pid_t pid) {
     std::string boot = file_text("/proc/sys/kernel/random/boot_id");
     if (!boot.empty() && boot.back() == '\n') boot.pop_back();
     return boot + "/" + std::to_string(pid) + "/" + start_in_ticks(pid);
+}
+
+bool is_same_server(std::string_view one, std::string_view other) {
+    const auto is_start_unknown = [](std::string_view identity) { return identity.ends_with('/'); };
+    return one == other || (is_start_unknown(one) && other.starts_with(one)) ||
+           (is_start_unknown(other) && one.starts_with(other));
 }
 
 bool is_running(std::string_view identity) {

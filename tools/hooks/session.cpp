@@ -7,21 +7,9 @@
 #include <limits>
 #include <vector>
 
+#include "text.h"
+
 namespace {
-
-constexpr int32_t vpn_type_openvpn = 4;
-constexpr size_t name_size = RAVO_TEXT_SIZE - 1;
-
-bool is_continuation(char byte) { return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U; }
-bool is_control(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
-
-// How many bytes of a text fit, without the beginning of a character that does not.
-size_t fitting_length(std::string_view text, size_t most) {
-    if (text.size() <= most) return text.size();
-    size_t length = most;
-    while (length > 0 && most - length < 4 && is_continuation(text[length])) --length;
-    return is_continuation(text[length]) ? most : length;  // no UTF-8: any place will do
-}
 
 template <size_t size>
 void put(char (&field)[size], std::string_view text) {
@@ -72,6 +60,15 @@ std::string_view source_address(const environment& event) {
     return event.first_of("trusted_ip", "trusted_ip6");
 }
 
+// When it happened: as its server says, else when it was noticed.
+uint64_t time_of(const environment& event) {
+    if (event.get("time_unix").empty()) return event.number(noticed_variable);
+    uint64_t time = 0;
+    const uint64_t uptime = event.number("time_duration");
+    const bool is_over = __builtin_add_overflow(event.number("time_unix"), uptime, &time);
+    return is_over ? std::numeric_limits<uint64_t>::max() : time;
+}
+
 // Six pairs of hexadecimal digits, which are not all alike: no address of a device is.
 std::optional<std::string> hardware_address(std::string_view text) {
     if (text.size() != 17) return std::nullopt;
@@ -110,17 +107,15 @@ bool is_same_session(const environment& one, const environment& other) {
     const std::string address = vpn_addresses(one);
     return !address.empty() && address == vpn_addresses(other) && user_of(one) == user_of(other) &&
            one.get("time_unix") == other.get("time_unix") &&
-           one.get(server_variable) == other.get(server_variable);
+           is_same_server(one.get(server_variable), other.get(server_variable));
 }
 
 db_conn_server_log to_connection(const environment& event, session_action action) {
     auto row = empty_record<db_conn_server_log>();
     put(row.username, user_of(event));
-    row.vpn_type = vpn_type_openvpn;
+    row.vpn_type = static_cast<int32_t>(event.number(type_variable));
     row.uptime = event.number("time_duration");
-    if (__builtin_add_overflow(event.number("time_unix"), row.uptime, &row.time)) {
-        row.time = std::numeric_limits<uint64_t>::max();
-    }
+    row.time = time_of(event);
     put(row.device_info, device_info(event));
     put(row.source_ip, source_address(event));
     put(row.vpn_ip, vpn_addresses(event));
@@ -150,18 +145,4 @@ std::optional<db_device_info_data> to_device(const environment& connect) {
     put(device.nic, connect.get("dev"));
     device.time = connect.number("time_unix");
     return device;
-}
-
-const char* limiter_objection(std::string_view name) {
-    if (name.empty()) return "it is empty";
-    if (name.size() > name_size) return "it has more than 1024 bytes";
-    if (name.find('%') != std::string_view::npos) return "it has a percent sign";
-    if (std::any_of(name.begin(), name.end(), is_control)) return "it has a control byte";
-    return nullptr;
-}
-
-std::string shown(std::string_view name) {
-    std::string text(name.substr(0, fitting_length(name, 200)));
-    std::replace_if(text.begin(), text.end(), is_control, '?');
-    return text;
 }

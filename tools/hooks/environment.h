@@ -1,6 +1,6 @@
-// The variables that a hook of OpenVPN is given, and those that an event keeps of them.
-#ifndef RAVO_OPENVPN_ENVIRONMENT_H
-#define RAVO_OPENVPN_ENVIRONMENT_H
+// The variables that a hook of a VPN server is given, and those that an event has.
+#ifndef HOOKS_ENVIRONMENT_H
+#define HOOKS_ENVIRONMENT_H
 
 #include <sys/types.h>
 
@@ -24,6 +24,8 @@ class environment {
 
     std::string bytes() const;
     void set(std::string_view name, std::string_view value);
+    // The first 1024 bytes of a value; nothing of an empty one.
+    void keep(std::string_view name, std::string_view value);
     // The value; empty when there is none.
     std::string_view get(std::string_view name) const;
     // The value of the first that has one.
@@ -41,22 +43,29 @@ class environment {
 
 // --- Events --------------------------------------------------------------------------------------
 
-// The names of an event's own variables. OpenVPN and its clients use none of them.
+// The names of an event's own variables. They come first, so that those of a client with the same
+// names do not count. All others have the names that OpenVPN gives them.
 inline constexpr char hook_variable[] = "hook";        // "connect", "disconnect", "server-up", ...
+inline constexpr char type_variable[] = "vpn_type";    // a vpn_type
 inline constexpr char noticed_variable[] = "noticed";  // seconds since the epoch
 inline constexpr char server_variable[] = "server";    // server_identity()
 
-// What of a hook's call is kept: the variables that a record is made of, each with 1024 bytes at
-// most, and what clients say about themselves with 2048 together.
-environment to_event(std::string_view hook, const environment& given, time_t now);
+// The values of a record's column of that name.
+enum class vpn_type { pptp = 1, l2tp = 2, openvpn = 4 };
+
+// An event with its own variables, and nothing else yet. server: the process id of the VPN server.
+environment new_event(std::string_view hook, vpn_type type, pid_t server, time_t now);
 
 // --- Servers -------------------------------------------------------------------------------------
 
 // What only this process has: the machine's start, the process id, and the process's start in
-// ticks.
+// ticks, which is empty when there is no such process.
 std::string server_identity(pid_t pid);
+
+// Whether two identities are of one server, which may have ended before one of them was made.
+bool is_same_server(std::string_view one, std::string_view other);
 
 // Whether the process with that identity runs.
 bool is_running(std::string_view identity);
 
-#endif  // RAVO_OPENVPN_ENVIRONMENT_H
+#endif  // HOOKS_ENVIRONMENT_H

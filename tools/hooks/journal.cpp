@@ -20,6 +20,7 @@
 #include <optional>
 #include <vector>
 
+#include "limiter_client.h"
 #include "ravo_api.h"
 #include "session.h"
 #include "zbservice.h"
@@ -91,9 +92,8 @@ bool is_removed(const std::string& path) {
 // The lock of whoever delivers. It ends with its owner.
 class delivery_lock {
   public:
-    explicit delivery_lock(journal::when_busy what)
-        : fd_(open((std::string(run_folder) + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC,
-                   0600)) {
+    delivery_lock(const std::string& folder, journal::when_busy what)
+        : fd_(open((folder + "/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
         const bool waits = what == journal::when_busy::wait;
         held_ = fd_ >= 0 && flock(fd_, waits ? LOCK_EX : LOCK_EX | LOCK_NB) == 0;
     }
@@ -157,7 +157,8 @@ void register_device(const environment& connect) {
     ravo_mobile_gen_uuid_data_get uuid = {};
     const int result = add_device_info(&*device, &uuid);
     if (result != 0) {
-        syslog(LOG_WARNING, "device %s is not registered: %s", device->mac, zb_strerror(result));
+        syslog(LOG_WARNING, "device %s is not registered: %s", device->mac,
+               bus_result(result).c_str());
     }
 }
 
@@ -167,22 +168,20 @@ bool make_folders(const std::string& folder) {
     for (size_t at = 1; at != std::string::npos;) {
         at = folder.find('/', at + 1);
         const std::string part = folder.substr(0, at);
-        if (mkdir(part.c_str(), part.find("ravo-openvpn") == std::string::npos ? 0755 : 0700) !=
-                0 &&
-            errno != EEXIST) {
-            return false;
-        }
+        const mode_t mode = part.find("/ravo-") == std::string::npos ? 0755 : 0700;
+        if (mkdir(part.c_str(), mode) != 0 && errno != EEXIST) return false;
     }
     return true;
 }
 
 // --- Taking in -----------------------------------------------------------------------------------
 
-journal::journal(unsigned most)
+journal::journal(const journal_folders& where, unsigned most)
     : most_(most),
-      new_(std::string(run_folder) + "/new"),
-      waiting_(std::string(spool_folder) + "/waiting"),
-      open_(std::string(spool_folder) + "/open") {}
+      run_(where.run),
+      new_(run_ + "/new"),
+      waiting_(std::string(where.spool) + "/waiting"),
+      open_(std::string(where.spool) + "/open") {}
 
 bool journal::take(const environment& event) const {
     if (access(new_.c_str(), W_OK) != 0 && !make_folders(new_)) return false;
@@ -211,13 +210,14 @@ std::map<std::string, std::string> journal::waiting() const {
 
 bool journal::deliver(when_busy what) {
     if (!make_folders(new_) || !make_folders(waiting_) || !make_folders(open_)) {
-        syslog(LOG_ERR, "cannot make %s or %s: %s", run_folder, spool_folder, strerror(errno));
+        syslog(LOG_ERR, "cannot make %s, %s or %s: %s", new_.c_str(), waiting_.c_str(),
+               open_.c_str(), strerror(errno));
         return false;
     }
     bool is_done = true;
     bool is_kept = true;
     do {
-        const delivery_lock lock(what);
+        const delivery_lock lock(run_, what);
         if (!lock.is_held()) return true;
         is_done = deliver_all();
         is_kept = is_done || keep_on_disk();
@@ -288,7 +288,8 @@ bool journal::close_lost(const environment& event, const later_events& has_later
         std::string path = open_ + "/" + name;
         const environment connect(file_bytes(path));
         const std::string_view its_server = connect.get(server_variable);
-        if (its_server != server && !(others_too && !is_running(its_server))) continue;
+        if (!is_same_server(its_server, server) && !(others_too && !is_running(its_server)))
+            continue;
         if (has_later(connect)) continue;
         const auto noticed = static_cast<time_t>(event.number(noticed_variable));
         if (!send_once(path, to_lost_connection(connect, noticed))) return false;
@@ -317,8 +318,8 @@ bool journal::send_once(std::string& path, const db_conn_server_log& row) {
         const std::string unmarked = path.substr(0, path.size() - sent_ending.size());
         if (rename(path.c_str(), unmarked.c_str()) == 0) path = unmarked;
     }
-    syslog(LOG_WARNING, "ravod does not take records (%s); they wait in %s", zb_strerror(result),
-           waiting_.c_str());
+    syslog(LOG_WARNING, "ravod does not take records (%s); they wait in %s",
+           bus_result(result).c_str(), waiting_.c_str());
     return false;
 }
 

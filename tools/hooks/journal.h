@@ -11,8 +11,8 @@
 //
 // An open session is a file with its connect. A server that ended without a disconnect leaves those
 // of its sessions, which are then recorded as lost.
-#ifndef RAVO_OPENVPN_JOURNAL_H
-#define RAVO_OPENVPN_JOURNAL_H
+#ifndef HOOKS_JOURNAL_H
+#define HOOKS_JOURNAL_H
 
 #include <functional>
 #include <map>
@@ -22,16 +22,20 @@
 #include "environment.h"
 #include "ravo_records.h"
 
-inline constexpr char run_folder[] = "/run/ravo-openvpn";
-inline constexpr char spool_folder[] = "/var/spool/ravo-openvpn";
+// Where a program's journal is: "/run/NAME" and "/var/spool/NAME".
+struct journal_folders {
+    const char* run;
+    const char* spool;
+};
 
-// Makes a folder and those above it, for this user alone. False when it is not there afterwards.
+// Makes a folder and those above it, ours for this user alone: those named "ravo-...". False when
+// it is not there afterwards.
 bool make_folders(const std::string& folder);
 
 class journal {
   public:
     // most: how many events may wait.
-    explicit journal(unsigned most);
+    journal(const journal_folders& where, unsigned most);
 
     // Takes an event in. Waits for nothing. False when too many wait, or /run cannot be written to.
     bool take(const environment& event) const;
@@ -41,6 +45,8 @@ class journal {
     // for that, or leaves everything to that process.
     enum class when_busy { wait, leave };
     bool deliver(when_busy what);
+
+    const std::string& run_folder() const { return run_; }
 
   private:
     using later_events = std::function<bool(const environment& connect)>;
@@ -56,7 +62,7 @@ class journal {
     bool keep_on_disk() const;
 
     unsigned most_;
-    std::string new_, waiting_, open_;
+    std::string run_, new_, waiting_, open_;
 };
 
-#endif  // RAVO_OPENVPN_JOURNAL_H
+#endif  // HOOKS_JOURNAL_H

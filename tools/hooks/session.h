@@ -1,6 +1,6 @@
 // What the records of a session are made of.
-#ifndef RAVO_OPENVPN_SESSION_H
-#define RAVO_OPENVPN_SESSION_H
+#ifndef HOOKS_SESSION_H
+#define HOOKS_SESSION_H
 
 #include <optional>
 #include <string>
@@ -15,8 +15,8 @@ enum class session_action { connected = 1, disconnected = 2, lost = 3 };
 // The user of a session: the name that the client gave, or its certificate's.
 std::string_view user_of(const environment& event);
 
-// What a connect and its disconnect have in common, and no two sessions: server, start, source
-// address and port, and name.
+// What a connect and its disconnect have in common, and no two sessions: server, start (of which
+// only OpenVPN tells), source address and port, and name.
 std::string session_key(const environment& event);
 
 // Whether two events are of one session, whose client may have moved to another source address
@@ -33,10 +33,4 @@ db_conn_server_log to_lost_connection(const environment& connect, time_t noticed
 // The device of a connect; none when the client does not tell a hardware address.
 std::optional<db_device_info_data> to_device(const environment& connect);
 
-// Why the limiter must not be asked about a name; null when it may be.
-const char* limiter_objection(std::string_view name);
-
-// A name for a line of a log: its first 200 bytes, control bytes as "?".
-std::string shown(std::string_view name);
-
-#endif  // RAVO_OPENVPN_SESSION_H
+#endif  // HOOKS_SESSION_H
