@@ -81,7 +81,8 @@ class python_package(RavodTest):
         self.assertRaises(ravo.FieldError, client.outgoing.add, ravo.Outgoing(country_code="abc"))
         self.assertRaises(ravo.FieldError, client.servers.add, ravo.Server(device_name="x" * 1024))
         self.assertRaises(ravo.FieldError, client.limiter.add_failure, "x" * 1025)
-        for query in ({"order_by": "nix"}, {"where": ("nix", "a")}, {"where": ("limit", 1)}, {"count": 2**63}):
+        for query in ({"order_by": "nix"}, {"where": ("nix", "a")}, {"where": ("limit", 1)}, {"count": 2**63},
+                      {"count": -2}, {"start": -1}):
             self.assertRaises(ravo.FieldError, client.sessions.page, **query)
         self.assertEqual(client.sessions.page().total, 0)
 

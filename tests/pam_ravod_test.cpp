@@ -7,14 +7,17 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <exception>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "ravo_api.h"
+#include "support/alloc_fault.h"
 #include "support/daemon.h"
 #include "support/files.h"
+#include "support/service.h"
 
 namespace {
 
@@ -120,6 +123,39 @@ TEST(pam_ravod, forked_child_logs_in_by_itself) {
     EXPECT_EQ(wait_for_exit(child), 0);
     EXPECT_EQ(authenticate("authfail", "alice"), PAM_AUTH_ERR);
     EXPECT_EQ(failures_of("alice"), 3);
+}
+
+// Each allocation fails once, in a process of its own. The client library may end that when there
+// is none for a request; nothing else may.
+void run_out_of_memory(const std::string& name, const char* step, const char* user) {
+    write_service(step);
+    const auto log_in = [=](size_t n) {
+        std::set_terminate([] { _exit(1); });  // an exception that was let out
+        (void)signal(SIGABRT, [](int) { _exit(0); });
+        const pam_conv conversation = {say_nothing, nullptr};
+        pam_handle_t* pam = nullptr;
+        ASSERT_EQ(pam_start_confdir(step, user, &conversation, services, &pam), PAM_SUCCESS);
+        int result = PAM_SUCCESS;
+        {
+            const alloc_fault::failing_allocation fault(n);
+            result = pam_authenticate(pam, 0);
+        }
+        EXPECT_EQ(pam_end(pam, result), PAM_SUCCESS);
+    };
+    alloc_fault::exhaust(name, log_in, [] {});
+}
+
+TEST(pam_ravod, memory_that_runs_out_ends_a_login_and_not_its_program) {
+    write_file("/etc/config/vpn_block.conf",
+               R"({"global": {"enable": true, "limit": 1, "time": 5}})");
+    const service_process vpncaas(VPNCAAS, "vpncaas");
+    const ravod_process ravod;
+    char mallory[] = "mallory";
+    EXPECT_EQ(add_privilege_user_block(mallory), 0);
+    run_out_of_memory("blocked", "preauth", mallory);
+    for (const char* step : {"preauth", "authfail", "authsucc"}) {
+        run_out_of_memory(step, step, "alice");
+    }
 }
 
 TEST(pam_ravod, user_without_a_name_is_nobody) {

@@ -247,6 +247,8 @@ def condition(record: Type[Record], start: int, count: int, order_by: str, desce
               where: Optional[Tuple[str, Value]]) -> Condition:
     """A condition whose columns the table has: one that it has not costs some tables all their rows."""
     columns = record.columns()
+    if start < 0 or count < -1:
+        raise FieldError(f"there is no page of {count} rows from {start} on")
     field, value = where or ("", "")
     for name in (order_by, field or "id"):
         if name not in columns:
