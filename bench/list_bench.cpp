@@ -6,11 +6,15 @@
 //                  Each part runs by itself in memory that is there already: nothing that answers
 //                  a listing does less.
 //   the plain way  a server that grows its rows by one realloc for each, copies them into a
-//   payload,
-//                  and a client that receives into a growing buffer and copies its array out
+//                  payload, and a client that receives into a growing buffer and copies its
+//                  array out
 //   memory         of the daemon, on our bus and on one that has the platform's functions alone:
 //                  the peak over the reply's size, and what is held more than before, a second
 //                  after the client has it all
+//
+// The largest listing is measured in memory that the machine has: before each turn as much is taken
+// and given back, untimed. A virtual machine may return free memory to its host, where it costs
+// more than the listing to have it again. How it goes then is shown without a goal.
 //
 // Everything runs on one CPU, over tables filled alike in two files of one file system. Run it
 // through bench/run, which gives it a throw-away root.
@@ -254,13 +258,30 @@ void compare_page(sum& floor, size_t rows, size_t table) {
                    {{"the sum", bench::repeated(times, [&] { floor.list(rows); }), 1.1}});
 }
 
+// As much as the plain way has at its peak.
+void have_memory() {
+    constexpr size_t length = 6 * largest_reply;
+    munmap(resident_block(length), length);
+}
+
+bench::sample in_memory_that_is_had(const std::function<void()>& work) {
+    return [work] {
+        have_memory();
+        return bench::microseconds(1, work);
+    };
+}
+
 void compare_largest(sum& floor) {
     const other_process plain(answer_plainly);
+    const auto ours = [] { list_through_daemon(largest); };
+    const auto sum = [&] { floor.list(largest); };
+    const auto plainly = [&] { list_plainly(plain, largest); };
+    bench::compare("listing", state_of(largest, largest), 7, in_memory_that_is_had(ours),
+                   {{"the sum", in_memory_that_is_had(sum), 1.5},
+                    {"the plain way", in_memory_that_is_had(plainly), 1.0 / 3}});
     bench::compare(
-        "listing", state_of(largest, largest), 7,
-        bench::repeated(1, [] { list_through_daemon(largest); }),
-        {{"the sum", bench::repeated(1, [&] { floor.list(largest); }), 1.5},
-         {"the plain way", bench::repeated(1, [&] { list_plainly(plain, largest); }), 1.0 / 3}});
+        "listing", state_of(largest, largest) + ", memory as it comes", 5, bench::repeated(1, ours),
+        {{"the sum", bench::repeated(1, sum)}, {"the plain way", bench::repeated(1, plainly)}});
 }
 
 // --- Memory --------------------------------------------------------------------------------------

@@ -164,6 +164,16 @@ void compare_requests(const char* ravod, int rounds, int times) {
     }
 }
 
+// Of the machine as a daemon has it: any CPU, and no real-time policy, under which a notifier that
+// has come to its program runs until it waits for something before its caller goes on.
+void take_a_daemons_place() {
+    const sched_param none = {};
+    if (sched_setscheduler(0, SCHED_OTHER, &none) != 0)
+        give_up("cannot leave the real-time policy");
+    (void)setpriority(PRIO_PROCESS, 0,
+                      -20);  // still ahead of other programs, where that is allowed
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -171,7 +181,7 @@ int main(int argc, char** argv) {
     std::filesystem::create_directories("/usr/local/sbin");
     std::filesystem::create_symlink(argv[3], "/usr/local/sbin/notify");
     if (prctl(PR_SET_CHILD_SUBREAPER, 1) != 0) give_up("cannot take in orphans");
-    bench::run_on(0);
+    take_a_daemons_place();
     compare_calls(0, 31, 10);
     compare_calls(size_t{64} << 20, 15, 2);
     compare_calls(size_t{512} << 20, 5, 1);

@@ -17,6 +17,8 @@ bench_packages=(libsystemd-dev)
 openvpn_packages=(openvpn openssl)
 # What packaging/build-packages needs besides.
 packaging_packages=(abigail-tools debhelper dh-python dpkg-dev fakeroot lintian mmdebstrap)
+# The browser that looks at ravoctl's report in the tests. Without it they say so and go on.
+browser_packages=(chromium fonts-dejavu-core)
 # What ./test --coverage needs besides.
 coverage_packages=(gcovr)
 

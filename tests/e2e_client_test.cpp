@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -356,6 +357,49 @@ TEST_F(e2e_client, list_of_100000_rows_arrives_whole) {
     }
     EXPECT_EQ(wrong, 0U);
     free(header.data);
+}
+
+// Pages' memory is used again. Nothing of an earlier page may be behind the shorter texts of a
+// later.
+TEST_F(e2e_client, page_has_no_bytes_of_an_earlier_page) {
+    constexpr int64_t rows = 60;  // above the size from which memory is kept
+    const auto short_row = row_with_text<db_conn_server_log>("s");
+    for (const char letter : {'l', 's'}) {
+        const size_t length = letter == 'l' ? 1000 : 1;
+        auto row = row_with_text<db_conn_server_log>(std::string(length, letter));
+        for (int64_t n = 0; n < rows; ++n) ASSERT_EQ(add_conn_server_log(&row), 0);
+    }
+    for (int repeated = 0; repeated < 2; ++repeated) {
+        const auto earlier = read(list_conn_server_log, page(0, rows));
+        ASSERT_TRUE(earlier);
+        EXPECT_EQ(earlier->rows.front().username[999], 'l');
+        const auto later = read(list_conn_server_log, page(rows, rows));
+        ASSERT_TRUE(later);
+        ASSERT_EQ(later->rows.size(), static_cast<size_t>(rows));
+        for (db_conn_server_log got : later->rows) {
+            got.id = 0;
+            ASSERT_TRUE(bytes_of(got) == bytes_of(short_row));
+        }
+    }
+}
+
+// Pages of memory that the system has given a process until now.
+long pages_given_to(pid_t pid) {
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    for (int n = 0; n < 8; ++n) fields >> field;  // of proc_pid_stat(5), minflt is the tenth
+    return std::stol(field);
+}
+
+TEST_F(e2e_client, page_of_the_usual_size_takes_no_new_memory) {
+    constexpr int64_t rows = 200;  // 254 pages of 4 KiB
+    auto row = row_with_text<db_conn_server_log>("x");
+    for (int64_t n = 0; n < rows; ++n) ASSERT_EQ(add_conn_server_log(&row), 0);
+    for (int n = 0; n < 3; ++n) ASSERT_TRUE(read(list_conn_server_log, page(0, -1)));
+    const long before = pages_given_to(daemon.pid());
+    for (int n = 0; n < 3; ++n) ASSERT_TRUE(read(list_conn_server_log, page(0, -1)));
+    EXPECT_LT(pages_given_to(daemon.pid()) - before, 60) << "once would be 250 and more";
 }
 
 TEST_F(e2e_client, c11_program_records_and_lists) { EXPECT_EQ(run_process({CLIENT_C11}), 0); }

@@ -250,24 +250,25 @@ class ravoctl_gateway(RavodTest):
                 self.put(content)
                 result = self.gateway()
                 self.assertEqual((result.returncode, result.stdout.decode().splitlines()), (
-                    2, ["gateway:       not known: the options file is damaged", NO_SERVICE]))
+                    7, ["gateway:       not known: the options file is damaged", NO_SERVICE]))
                 self.assertIn(f"{OPTIONS} is damaged: {words}", result.stderr.decode("ascii"))
                 self.assertNotRegex(result.stderr, rb"[\x00-\x09\x0b-\x1f\x7f]")
                 result = self.gateway("show", "--json")
-                self.assertEqual(result.returncode, 2)
+                self.assertEqual(result.returncode, 7)
                 self.assertEqual(json.loads(result.stdout)["options_file"], "damaged")
                 self.assertIsNone(json.loads(result.stdout)["gateway"])
 
     def test_what_cannot_be_read_is_named_and_nothing_waits_for_it(self):
-        for make, words in ((lambda: os.mkdir(OPTIONS), "no regular file"),
-                            (lambda: os.mkfifo(OPTIONS), "no regular file"),
-                            (lambda: os.symlink("/dev/zero", OPTIONS), "no regular file"),
-                            (lambda: os.close(os.open(OPTIONS, os.O_CREAT, 0)), "Permission denied")):
+        for make, status, words in (
+                (lambda: os.mkdir(OPTIONS), 7, "no regular file"),
+                (lambda: os.mkfifo(OPTIONS), 7, "no regular file"),
+                (lambda: os.symlink("/dev/zero", OPTIONS), 7, "no regular file"),
+                (lambda: os.close(os.open(OPTIONS, os.O_CREAT, 0)), 4, "Permission denied")):
             make()
             for arguments in ([], ["--json"], ["set", "none"], ["set", "none", "--reset"],
                               ["drop", "openvpn", "1"]):
                 with self.subTest(words=words, arguments=arguments):
-                    self.fails(self.gateway(*arguments), 2, OPTIONS, words)
+                    self.fails(self.gateway(*arguments), status, OPTIONS, words)
             (os.rmdir if os.path.isdir(OPTIONS) else os.unlink)(OPTIONS)
 
     # --- The network service and the notifier ---
@@ -371,9 +372,9 @@ class ravoctl_gateway(RavodTest):
                 self.put(document)
             for arguments, *words in REFUSED:
                 with self.subTest(arguments=arguments):
-                    self.fails_and_keeps(1, ["set", *arguments], *words)
-        self.fails_and_keeps(1, ["set", b"\x1b[31m\xc2\x9b", "1"], r"\x1B[31m\xC2\x9B")
-        self.fails_and_keeps(1, ["set", "pptp", b"\x1b[31m\xff"], r"\x1B[31m\xFF")
+                    self.fails_and_keeps(2, ["set", *arguments], *words)
+        self.fails_and_keeps(2, ["set", b"\x1b[31m\xc2\x9b", "1"], r"\x1B[31m\xC2\x9B")
+        self.fails_and_keeps(2, ["set", "pptp", b"\x1b[31m\xff"], r"\x1B[31m\xFF")
 
     def test_sections_that_are_missing_are_made_and_others_stay(self):
         hostile = {"a\n": [1, {"\x1b": None}], "zoë": 2.5}
@@ -403,8 +404,8 @@ class ravoctl_gateway(RavodTest):
         for content, words in DAMAGED:
             with self.subTest(content=content[:30]):
                 self.put(content)
-                self.fails_and_keeps(2, ["set", "openvpn", "1"], "is damaged", words, "--reset")
-                self.fails_and_keeps(2, ["drop", "openvpn", "1"], "is damaged", words)
+                self.fails_and_keeps(7, ["set", "openvpn", "1"], "is damaged", words, "--reset")
+                self.fails_and_keeps(7, ["drop", "openvpn", "1"], "is damaged", words)
                 self.change("set", "openvpn", "1", "--reset")
                 self.assertEqual(self.document(), {"global": GLOBAL, "gw_setting": ALONE})
         self.put({"x": 1, "gw_setting": NONE})
@@ -451,7 +452,7 @@ class ravoctl_gateway(RavodTest):
                                   (["nix", "1"], "nix"), (["openvpn", "-1"], "-1", "0 to 499"),
                                   (["openvpn", "500"], "500"), (["openvpn", "1", "2"], "2")):
             with self.subTest(arguments=arguments):
-                self.fails_and_keeps(1, ["drop", *arguments], *words)
+                self.fails_and_keeps(2, ["drop", *arguments], *words)
 
     # --- Files that resist ---
 
@@ -469,7 +470,7 @@ class ravoctl_gateway(RavodTest):
     def test_full_disk_stops_a_change_before_it_begins(self):
         self.fill_small(0, json.dumps({"x": "y" * 9000, "gw_setting": BACKED_UP}).encode())
         for arguments in (["set", "none"], ["drop", "openvpn", "1"]):
-            self.fails_and_keeps(2, arguments, "No space left", "nothing was changed")
+            self.fails_and_keeps(7, arguments, "No space left", "nothing was changed")
         self.put(b"{}")
         os.truncate("/small/filler", os.path.getsize("/small/filler"))
         self.assertEqual(self.lines(), [NO_GATEWAY, NO_SERVICE])
@@ -478,7 +479,7 @@ class ravoctl_gateway(RavodTest):
         page = os.statvfs("/small").f_bsize
         self.fill_small(1, json.dumps({"x": "y" * (page - 12)}).encode())
         self.assertLessEqual(len(self.content()), page)
-        self.fails_and_keeps(2, ["set", "none"], "/small/options.ravoctl", "No space left")
+        self.fails_and_keeps(7, ["set", "none"], "/small/options.ravoctl", "No space left")
 
     def test_document_that_the_disk_has_no_room_for_is_taken_back(self):
         page = os.statvfs("/small").f_bsize
@@ -534,7 +535,7 @@ class ravoctl_gateway(RavodTest):
         os.chmod("/etc/config", 0o555)
         self.assertEqual(self.lines()[0], "gateway:       OpenVPN 1")
         for arguments in (["set", "none"], ["drop", "openvpn", "1"]):
-            self.fails_and_keeps(2, arguments, "/etc/config/", "cannot be locked", "Permission denied")
+            self.fails_and_keeps(4, arguments, "/etc/config/", "cannot be locked", "Permission denied")
         os.chmod("/etc/config", 0o755)
         os.unlink(OPTIONS)
         os.unlink(OPTIONS + ".lck")
@@ -599,7 +600,7 @@ class ravoctl_gateway(RavodTest):
                         os.unlink(OPTIONS)
                     self.put_copy(json.dumps(before).encode())
                     result = self.gateway("show")
-                    self.assertEqual(result.returncode, 2 if nothing in DAMAGED_NOTHING else 0)
+                    self.assertEqual(result.returncode, 7 if nothing in DAMAGED_NOTHING else 0)
                     self.assertIn("a change was interrupted", result.stderr.decode())
                     self.assertIn(COPY, result.stderr.decode())
                     self.change_saying(errors, *arguments)
@@ -630,19 +631,19 @@ class ravoctl_gateway(RavodTest):
         self.put_copy(b'{"x": 1}')
         os.chmod(COPY, 0)
         for arguments in (["set", "none"], ["set", "none", "--reset"], ["drop", "pptp", "1"]):
-            self.fails(self.gateway(*arguments), 2, COPY, "Permission denied")
+            self.fails(self.gateway(*arguments), 4, COPY, "Permission denied")
         os.chmod(COPY, 0o644)
         self.gateway()  # makes the lock file
         self.addCleanup(os.chmod, "/etc/config", os.stat("/etc/config").st_mode)
         os.chmod("/etc/config", 0o555)
-        self.fails(self.gateway("set", "none", "--reset"), 2, OPTIONS, "cannot be replaced")
+        self.fails(self.gateway("set", "none", "--reset"), 4, OPTIONS, "cannot be replaced")
         os.chmod("/etc/config", 0o755)
         self.change_saying(TAKEN_BACK + NOT_READ, "drop", "pptp", "1")
         self.assertEqual(self.document(), {"x": 1})
 
     def test_json_is_for_showing_only(self):
         for arguments in (["set", "none"], ["drop", "pptp", "1"]):
-            self.fails_and_keeps(1, ["--json", *arguments], "--json")
+            self.fails_and_keeps(2, ["--json", *arguments], "--json")
         self.assertFalse(os.path.exists(OPTIONS))
         self.assertEqual(self.json("show")["options_file"], "missing")
 
@@ -665,7 +666,7 @@ class ravoctl_gateway(RavodTest):
         for command in ("set", "drop"):
             self.assertIn("pptp (0 to 249), l2tp (0 to 749), openvpn (0 to 499), tessel (0 to 2499)",
                           self.succeed(self.gateway(command, "--help")))
-        self.assertIn("5 a gateway", self.succeed(self.gateway("--help")))
+        self.assertIn("5 accepted", self.succeed(self.gateway("--help")))
         self.assertRegex(self.succeed(self.gateway("set", "--help")), r"never, 0, 1, 5 or 10; 0 if not")
 
 

@@ -236,7 +236,7 @@ class ravoctl(RavodTest):
             (["nix"], "nix"),
         ):
             with self.subTest(arguments=arguments):
-                self.fails(self.ravoctl("sessions", *arguments), 1, *words)
+                self.fails(self.ravoctl("sessions", *arguments), 2, *words)
 
     # --- Adding ---
 
@@ -270,7 +270,7 @@ class ravoctl(RavodTest):
                 for text, words in bad.items():
                     with self.subTest(table=table, field=name, text=text[:30]):
                         result = self.ravoctl(table, VERBS[table], f"{name}={text}")
-                        self.fails(result, 1, name, words)
+                        self.fails(result, 2, name, words)
             self.assertEqual(self.table(table), ["no rows; the table has 0"])
 
     def test_add_refuses_what_is_no_assignment(self):
@@ -280,7 +280,7 @@ class ravoctl(RavodTest):
             (["id=1"], "id", "table"), (["action=1", "action=2"], "action", "twice"),
         ):
             with self.subTest(words=words):
-                self.fails(self.ravoctl("sessions", "add", *words), 1, *expected)
+                self.fails(self.ravoctl("sessions", "add", *words), 2, *expected)
         self.assertEqual(self.table("sessions"), ["no rows; the table has 0"])
 
     def test_times_are_taken_in_three_forms_and_shown_in_utc(self):
@@ -296,7 +296,7 @@ class ravoctl(RavodTest):
         self.assertIn(" 2026-11-21T01:00:58Z ", lines[1])
         self.assertIn(" 9223372036854775807 ", lines[4])  # no year that ISO 8601 could write
         for text in ("2026-02-30T00:00:00Z", "2026-11-21", "yesterday", "2026-11-21T01:00:58Zx"):
-            self.fails(self.ravoctl("sessions", "add", f"time={text}"), 1, "time", "epoch")
+            self.fails(self.ravoctl("sessions", "add", f"time={text}"), 2, "time", "epoch")
 
     # --- Output ---
 
@@ -318,7 +318,7 @@ class ravoctl(RavodTest):
 
     def test_wrong_words_are_escaped_in_messages_too(self):
         result = self.ravoctl("sessions", "add", b"\x1b[31m=1")
-        self.fails(result, 1, r"\x1B[31m")
+        self.fails(result, 2, r"\x1B[31m")
         self.assertNotIn(b"\x1b", result.stderr)
         for words in (["sessions", b"\x1b[31m"], ["sessions", b"--\x1b[31m"],
                       ["blocks", "fail", "a", b"\x1b[31m"]):
@@ -365,7 +365,7 @@ class ravoctl(RavodTest):
         with open("/dev/full", "wb") as full:
             result = subprocess.run([os.environ["RAVOCTL"], "sessions"], stdout=full,
                                     stderr=subprocess.PIPE, check=False)
-        self.assertEqual(result.returncode, 2)
+        self.assertEqual(result.returncode, 7)
         self.assertIn(b"output", result.stderr)
 
     # --- Failing daemon ---
@@ -382,27 +382,27 @@ class ravoctl(RavodTest):
 
     def test_wrong_usage_needs_no_daemon(self):
         for arguments in ([], ["nix"], ["--nix"], ["call"], ["sessions", "--order", "nix"]):
-            self.fails(self.ravoctl(*arguments), 1)
+            self.fails(self.ravoctl(*arguments), 2)
 
     def test_daemon_that_does_not_answer_is_told_from_one_that_is_not_there(self):
         closing = Closing()
         self.addCleanup(closing.stop)
-        self.fails(self.ravoctl("sessions"), 4, "no answer")
-        self.fails(self.ravoctl("sessions", "add", "username=x"), 4, "no answer")
+        self.fails(self.ravoctl("sessions"), 8, "no answer")
+        self.fails(self.ravoctl("sessions", "add", "username=x"), 8, "no answer")
         for command in (["call", "db_event_insert"], ["uuid"], ["blocks"], ["blocks", "check", "x"],
                         ["blocks", "fail", "x"], ["blocks", "lift", "x"], ["blocks", "lift", "--all"]):
-            self.fails(self.ravoctl(*command), 4, "no answer")
+            self.fails(self.ravoctl(*command), 8, "no answer")
 
     def test_rows_that_could_not_be_counted_are_told(self):
         with open(DATABASE, "wb") as database:
             database.write(b"this is no database" * 1000)
         self.start_ravod()
         result = self.ravoctl("sessions")
-        self.assertEqual(result.returncode, 4)
+        self.assertEqual(result.returncode, 8)
         self.assertIn(b"could not count", result.stderr)
         self.assertEqual(result.stdout, b"no rows; the table has an unknown number\n")
         result = self.ravoctl("sessions", "--json")
-        self.assertEqual(result.returncode, 4)
+        self.assertEqual(result.returncode, 8)
         self.assertIsNone(json.loads(result.stdout)["total"])
 
     # --- Devices and UUIDs ---
@@ -422,14 +422,14 @@ class ravoctl(RavodTest):
     def test_device_without_mac_or_with_a_uuid_of_its_own_is_refused(self):
         self.start_ravod()
         for words, *expected in ((["ip=1"], "mac"), (["mac="], "mac"), (["dev_uuid=x", "mac=a"], "dev_uuid")):
-            self.fails(self.ravoctl("devices", "register", *words), 1, *expected)
+            self.fails(self.ravoctl("devices", "register", *words), 2, *expected)
         self.assertEqual(self.json("devices")["total"], 0)
 
     def test_device_that_was_not_stored_is_a_failure(self):
         self.start_ravod()
         spoiled = struct.pack("=qqqq", 0, 1, 0, 0) + b"nix".ljust(1025, b"\0") + b"x"
         self.ravoctl("call", "db_device_info_query", "--hex", spoiled.ljust(QUERY_SIZE, b"\0").hex())
-        self.fails(self.ravoctl("devices", "register", "mac=a"), 4, "could not store", "log")
+        self.fails(self.ravoctl("devices", "register", "mac=a"), 5, "could not store", "log")
 
     def test_uuid_is_fresh_each_time(self):
         self.start_ravod()
@@ -595,10 +595,10 @@ class ravoctl(RavodTest):
         self.assertEqual(struct.unpack("=QQ", result.stdout[:16]), (1, 1))
         self.assertEqual(self.succeed(self.ravoctl("call", "db_event_insert")), "")
 
-    def test_call_that_the_daemon_refuses_ends_with_4(self):
+    def test_call_that_the_daemon_refuses_ends_with_8(self):
         self.start_ravod()
         for method in ("nix", "DB_EVENT_INSERT", "db_conn_insert"):
-            self.fails(self.ravoctl("call", method, "--text", "short"), 4, "not answered")
+            self.fails(self.ravoctl("call", method, "--text", "short"), 8, "not answered")
 
     def test_call_refuses_what_the_bus_cannot_take(self):
         with open("/tmp/large", "wb") as file:
@@ -613,7 +613,7 @@ class ravoctl(RavodTest):
             (["m", "--timeout", "0"], "--timeout"),
         ):
             with self.subTest(arguments=arguments):
-                self.fails(self.ravoctl("call", *arguments), 1, *words)
+                self.fails(self.ravoctl("call", *arguments), 2, *words)
 
     # --- The report ---
 
@@ -659,11 +659,11 @@ class ravoctl(RavodTest):
             (["--since", "today", "--until", "yesterday"], "not before"),
         ):
             with self.subTest(arguments=arguments):
-                self.fails(self.ravoctl("report", "--html", "/tmp/page.html", *arguments), 1, *words)
-        self.fails(self.ravoctl("report"), 1, "--html")
+                self.fails(self.ravoctl("report", "--html", "/tmp/page.html", *arguments), 2, *words)
+        self.fails(self.ravoctl("report"), 2, "--html")
         self.fails(self.ravoctl("report", "--html", "/tmp/page.html"), 3, ENDPOINT)
         self.start_ravod()
-        self.fails(self.ravoctl("report", "--html", "/nix/page.html"), 2, "/nix/page.html",
+        self.fails(self.ravoctl("report", "--html", "/nix/page.html"), 7, "/nix/page.html",
                    "No such file")
         self.assertEqual(os.listdir("/tmp").count("page.html"), 0)
 
@@ -674,7 +674,7 @@ class ravoctl(RavodTest):
         with open("/small/rest", "wb") as file, self.assertRaises(OSError):
             while True:
                 os.write(file.fileno(), bytes(4096))
-        self.fails(self.ravoctl("report", "--html", "/small/page.html"), 2, "No space")
+        self.fails(self.ravoctl("report", "--html", "/small/page.html"), 7, "No space")
         with open("/small/page.html", encoding="utf-8") as file:
             self.assertEqual(file.read(), "old")
         self.assertEqual(sorted(os.listdir("/small")), ["page.html", "rest"])

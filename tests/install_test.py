@@ -15,10 +15,12 @@ PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/no
             "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/ravod-notify", "sbin/vpncaas"]
 ON_THE_BUS = [path for path in PROGRAMS if path not in ("sbin/notify", "sbin/ravod-notify")]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
-MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/ravo_api.3",
-                "man8/NetworkService.8", "man8/notify.8", "man8/pam_ravod.8",
-                "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8", "man8/ravo-ppp.8", "man8/ravod-notify.8",
-                "man8/ravod.8", "man8/vpncaas.8"]
+MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/Ini_Conf_Read_Lock_File.3",
+                "man3/ravo_api.3", "man3/zbservice.3", "man5/vpn_block.conf.5",
+                "man5/vpn_options.conf.5", "man8/NetworkService.8", "man8/notify.8",
+                "man8/pam_ravod.8", "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8",
+                "man8/ravo-ppp.8", "man8/ravod-notify.8", "man8/ravod.8",
+                "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
@@ -191,7 +193,7 @@ class install(RavodTest):
         self.assertNotIn("zb_strerror", self.check("nm", "-D", env["STANDIN"] + "/libzbservice.so.1"))
         # Without a daemon: this library takes every call and answers it with nothing.
         self.succeed(self.ravoctl("sessions", "add", "username=x", env=env))
-        self.fails(self.ravoctl("sessions", env=env), 4, "did not answer the query")
+        self.fails(self.ravoctl("sessions", env=env), 8, "did not answer the query")
 
     def test_units_start_the_installed_services_in_their_sandbox(self):
         for name in SERVICES:

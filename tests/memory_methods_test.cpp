@@ -45,6 +45,7 @@ constexpr time_t start_time = 1795222858;
 std::string reply;         // with room for any
 bool takes_blocks = true;  // of the bus
 void* block = nullptr;     // handed over
+void (*release_block)(void*) = nullptr;
 size_t block_length = 0;
 std::string_view settings;  // the settings service's reply
 time_t now = start_time;
@@ -61,13 +62,14 @@ int zb_reply(zb_io* io) {
     const char* bytes = static_cast<const char*>(zb_io_read(io, &length));
     reply.assign(bytes, length);
     reply.append(static_cast<const char*>(block), block_length);
-    free(std::exchange(block, nullptr));
+    if (block != nullptr) release_block(std::exchange(block, nullptr));
     block_length = 0;
     return 0;
 }
 
-int zb_io_adopt(zb_io* /*io*/, void* handed_over, size_t length) {
+int zb_io_adopt(zb_io* /*io*/, void* handed_over, size_t length, void (*release)(void*)) {
     if (!takes_blocks) return -1;
+    release_block = release;
     block = handed_over;
     block_length = length;
     return 0;

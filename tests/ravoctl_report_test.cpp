@@ -1,4 +1,4 @@
-// What ravoctl makes of recorded rows: points of time in words, sessions, and the page of them.
+// The units of ravoctl: points of time in words, sessions, the page of them, rows and failures.
 #include <gtest/gtest.h>
 #include <time.h>
 
@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "bus.h"
+#include "pages.h"
 #include "report.h"
 #include "sessions.h"
 #include "text.h"
@@ -259,4 +261,111 @@ TEST(report_page, extreme_numbers_are_survived) {
     const std::string page =
         page_of({s}, {{"b", INT64_MAX, INT64_MAX, INT64_MAX}, {"c", -1, INT64_MIN, 0}});
     EXPECT_EQ(count_of(page, "<path d=\"M150.0 8h850.0v12h-850.0z\">"), 1U);
+}
+
+// ---- Failures ----------------------------------------------------------------------------------
+
+TEST(call_failure, status_tells_who_has_failed) {
+    const std::pair<int, exit_status> cases[] = {
+        {ZB_ERROR_UNREACHABLE, unreachable}, {ZB_ERROR_UNTRUSTED, unreachable},
+        {ZB_ERROR_DENIED, not_permitted},    {ZB_ERROR_TIMEOUT, timed_out},
+        {ZB_ERROR_MEMORY, failed_here},      {ZB_ERROR_SYSTEM, failed_here},
+        {ZB_ERROR_ARGUMENT, failed_here},    {ZB_ERROR_NO_REPLY, unanswered},
+        {ZB_ERROR_BROKEN, unanswered},       {ZB_ERROR_BUSY, unanswered},
+        {ZB_ERROR_TOO_LARGE, unanswered},    {ZB_ERROR_PROTOCOL, unanswered},
+    };
+    for (const auto& [result, status] : cases) {
+        const failure told = call_failure("@/x", result);
+        EXPECT_EQ(told.status, status) << result;
+        EXPECT_NE(std::string(told.what()).find(zb_strerror(result)), std::string::npos);
+    }
+}
+
+// ---- Rows page by page -------------------------------------------------------------------------
+
+namespace {
+
+struct numbered_row {
+    int64_t id;
+};
+constexpr field numbered_fields[] = {{"id", FIELD(numbered_row, id)}};
+
+int64_t newest = 0;         // the table's rows are numbered from 1
+int64_t added_by_page = 0;  // rows that are recorded while a page is read
+bool is_counted = true;
+bool is_read = true;
+
+page list_numbers(db_query_cond query) {
+    auto* rows =
+        static_cast<numbered_row*>(calloc(static_cast<size_t>(query.count), sizeof(numbered_row)));
+    page result = {is_read, 0, is_counted ? static_cast<uint64_t>(newest) : count_failed,
+                   std::unique_ptr<char, free_deleter>(reinterpret_cast<char*>(rows))};
+    for (int64_t id = newest - query.start;
+         id > 0 && result.count < static_cast<uint64_t>(query.count); --id) {
+        rows[result.count++].id = static_cast<int32_t>(id);
+    }
+    newest += added_by_page;
+    return result;
+}
+
+constexpr record_kind numbers = {"numbers",       "",          "", sizeof(numbered_row),
+                                 numbered_fields, list_numbers};
+
+class for_each_row_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        newest = 10;
+        added_by_page = 0;
+        is_counted = is_read = true;
+    }
+    std::vector<int64_t> seen(int64_t rows_on_page, size_t wanted = 100) {
+        std::vector<int64_t> ids;
+        for_each_row(
+            numbers, {},
+            [&ids, wanted](const char* row) {
+                ids.push_back(reinterpret_cast<const numbered_row*>(row)->id);
+                return ids.size() < wanted;
+            },
+            rows_on_page);
+        return ids;
+    }
+    const std::vector<int64_t> all = {10, 9, 8, 7, 6, 5, 4, 3, 2, 1};
+};
+
+exit_status status_of_reading() {
+    try {
+        for_each_row(numbers, {}, [](const char*) { return true; });
+    } catch (const failure& error) {
+        return error.status;
+    }
+    return done;
+}
+
+}  // namespace
+
+TEST_F(for_each_row_test, hands_over_every_row_once_the_newest_first) {
+    for (const int64_t rows_on_page : {1, 3, 5, 10, 11}) EXPECT_EQ(seen(rows_on_page), all);
+}
+
+TEST_F(for_each_row_test, is_not_disturbed_by_rows_that_come_meanwhile) {
+    added_by_page = 2;
+    EXPECT_EQ(seen(3), all);
+}
+
+TEST_F(for_each_row_test, knows_the_order_of_ids_that_were_narrowed) {
+    newest = int64_t{1} << 31U;
+    EXPECT_EQ(seen(2, 3), (std::vector<int64_t>{-2147483648, 2147483647, 2147483646}));
+}
+
+TEST_F(for_each_row_test, stops_when_told) {
+    EXPECT_EQ(seen(4, 6), (std::vector<int64_t>{10, 9, 8, 7, 6, 5}));
+}
+
+TEST_F(for_each_row_test, tells_failures_from_a_table_without_rows) {
+    newest = 0;
+    EXPECT_EQ(status_of_reading(), done);
+    is_counted = false;
+    EXPECT_EQ(status_of_reading(), unanswered);
+    is_read = false;
+    EXPECT_EQ(status_of_reading(), unreachable);
 }

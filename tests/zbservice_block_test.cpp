@@ -26,7 +26,7 @@ void* block_of(std::string_view text) {
 }
 
 int hand_over(zb_io* io, std::string_view text) {
-    return zb_io_adopt(io, block_of(text), text.size());
+    return zb_io_adopt(io, block_of(text), text.size(), nullptr);
 }
 
 std::string pattern(std::size_t size) {
@@ -104,6 +104,21 @@ TEST(handed_over_block, is_released_however_the_request_ends) {
     }
 }
 
+TEST(handed_over_block, is_released_by_its_own_function) {
+    static std::vector<void*> released;
+    static char bytes[] = "block";
+    for (const bool is_replied : {true, false}) {
+        released.clear();
+        (void)ask([is_replied](const std::string&, zb_io* io, int) {
+            EXPECT_EQ(zb_io_adopt(io, bytes, 5, [](void* block) { released.push_back(block); }), 0);
+            if (is_replied) {
+                EXPECT_EQ(zb_reply(io), 0);
+            }
+        });
+        EXPECT_EQ(released, std::vector<void*>{bytes}) << is_replied;
+    }
+}
+
 TEST(handed_over_block, is_released_when_the_caller_is_gone) {
     const auto work = [] {
         event asked;
@@ -137,7 +152,7 @@ TEST(handed_over_block, is_released_when_too_much_waits_unsent) {
             if (!results.empty()) {
                 EXPECT_EQ(first.receive(100000).size(), 100000U);
             }
-            EXPECT_EQ(zb_io_adopt(io, malloc(size), size), 0);
+            EXPECT_EQ(zb_io_adopt(io, malloc(size), size, nullptr), 0);
             results.push_back(zb_reply(io));
         });
         first = connect_to(address);
@@ -155,14 +170,14 @@ TEST(handed_over_block, is_the_last_of_its_payload) {
     const outcome got = ask([](const std::string&, zb_io* io, int) {
         void* second = block_of("second");
         EXPECT_EQ(hand_over(io, "block"), 0);
-        EXPECT_EQ(zb_io_adopt(io, second, 6), -1);
+        EXPECT_EQ(zb_io_adopt(io, second, 6, nullptr), -1);
         free(second);  // still the caller's
         EXPECT_EQ(zb_io_write(io, "x", 1), -1);
         EXPECT_EQ(zb_io_realloc(io, 3), -1);
         EXPECT_EQ(content(io), "request");
         EXPECT_EQ(zb_call(address, "m", io, timeout_s, -1), ZB_ERROR_ARGUMENT);
         EXPECT_EQ(zb_reply(io), 0);
-        EXPECT_EQ(zb_io_adopt(io, nullptr, 0), 0) << "the reply has taken all of it away";
+        EXPECT_EQ(zb_io_adopt(io, nullptr, 0, nullptr), 0) << "the reply has taken all of it away";
     });
     EXPECT_EQ(got, (outcome{0, "requestblock"}));
 }
@@ -170,8 +185,8 @@ TEST(handed_over_block, is_the_last_of_its_payload) {
 TEST(handed_over_block, of_no_bytes_is_released_at_once) {
     const auto work = [] {
         const outcome got = ask([](const std::string&, zb_io* io, int) {
-            EXPECT_EQ(zb_io_adopt(io, malloc(100), 0), 0);
-            EXPECT_EQ(zb_io_adopt(io, nullptr, 0), 0);
+            EXPECT_EQ(zb_io_adopt(io, malloc(100), 0, nullptr), 0);
+            EXPECT_EQ(zb_io_adopt(io, nullptr, 0, nullptr), 0);
             EXPECT_EQ(zb_io_write(io, "x", 1), 0) << "there is none";
             EXPECT_EQ(zb_reply(io), 0);
         });
@@ -183,13 +198,14 @@ TEST(handed_over_block, of_no_bytes_is_released_at_once) {
 TEST(handed_over_block, that_is_not_taken_stays_the_callers) {
     char block[] = "block";
     io_buffer own("a caller's buffer");
-    EXPECT_EQ(zb_io_adopt(own.get(), block, sizeof block), -1);
+    EXPECT_EQ(zb_io_adopt(own.get(), block, sizeof block, nullptr), -1);
     EXPECT_EQ(content(own.get()), "a caller's buffer");
-    EXPECT_EQ(zb_io_adopt(nullptr, block, sizeof block), -1);
+    EXPECT_EQ(zb_io_adopt(nullptr, block, sizeof block, nullptr), -1);
     const outcome got = ask([&](const std::string&, zb_io* io, int) {
-        EXPECT_EQ(zb_io_adopt(io, nullptr, 1), -1);
-        EXPECT_EQ(zb_io_adopt(io, block, gib), -1) << "the payload and 1 GiB are more than that";
-        EXPECT_EQ(zb_io_adopt(io, block, SIZE_MAX), -1);
+        EXPECT_EQ(zb_io_adopt(io, nullptr, 1, nullptr), -1);
+        EXPECT_EQ(zb_io_adopt(io, block, gib, nullptr), -1)
+            << "the payload and 1 GiB are more than that";
+        EXPECT_EQ(zb_io_adopt(io, block, SIZE_MAX, nullptr), -1);
         EXPECT_EQ(zb_reply(io), 0);
     });
     EXPECT_EQ(got, (outcome{0, "request"}));

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "optional_bus.h"
+#include "page_memory.h"
 #include "ravo_records.h"
 #include "ravod_db_conn_client_handler.h"
 #include "ravod_db_device_info_handler.h"
@@ -48,12 +49,12 @@ int do_write(zb_io* io, int (*store)(Record*)) {
     return acknowledge(io, store(&record));
 }
 
-// Appends a block from calloc() to the payload and releases it: handed over, or else copied.
-bool append_block(zb_io* io, void* block, size_t size) {
+// Appends a page's rows to the payload and releases them: handed over, or else copied.
+bool append_rows(zb_io* io, void* block, size_t size) {
     static const bool can_adopt = is_from_library_of(zb_io_adopt, zb_reply);
-    if (can_adopt && zb_io_adopt(io, block, size) == 0) return true;
+    if (can_adopt && zb_io_adopt(io, block, size, release_page_block) == 0) return true;
     const bool written = size == 0 || zb_io_write(io, block, size) == 0;
-    free(block);
+    release_page_block(block);
     return written;
 }
 
@@ -64,8 +65,8 @@ int reply_rows(zb_io* io, Query* result) {
     zb_io_realloc(io, 0);
     const bool has_header = zb_io_write(io, result, sizeof *result) == 0;
     const size_t size = result->count * sizeof *result->data;
-    const bool built = has_header && append_block(io, result->data, size);
-    if (!has_header) free(result->data);
+    const bool built = has_header && append_rows(io, result->data, size);
+    if (!has_header) release_page_block(result->data);
     if (built) zb_reply(io);
     free(result);
     return built ? 0 : refuse(io);
@@ -144,7 +145,7 @@ int look_up_uuid(const db_device_info_data& device, ravo_mobile_gen_uuid_data_ge
         const char* stored = found.data[0].dev_uuid;
         memcpy(uuid.ravo_uuid, stored, strnlen(stored, sizeof uuid.ravo_uuid - 1));
     }
-    free(found.data);
+    release_page_block(found.data);
     return status;
 }
 

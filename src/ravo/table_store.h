@@ -33,7 +33,7 @@
 #include <thread>
 #include <type_traits>
 
-#include "large_pages.h"
+#include "page_memory.h"
 #include "ravo_log.h"
 #include "ravo_records.h"
 #include "record_field.h"
@@ -563,12 +563,11 @@ inline int64_t page_limit(const db_query_cond& cond) {
     return cond.count > visible_rows || cond.count == -1 ? visible_rows : cond.count;
 }
 
-// The rows of one page as they arrive: a block for free(), and the rows in it. Behind them the
-// block is zero, as calloc() gives it: a row is filled without being cleared first.
+// The rows of one page as they arrive: a block of page_memory.h, and the rows in it.
 //
-// A page that outgrows a small block gets room for all the rows that it may have at once. The
-// system gives memory for that only as rows are written, so nothing of a large page is ever there
-// twice.
+// A page that outgrows a small block goes to one of the size that is kept, and from there to one
+// with room for all the rows that it may have. The system gives memory for that only as rows are
+// written, so nothing of a large page is ever there twice.
 struct row_collector {
     std::span<const column> columns;
     size_t row_size;
@@ -576,6 +575,7 @@ struct row_collector {
     char* data;
     uint64_t count;
     uint64_t capacity;
+    bool is_used = false;  // the block behind the rows is not zero
 };
 
 inline void read_text(char* array, size_t size, const char* text) {
@@ -610,24 +610,28 @@ inline void read_field(const column& c, const char* text, char* record) {
 
 // Moves the rows to a block with room for so many. False: no memory, and everything is as it was.
 inline bool move_rows(row_collector& rows, uint64_t capacity) {
-    void* block = calloc(capacity, rows.row_size);
-    if (block == nullptr) return false;
-    zb::use_large_pages(block, capacity * rows.row_size);
-    if (rows.count != 0) memcpy(block, rows.data, rows.count * rows.row_size);
-    free(rows.data);
-    rows.data = static_cast<char*>(block);
+    const page_block block = take_page_block(capacity * rows.row_size);
+    if (block.data == nullptr) return false;
+    if (rows.count != 0) memcpy(block.data, rows.data, rows.count * rows.row_size);
+    release_page_block(rows.data);
+    rows.data = block.data;
+    rows.is_used = block.is_used;
     rows.capacity = capacity;
     return true;
 }
 
-// A larger block when it is full, as large as it will ever have to be if that is to be had.
+// A larger block when it is full: of the next size, or, without memory for that, twice as large.
 inline bool make_room(row_collector& rows) {
     if (rows.count < rows.capacity) return true;
     const uint64_t small = std::max(small_rows_size / rows.row_size, uint64_t{1});
+    const uint64_t kept = largest_kept_page / rows.row_size;
     const uint64_t more = std::max(small, 2 * rows.capacity);
-    if (rows.most <= rows.capacity) return move_rows(rows, more);
-    if (rows.capacity < small) return move_rows(rows, std::min(small, rows.most));
-    return move_rows(rows, rows.most) || move_rows(rows, more);
+    uint64_t wanted = rows.most;
+    for (const uint64_t step : {kept, small}) {
+        if (rows.capacity < step) wanted = std::min(step, rows.most);
+    }
+    if (rows.capacity >= rows.most) wanted = more;
+    return move_rows(rows, wanted) || (wanted != more && move_rows(rows, more));
 }
 
 // Fills a record's fields from a row. A row that is too short ends in columns without a value.
@@ -640,7 +644,9 @@ inline void read_row(std::span<const column> columns, std::span<char*> values, c
 // Appends one row. False: there was no memory for it, and it is dropped.
 inline bool append_row(row_collector& rows, std::span<char*> values) {
     if (!make_room(rows)) return false;
-    read_row(rows.columns, values, rows.data + rows.count * rows.row_size);
+    char* const record = rows.data + rows.count * rows.row_size;
+    if (rows.is_used) memset(record, 0, rows.row_size);
+    read_row(rows.columns, values, record);
     ++rows.count;
     return true;
 }

@@ -73,7 +73,7 @@ inline constexpr std::size_t receive_bytes = 64 * kib;
 inline constexpr std::size_t send_bytes = 256 * kib;
 
 // The memory of a long reply goes back to the system in steps of this, as it is sent.
-inline constexpr std::size_t release_bytes = 4 * mib;
+inline constexpr std::size_t release_bytes = 8 * mib;
 
 }  // namespace zb
 

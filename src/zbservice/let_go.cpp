@@ -30,7 +30,8 @@ namespace {
 bool lingers(const descriptor& each) {
     linger how = {};
     socklen_t length = sizeof how;
-    return getsockopt(each.get(), SOL_SOCKET, SO_LINGER, &how, &length) == 0 && how.l_onoff != 0;
+    return each.is_open() && getsockopt(each.get(), SOL_SOCKET, SO_LINGER, &how, &length) == 0 &&
+           how.l_onoff != 0;
 }
 
 // Whether nothing waits unread.

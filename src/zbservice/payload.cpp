@@ -70,14 +70,12 @@ bool payload::expect(std::size_t length) {
 
 void payload::extend(std::size_t received) { set_length(length_ + received); }
 
-bool payload::attach(void* block, std::size_t length) {
+bool payload::attach(void* block, std::size_t length, release_fn release) {
     if (attached_ || length > max_reply_bytes - length_) return false;
-    if (length == 0) {
-        std::free(block);
-        return true;
-    }
     attached_ = static_cast<char*>(block);
     attached_length_ = length;
+    release_ = release;
+    if (length == 0) release_attached();
     return true;
 }
 
@@ -98,7 +96,11 @@ void payload::clear() {
     std::free(std::exchange(block_, nullptr));
     length_ = 0;
     capacity_ = 0;
-    std::free(std::exchange(attached_, nullptr));
+    release_attached();
+}
+
+void payload::release_attached() {
+    if (attached_) release_(std::exchange(attached_, nullptr));
     attached_length_ = 0;
 }
 
@@ -108,6 +110,7 @@ void payload::swap(payload& other) noexcept {
     std::swap(capacity_, other.capacity_);
     std::swap(attached_, other.attached_);
     std::swap(attached_length_, other.attached_length_);
+    std::swap(release_, other.release_);
 }
 
 bool payload::reserve(std::size_t length, std::size_t limit) {

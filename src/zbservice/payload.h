@@ -18,6 +18,8 @@ struct reply_place {
     void* arg;
 };
 
+using release_fn = void (*)(void* block);
+
 // A growable block that always has a zero byte behind its content, and perhaps a block of somebody
 // else's making attached to it.
 class payload {
@@ -46,10 +48,10 @@ class payload {
     std::size_t room() const { return capacity_ - 1 - length_; }
     void extend(std::size_t received);
 
-    // Takes over a block from malloc, whose bytes follow the content from then on. Such a payload
-    // is sent or emptied: it grows no more. False, with nothing taken: there is one already, or the
-    // whole would be over max_reply_bytes.
-    bool attach(void* block, std::size_t length);
+    // Takes over a block, whose bytes follow the content from then on, and which is released once.
+    // Such a payload is sent or emptied: it grows no more. False, with nothing taken: there is one
+    // already, or the whole would be over max_reply_bytes.
+    bool attach(void* block, std::size_t length, release_fn release);
     char* attached() { return attached_; }
     std::size_t attached_size() const { return attached_length_; }
     std::size_t whole_size() const { return length_ + attached_length_; }
@@ -67,6 +69,7 @@ class payload {
     void swap(payload& other) noexcept;
 
   private:
+    void release_attached();
     bool reserve(std::size_t length, std::size_t limit = SIZE_MAX);
     bool reallocate(std::size_t capacity);
     void set_length(std::size_t length);
@@ -76,6 +79,7 @@ class payload {
     std::size_t capacity_ = 0;  // bytes of the block, the zero byte included
     char* attached_ = nullptr;
     std::size_t attached_length_ = 0;
+    release_fn release_ = nullptr;  // of the attached block
     char empty_ = '\0';
 };
 

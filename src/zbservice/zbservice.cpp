@@ -4,6 +4,7 @@
 #include "zbservice.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <new>
 
 #include "call.h"
@@ -67,9 +68,9 @@ void zb_io_free(zb_io* io) {
     delete io;
 }
 
-int zb_io_adopt(zb_io* io, void* block, size_t length) {
+int zb_io_adopt(zb_io* io, void* block, size_t length, void (*release)(void*)) {
     if (!io || !io->request || (!block && length > 0)) return -1;
-    return io->content.attach(block, length) ? 0 : -1;
+    return io->content.attach(block, length, release ? release : std::free) ? 0 : -1;
 }
 
 // ---- Calling -----------------------------------------------------------------------------------

@@ -98,15 +98,18 @@ void zb_io_free(zb_io* io);
  * io      the buffer of the request being handled. From then on it can only be replied with,
  *         emptied or released: it takes no more bytes, zb_io_read() gives those before the block,
  *         and zb_call() refuses it.
- * block   from malloc(), calloc() or realloc(). On success it is the buffer's, who gives it to
- *         free() when it is sent, emptied or released; may be NULL when length is 0.
+ * block   On success it is the buffer's until it is sent, emptied or released; may be NULL when
+ *         length is 0.
+ * release is then called with the block, once, unless that is NULL: on the thread that serves the
+ *         endpoint or that empties or releases the buffer. It must not call the bus. NULL: free(),
+ *         for a block from malloc(), calloc() or realloc().
  *
  * Returns 0. -1, with everything as it was and the block still the caller's: io is another buffer
  * or has a block already, or the payload would pass 1 GiB.
  *
  * Not every library with this interface has the function: a program that is to run on others, too,
  * declares it weak, and writes the bytes where it is missing. */
-int zb_io_adopt(zb_io* io, void* block, size_t length);
+int zb_io_adopt(zb_io* io, void* block, size_t length, void (*release)(void* block));
 
 /* ---- Calling ---- */
 

@@ -126,10 +126,10 @@ int zb_io_write(zb_io* io, const void* data, size_t length) {
 }
 
 #ifdef STANDIN_TAKES_BLOCKS
-int zb_io_adopt(zb_io* io, void* block, size_t length) {
+int zb_io_adopt(zb_io* io, void* block, size_t length, void (*release)(void*)) {
     if (!bus.takes_blocks || !append(io, block, length)) return -1;
     bus.adopted.push_back({block, length});
-    free(block);
+    release(block);
     return 0;
 }
 #endif

@@ -1,10 +1,7 @@
 // The login-attempt limiter: who is blocked, one failure more, and blocks lifted.
 #pragma once
 
-#include <string>
-#include <vector>
-
-#include "failure.h"
+#include "command_line.h"
 #include "records.h"
 
 inline constexpr char blocks_command[] = "blocks";
@@ -20,12 +17,5 @@ struct block_row {
 // Turns a page of the daemon's records into one of block_row.
 page with_states(page counters);
 
-// Asks whether the user is blocked and prints the answer: done for no, user_blocked for yes.
-exit_status check_user(const std::string& user);
-
-exit_status count_failure(const std::string& user);
-
-// Stops at the first one that fails.
-exit_status lift_users(const std::vector<std::string>& users);
-
-exit_status lift_all();
+// The list of the counters, and the commands that check, count and lift.
+void declare_blocks(command_line& line);

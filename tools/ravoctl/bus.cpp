@@ -1,4 +1,4 @@
-// What ravoctl says and returns when a call over the bus has failed.
+// What ravoctl says and how it ends when a call over the bus has failed.
 #include "bus.h"
 
 #include <fmt/format.h>
@@ -21,15 +21,28 @@ std::string reason(int result) {
     return has_names() ? zb_strerror(result) : fmt::format("bus result {}", result);
 }
 
-// Only this project's own bus gives its failures these numbers.
-bool is_out_of_reach(int result) {
-    return has_names() && (result == ZB_ERROR_UNREACHABLE || result == ZB_ERROR_DENIED ||
-                           result == ZB_ERROR_UNTRUSTED);
+failure unreachable_failure(const std::string& endpoint, int result) {
+    return {unreachable, fmt::format("{} is not reachable: {}", escaped(endpoint), reason(result))};
 }
 
-exit_status report_unreachable(const std::string& endpoint, int result) {
-    fmt::print(stderr, "ravoctl: {} is not reachable: {}\n", escaped(endpoint), reason(result));
-    return unreachable;
+// Only this project's own bus gives its failures these numbers.
+exit_status status_of(int result) {
+    if (!has_names()) return unanswered;
+    switch (result) {
+        case ZB_ERROR_UNREACHABLE:
+        case ZB_ERROR_UNTRUSTED:
+            return unreachable;
+        case ZB_ERROR_DENIED:
+            return not_permitted;
+        case ZB_ERROR_TIMEOUT:
+            return timed_out;
+        case ZB_ERROR_ARGUMENT:
+        case ZB_ERROR_MEMORY:
+        case ZB_ERROR_SYSTEM:
+            return failed_here;
+        default:
+            return unanswered;
+    }
 }
 
 int probe() {
@@ -46,20 +59,23 @@ io_owner make_request(std::string_view payload) {
     return io;
 }
 
-exit_status report_failure(const std::string& endpoint, int result) {
-    if (is_out_of_reach(result)) return report_unreachable(endpoint, result);
-    fmt::print(stderr, "ravoctl: no answer from {}: {}\n", escaped(endpoint), reason(result));
-    return unanswered;
+failure call_failure(const std::string& endpoint, int result) {
+    const exit_status status = status_of(result);
+    if (status == unreachable) return unreachable_failure(endpoint, result);
+    return {status, fmt::format("no answer from {}: {}", escaped(endpoint), reason(result))};
 }
 
-exit_status report_unread() {
+failure unread_failure() {
     const int result = probe();
     if (result == 0 || (has_names() && result == ZB_ERROR_NO_REPLY)) {
-        fmt::print(stderr, "ravoctl: {} runs, but did not answer the query\n", daemon_endpoint);
-        return unanswered;
+        return {unanswered, fmt::format("{} runs, but did not answer the query", daemon_endpoint)};
     }
     // A bus whose failures have no names cannot tell the two apart; a daemon that is not running is
     // the likelier reason, since the query itself was checked before.
-    if (!has_names()) return report_unreachable(daemon_endpoint, result);
-    return report_failure(daemon_endpoint, result);
+    if (!has_names()) return unreachable_failure(daemon_endpoint, result);
+    return call_failure(daemon_endpoint, result);
+}
+
+void check_answered(int result) {
+    if (result != 0) throw call_failure(daemon_endpoint, result);
 }

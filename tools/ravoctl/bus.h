@@ -1,4 +1,4 @@
-// What ravoctl says and returns when a call over the bus has failed.
+// What ravoctl says and how it ends when a call over the bus has failed.
 #pragma once
 
 #include <memory>
@@ -19,10 +19,12 @@ using io_owner = std::unique_ptr<zb_io, io_deleter>;
 // A buffer with a request's payload. Throws std::bad_alloc.
 io_owner make_request(std::string_view payload);
 
-// Tells on standard error why a call to the endpoint failed with the given result of the bus, and
-// returns the exit status that goes with it: unreachable or unanswered.
-exit_status report_failure(const std::string& endpoint, int result);
+// Why a call to the endpoint failed with the given result of the bus.
+failure call_failure(const std::string& endpoint, int result);
 
-// The same after a call that does not say why it read nothing: asks the daemon for a method
-// that does not exist, which tells a daemon that is not there from one that refused the query.
-exit_status report_unread();
+// The same after a call of the daemon that does not say why it read nothing: asks for a method that
+// does not exist, which tells a daemon that is not there from one that refused the query.
+failure unread_failure();
+
+// Throws call_failure unless the daemon has answered.
+void check_answered(int result);

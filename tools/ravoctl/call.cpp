@@ -7,8 +7,11 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 
+#include "bus.h"
 #include "text.h"
 
 namespace {
@@ -17,6 +20,16 @@ constexpr size_t largest_request = 4U << 20U;  // bytes that the bus takes
 constexpr size_t longest_method = 255;
 constexpr size_t longest_address = 107;  // bytes after the '@'
 constexpr std::string_view registered_services = "/var/run/zbservice/";
+
+struct call_request {
+    std::string method;
+    std::string endpoint = daemon_endpoint;
+    int timeout_s = call_timeout_s;
+    std::optional<std::string> text;  // at most one of the three payloads is given
+    std::optional<std::string> hex;
+    std::optional<std::string> file;  // "-" is standard input
+    bool raw = false;
+};
 
 struct file_closer {
     void operator()(FILE* file) const {
@@ -95,8 +108,6 @@ void print_reply(std::string_view reply, bool raw) {
     if (!raw && !reply.empty() && !reply.ends_with('\n')) fmt::print("\n");
 }
 
-}  // namespace
-
 exit_status call_method(const call_request& request) {
     check_address(request.endpoint);
     check_method(request.method);
@@ -107,9 +118,41 @@ exit_status call_method(const call_request& request) {
     const io_owner io = make_request(payload);
     const int result =
         zb_call(request.endpoint.c_str(), request.method.c_str(), io.get(), request.timeout_s, -1);
-    if (result != 0) return report_failure(request.endpoint, result);
+    if (result != 0) throw call_failure(request.endpoint, result);
     size_t length = 0;
     const auto* reply = static_cast<const char*>(zb_io_read(io.get(), &length));
     print_reply({reply, length}, request.raw);
     return done;
+}
+
+// --- The command line ---------------------------------------------------------------------------
+
+void declare_payload_options(CLI::App& app, call_request& request) {
+    auto* text = app.add_option("--text", request.text, "Send these characters")->type_name("TEXT");
+    auto* hex = app.add_option("--hex", request.hex, "Send the bytes that these digits tell")
+                    ->type_name("DIGITS");
+    app.add_option("--file", request.file, "Send a file's content; - is standard input")
+        ->type_name("PATH")
+        ->excludes(text)
+        ->excludes(hex);
+    hex->excludes(text);
+}
+
+}  // namespace
+
+void declare_call(command_line& line) {
+    constexpr int longest_timeout = 86400;
+    const auto request = std::make_shared<call_request>();
+    CLI::App* call = line.app.add_subcommand("call", "Call a method and print its reply");
+    call->add_option("method", request->method, "Name of the method")->required();
+    call->add_option("--endpoint", request->endpoint, "Address, or name of a registered service")
+        ->type_name("ADDRESS")
+        ->capture_default_str();
+    call->add_option("--timeout", request->timeout_s, "Seconds to wait without progress")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1, longest_timeout))
+        ->capture_default_str();
+    declare_payload_options(*call, *request);
+    call->add_flag("--raw", request->raw, "Print the reply byte for byte");
+    line.runs(call, [request] { return call_method(*request); });
 }

@@ -19,6 +19,16 @@ using ravo::GlobalConfig;
 
 namespace {
 
+// Words that name a VPN client connection: its type and its index, such as "openvpn" "1".
+using connection_words = std::vector<std::string>;
+
+struct gateway_request {
+    connection_words gateway;  // or the single word "none"
+    connection_words backup;   // may be empty
+    std::optional<std::string> delay;
+    bool reset = false;  // begin a damaged file anew
+};
+
 // --- Connections and delays ---------------------------------------------------------------------
 
 struct connection {
@@ -55,6 +65,16 @@ constexpr int default_delay = 0;
 
 bool is_same_word(const std::string& text, const std::string& word) {
     return strcasecmp(text.c_str(), word.c_str()) == 0;
+}
+
+// The words that types are given by, and the range of indexes of each.
+std::string gateway_words_help() {
+    std::string words;
+    for (const client_kind& kind : client_kinds) {
+        words +=
+            fmt::format("{}{} (0 to {})", words.empty() ? "" : ", ", kind.word, kind.largest_index);
+    }
+    return words;
 }
 
 // The names that connections are shown by are taken, too.
@@ -342,17 +362,8 @@ void print_drop(const gateway_setting& before, const gateway_setting& after,
     }
 }
 
-}  // namespace
-
-std::string gateway_words_help() {
-    std::string words;
-    for (const client_kind& kind : client_kinds) {
-        words +=
-            fmt::format("{}{} (0 to {})", words.empty() ? "" : ", ", kind.word, kind.largest_index);
-    }
-    return words;
-}
-
+// Prints the setting, and the VPN connection that carries the default route now. An interrupted
+// change is told on standard error, and so is a damaged file.
 exit_status show_gateway(bool as_json) {
     const options_document options = read_options();
     const default_route route = ask_default_route();
@@ -360,9 +371,12 @@ exit_status show_gateway(bool as_json) {
     tell_left_copy(options);
     if (options.state != options_state::damaged) return done;
     fmt::print(stderr, "ravoctl: {}\n", damage_message(options));
-    return local_error;
+    return failed_here;
 }
 
+// Takes an interrupted change back, has the store save the setting, and prints it. Throws
+// usage_error for what the store would take and could not use, not_kept_error when the file does
+// not hold the setting afterwards, and std::runtime_error when nothing could be done.
 exit_status set_gateway(const gateway_request& request) {
     const gateway_setting setting = parse_request(request);
     const json_ptr update(json_pack("{s:o}", "gw_setting", to_section(setting).release()));
@@ -379,6 +393,7 @@ exit_status set_gateway(const gateway_request& request) {
     return done;
 }
 
+// The same for taking a connection out of the setting; tells what came of it.
 exit_status drop_gateway(const connection_words& words) {
     const connection gone = parse_connection(words);
     const file_lock lock = lock_out_other_tools();
@@ -396,4 +411,57 @@ exit_status drop_gateway(const connection_words& words) {
     if (expected != before || is_taken_back) (void)have_setting_read();
     print_drop(before, expected, gone);
     return done;
+}
+
+// --- The command line ---------------------------------------------------------------------------
+
+CLI::App* declare_set(command_line& line, CLI::App& gateway) {
+    const auto request = std::make_shared<gateway_request>();
+    CLI::App* set = gateway.add_subcommand("set", "Make a VPN connection the default gateway");
+    set->add_option("gateway", request->gateway, "Type and index, or \"none\"")
+        ->expected(1, 2)
+        ->option_text("TYPE INDEX | none REQUIRED")
+        ->required();
+    set->add_option("--backup", request->backup, "The connection that stands in for it")
+        ->expected(2)
+        ->type_name("TYPE INDEX");
+    set->add_option("--delay", request->delay,
+                    "How long the backup goes on when the gateway is back: never, 0, 1, 5 or 10; "
+                    "0 if not given")
+        ->type_name("CODE");
+    set->add_flag("--reset", request->reset, "Begin a damaged options file anew");
+    line.runs(set, [request] { return set_gateway(*request); });
+    return set;
+}
+
+CLI::App* declare_drop(command_line& line, CLI::App& gateway) {
+    const auto gone = std::make_shared<connection_words>();
+    CLI::App* drop =
+        gateway.add_subcommand("drop", "Take a connection out; the backup takes a gateway's place");
+    drop->add_option("connection", *gone, "Type and index")
+        ->expected(2)
+        ->option_text("TYPE INDEX REQUIRED")
+        ->required();
+    line.runs(drop, [gone] { return drop_gateway(*gone); });
+    return drop;
+}
+
+}  // namespace
+
+void declare_gateway(command_line& line) {
+    constexpr char json_help[] = "Print a JSON object";
+    const auto as_json = std::make_shared<bool>(false);
+    CLI::App* gateway = line.app.add_subcommand("gateway", "Show or set the default gateway");
+    gateway->require_subcommand(0, 1);
+    auto* json = gateway->add_flag("--json", *as_json, json_help);
+    CLI::App* show = gateway->add_subcommand("show", "Show it, as without a subcommand");
+    show->add_flag("--json", *as_json, json_help);
+    for (const CLI::App* command : {gateway, show}) {
+        line.runs(command, [as_json] { return show_gateway(*as_json); });
+    }
+    const std::string words = "Types, and their indexes: " + gateway_words_help() + "\n";
+    for (CLI::App* command : {declare_set(line, *gateway), declare_drop(line, *gateway)}) {
+        command->footer(words);
+        command->excludes(json);
+    }
 }

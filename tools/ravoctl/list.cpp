@@ -4,14 +4,32 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
+#include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
+#include "blocks.h"
 #include "bus.h"
 #include "output.h"
+#include "pages.h"
+#include "removal.h"
 #include "text.h"
 
 namespace {
+
+// What the user asked for; rows are counted from 0, pages from 1.
+struct list_request {
+    std::string filter;  // "FIELD=VALUE", or empty
+    std::string order = "id";
+    bool descending = false;
+    int64_t page_number = 1;
+    int64_t per_page = default_page;
+    int64_t start = -1;  // -1: by page
+    int64_t count = default_page;
+    bool as_json = false;
+    bool wide = false;
+};
 
 // --- What the user wrote ------------------------------------------------------------------------
 
@@ -57,28 +75,18 @@ void check_required(const record_kind& kind, const std::vector<char>& record) {
     throw usage_error(fmt::format("{}: a {} needs one", name, kind.singular));
 }
 
-exit_status print_answer(const record_kind& kind, const std::string& answer) {
-    if (!answer.empty()) {
-        fmt::print("{}\n", escaped(answer));
-        return done;
+void print_answer(const record_kind& kind, const std::string& answer) {
+    if (answer.empty()) {
+        throw not_kept_error(
+            fmt::format("ravod could not store the {}; its log file tells why", kind.singular));
     }
-    fmt::print(stderr, "ravoctl: ravod could not store the {}; its log file tells why\n",
-               kind.singular);
-    return unanswered;
+    fmt::print("{}\n", escaped(answer));
 }
 
 // --- The query ----------------------------------------------------------------------------------
 
-template <size_t size>
-void copy_text(char (&to)[size], const std::string& text) {
-    if (text.size() >= size) {
-        throw usage_error(fmt::format("a filter's value takes at most {} bytes", size - 1));
-    }
-    memcpy(to, text.c_str(), text.size() + 1);
-}
-
-void set_filter(const record_kind& kind, const std::string& filter, db_query_cond& cond) {
-    if (filter.empty()) return;
+row_filter parse_filter(const record_kind& kind, const std::string& filter) {
+    if (filter.empty()) return {};
     const assignment wanted = parse_assignment(kind, filter);
     const std::string text = plain_text(wanted.content);
     // The daemon takes an empty value for no filter at all and would list everything.
@@ -86,27 +94,25 @@ void set_filter(const record_kind& kind, const std::string& filter, db_query_con
         throw usage_error(
             fmt::format("{}: rows cannot be filtered by an empty text", wanted.target.name));
     }
-    copy_text(cond.field, wanted.target.name);
-    copy_text(cond.value, text);
+    return {wanted.target.name, text};
 }
 
 db_query_cond make_query(const record_kind& kind, const list_request& request) {
-    db_query_cond cond = {};
+    db_query_cond cond = to_query(parse_filter(kind, request.filter));
     const bool by_page = request.start < 0;
     cond.start = by_page ? (request.page_number - 1) * request.per_page : request.start;
     cond.count = by_page ? request.per_page : request.count;
     cond.order_by = static_cast<int64_t>(index_of(kind, request.order));
     cond.order_style = request.descending ? 1 : 0;
-    set_filter(kind, request.filter, cond);
     return cond;
 }
 
-}  // namespace
-
+// Reads one page and prints it on standard output. Throws usage_error for a field that the records
+// do not have and for a value that cannot be one of the field's.
 exit_status list_records(const record_kind& kind, const list_request& request) {
     const db_query_cond cond = make_query(kind, request);
     const page result = kind.list(cond);
-    if (!result.was_read) return report_unread();
+    check_read(result);
     const listing shown_rows = {kind, result, static_cast<uint64_t>(cond.start),
                                 !request.filter.empty()};
     if (request.as_json) {
@@ -114,13 +120,13 @@ exit_status list_records(const record_kind& kind, const list_request& request) {
     } else {
         print_table(shown_rows, request.wide);
     }
-    if (result.total != count_failed) return done;
-    fmt::print(stderr,
-               "ravoctl: ravod could not count the rows, so the list may lack some; "
-               "its log file tells why\n");
-    return unanswered;
+    check_counted(result);
+    return done;
 }
 
+// Sends one record, filled from words "FIELD=VALUE"; the other fields are empty or 0. Prints what
+// the daemon answers, if the kind has an answer. Throws usage_error as above, and when a required
+// field is missing.
 exit_status add_record(const record_kind& kind, const std::vector<std::string>& words) {
     std::vector<char> record(kind.size, '\0');
     std::set<std::string> seen;
@@ -135,7 +141,81 @@ exit_status add_record(const record_kind& kind, const std::vector<std::string>& 
     }
     check_required(kind, record);
     const added outcome = kind.adder.add(record.data());
-    if (outcome.result != 0) return report_failure(daemon_endpoint, outcome.result);
-    if (outcome.answer) return print_answer(kind, *outcome.answer);
+    check_answered(outcome.result);
+    if (outcome.answer) print_answer(kind, *outcome.answer);
     return done;
+}
+
+// --- The command line ---------------------------------------------------------------------------
+
+std::string field_help(const record_kind& kind, bool settable_only) {
+    std::string help = "Fields:\n";
+    for (const field& f : kind.fields) {
+        if (settable_only && f.from != origin::given_by_user) continue;
+        help += fmt::format("  {:<13} {}\n", f.name, description(f));
+    }
+    return help;
+}
+
+void declare_page_options(CLI::App& app, list_request& request) {
+    constexpr int64_t last_page = 1'000'000'000;
+    auto* page = app.add_option("--page", request.page_number, "Page to show, from 1")
+                     ->type_name("N")
+                     ->check(CLI::Range(int64_t{1}, last_page));
+    auto* per_page = app.add_option("--per-page", request.per_page, "Rows on a page")
+                         ->type_name("N")
+                         ->check(CLI::Range(int64_t{1}, largest_page))
+                         ->capture_default_str();
+    auto* start = app.add_option("--start", request.start, "Rows to skip, instead of --page")
+                      ->type_name("N")
+                      ->check(CLI::Range(int64_t{0}, largest_page))
+                      ->excludes(page)
+                      ->excludes(per_page);
+    app.add_option("--count", request.count, "Rows to show, with --start")
+        ->type_name("N")
+        ->check(CLI::Range(int64_t{0}, largest_page))
+        ->capture_default_str()
+        ->needs(start);
+}
+
+void declare_list_options(CLI::App& app, list_request& request) {
+    app.add_option("--filter", request.filter, "Only rows with this value in this field")
+        ->type_name("FIELD=VALUE");
+    app.add_option("--order", request.order, "Field to sort by")
+        ->type_name("FIELD")
+        ->capture_default_str();
+    app.add_flag("--desc", request.descending, "Largest first");
+    declare_page_options(app, request);
+    auto* json = app.add_flag("--json", request.as_json, "Print a JSON object instead of a table");
+    app.add_flag("--wide", request.wide, "All fields, and texts in full length")->excludes(json);
+}
+
+void declare_adder(command_line& line, CLI::App& list, const record_kind& kind) {
+    const auto words = std::make_shared<std::vector<std::string>>();
+    CLI::App* add =
+        list.add_subcommand(kind.adder.command, fmt::format("Record one {}", kind.singular));
+    add->add_option("fields", *words, "The fields that are not to be empty or 0")
+        ->type_name("FIELD=VALUE")
+        ->required();
+    add->footer(field_help(kind, true));
+    line.runs(add, [&kind, words] { return add_record(kind, *words); });
+}
+
+}  // namespace
+
+CLI::App* declare_records(command_line& line, const record_kind& kind) {
+    const auto request = std::make_shared<list_request>();
+    CLI::App* list = line.app.add_subcommand(kind.command, fmt::format("List {}", kind.what));
+    declare_list_options(*list, *request);
+    list->footer(field_help(kind, false));
+    line.runs(list, [&kind, request] { return list_records(kind, *request); });
+    if (kind.adder.command != nullptr) declare_adder(line, *list, kind);
+    declare_removal(line, *list, kind);
+    return list;
+}
+
+void declare_tables(command_line& line) {
+    for (const record_kind& kind : record_kinds()) {
+        if (std::string_view(kind.command) != blocks_command) (void)declare_records(line, kind);
+    }
 }

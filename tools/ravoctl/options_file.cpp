@@ -9,11 +9,11 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <new>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "failure.h"
@@ -32,7 +32,8 @@ constexpr char copy_suffix[] = ".ravoctl";
 constexpr char change_path[] = "/etc/config/vpn_options.conf.ravoctl";
 
 [[noreturn]] void fail(const std::string& path, std::string_view what, int reason) {
-    throw std::runtime_error(fmt::format("{} {}: {}", escaped(path), what, strerror(reason)));
+    throw std::system_error(reason, std::generic_category(),
+                            fmt::format("{} {}", escaped(path), what));
 }
 
 class descriptor {
@@ -62,9 +63,12 @@ int take_lock(int (*take)(const char*), const char* path) {
     const int handle = take(path);
     if (handle >= 0) return handle;
     if (handle == ostra_lock_cannot_open) fail(path, "cannot be locked", errno);
-    throw std::runtime_error(fmt::format(
-        "{} cannot be locked{}", path,
-        handle == ostra_lock_timed_out ? ": somebody else has held its lock for seconds" : ""));
+    if (handle == ostra_lock_timed_out) {
+        throw failure(
+            timed_out,
+            fmt::format("{} cannot be locked: somebody else has held its lock for seconds", path));
+    }
+    throw std::runtime_error(fmt::format("{} cannot be locked", path));
 }
 
 // --- Reading ------------------------------------------------------------------------------------

@@ -91,10 +91,12 @@ json_t* to_json(const std::string& text) {
     return json_stringn(valid.data(), valid.size());
 }
 
-json_ptr row_to_json(const listing& list, uint64_t index) {
+}  // namespace
+
+json_ptr row_to_json(const record_kind& kind, const char* row) {
     json_ptr object(json_object());
-    for (const field& f : list.kind.fields) {
-        const value v = read_value(f, row_at(list, index));
+    for (const field& f : kind.fields) {
+        const value v = read_value(f, row);
         const auto convert = [](const auto& content) { return to_json(content); };
         set_member(object, f.name, std::visit(convert, v));
         const auto* text = std::get_if<std::string>(&v);
@@ -104,8 +106,6 @@ json_ptr row_to_json(const listing& list, uint64_t index) {
     }
     return object;
 }
-
-}  // namespace
 
 void print_table(const listing& list, bool wide) {
     std::vector<table_column> columns;
@@ -122,7 +122,7 @@ void print_json(const listing& list) {
     fmt::print("{{\"start\": {}, \"rows\": [", list.start);
     for (uint64_t i = 0; i < list.rows.count; ++i) {
         fmt::print("{}\n", i == 0 ? "" : ",");
-        dump_to_stdout(row_to_json(list, i).get());
+        dump_to_stdout(row_to_json(list.kind, row_at(list, i)).get());
     }
     const bool is_counted = list.rows.total != count_failed;
     fmt::print("], \"count\": {}, \"total\": {}}}\n", list.rows.count,

@@ -21,6 +21,9 @@ void print_table(const listing& list, bool wide);
 // of its bad bytes, and a member FIELD_hex beside it with all bytes.
 void print_json(const listing& list);
 
+// A row as print_json() writes it.
+json_ptr row_to_json(const record_kind& kind, const char* row);
+
 // Prints a value in ASCII, so that no control character, of whatever range, reaches a terminal as
 // it is. Throws std::bad_alloc.
 void dump_to_stdout(const json_t* json);

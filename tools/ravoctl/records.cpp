@@ -1,6 +1,9 @@
 // The kinds of records that ravoctl lists and adds.
 #include "records.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "blocks.h"
 
 namespace {
@@ -138,21 +141,24 @@ constexpr record_kind kinds[] = {
      sizeof(connection),
      connection_fields,
      read_page<list_conn_server_log>,
-     {"add", add_record<add_conn_server_log>}},
+     {"add", add_record<add_conn_server_log>},
+     {delete_conn_server_log, clean_conn_server_log}},
     {"outgoing",
      "connections that this device made as a VPN client",
      "connection",
      sizeof(outgoing),
      outgoing_fields,
      read_page<list_conn_client_log>,
-     {"add", add_record<add_conn_client_log>}},
+     {"add", add_record<add_conn_client_log>},
+     {delete_conn_client_log, clean_conn_client_log}},
     {"servers",
      "entries of this device's VPN server, kept while the daemon runs",
      "entry",
      sizeof(server),
      server_fields,
      read_page<list_server_list>,
-     {"add", add_record<add_server_list>}},
+     {"add", add_record<add_server_list>},
+     {delete_server_list, clean_server_list, true}},
     // The daemon answers a registration without a mac with somebody else's UUID.
     {"devices",
      "registered devices, kept while the daemon runs",
@@ -160,7 +166,8 @@ constexpr record_kind kinds[] = {
      sizeof(device),
      device_fields,
      read_page<list_device_info>,
-     {"register", register_device, "mac"}},
+     {"register", register_device, "mac"},
+     {delete_device_info, clean_device_info, true}},
     {blocks_command, "failed logins by user, and who is blocked", "counter", sizeof(block_row),
      block_fields, read_blocks},
 };
@@ -168,3 +175,8 @@ constexpr record_kind kinds[] = {
 }  // namespace
 
 std::span<const record_kind> record_kinds() { return kinds; }
+
+const record_kind& kind_of(std::string_view command) {
+    return *std::find_if(std::begin(kinds), std::end(kinds),
+                         [command](const record_kind& kind) { return command == kind.command; });
+}

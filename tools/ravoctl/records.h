@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "fields.h"
 #include "ravo_api.h"
@@ -40,6 +41,13 @@ struct record_adder {
     const char* required = nullptr;  // name of a field that must have a text; null: none must
 };
 
+// How records are deleted. Blocks are lifted instead.
+struct record_remover {
+    int (*remove)(db_delete_cond* row) = nullptr;  // null: there is no such command
+    int (*clean)() = nullptr;
+    bool is_temporary = false;  // the table is gone when a statement on it fails
+};
+
 struct record_kind {
     const char* command;   // name of the subcommand
     const char* what;      // its rows, for help texts
@@ -48,6 +56,10 @@ struct record_kind {
     std::span<const field> fields;  // in the order of the table's columns, id first; computed last
     page (*list)(db_query_cond cond);
     record_adder adder = {};
+    record_remover remover = {};
 };
 
 std::span<const record_kind> record_kinds();
+
+// The kind whose subcommand has this name, which must exist.
+const record_kind& kind_of(std::string_view command);

@@ -38,6 +38,7 @@ constexpr std::string_view hatching =
 constexpr int page_width = 1000;
 constexpr int label_width = 150;
 constexpr int chart_width = page_width - label_width;
+constexpr int half_time_text = 42;  // of the scale
 constexpr int bar_height = 12;
 constexpr int row_height = 15;
 constexpr int lane_gap = 6;
@@ -317,10 +318,10 @@ void report_page::put_scale(int height) {
     const int64_t stride = std::max(step, (length_ / most_lines / step + 1) * step);
     for (int64_t time = first; time <= content_.until; time += stride) {
         const double x = x_of(time);
-        put("<path class=\"g\" d=\"M{:.1f} 0V{}\"/><text class=\"d\" x=\"{:.1f}\" y=\"{}\" "
-            "text-anchor=\"{}\">{}</text>",
-            x, height + 4, x, height + 18, x > page_width - 40 ? "end" : "middle",
-            time_text(time, step < day ? "%d %b %H:%M" : "%Y-%m-%d"));
+        put("<path class=\"g\" d=\"M{:.1f} 0V{}\"/>", x, height + 4);
+        if (x > page_width - half_time_text) continue;  // it would be cut off
+        put("<text class=\"d\" x=\"{:.1f}\" y=\"{}\" text-anchor=\"middle\">{}</text>", x,
+            height + 18, time_text(time, step < day ? "%d %b %H:%M" : "%Y-%m-%d"));
     }
 }
 

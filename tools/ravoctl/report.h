@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "failure.h"
+#include "command_line.h"
 #include "sessions.h"
 
 // A user's failed logins, as the limiter counts them.
@@ -28,12 +28,6 @@ struct report_content {
 // is escaped. Times are those of the environment's time zone (TZ).
 std::string to_html(const report_content& content);
 
-struct report_request {
-    std::string file;   // "-": standard output
-    std::string since;  // empty: 30 days before the end
-    std::string until;  // empty: until now
-};
-
-// Writes the page of what the daemon knows now. An existing file is replaced when the new one is
-// complete.
-exit_status write_report(const report_request& request);
+// The command that writes the page of what the daemon knows now. An existing file is replaced when
+// the new one is complete.
+void declare_report(command_line& line);

@@ -1,22 +1,26 @@
 // The report of what the daemon knows now, written to a file.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <system_error>
+#include <memory>
 
 #include "blocks.h"
-#include "bus.h"
+#include "new_file.h"
+#include "pages.h"
 #include "report.h"
 #include "settings.h"
 #include "text.h"
 #include "time_words.h"
 
 namespace {
+
+struct report_request {
+    std::string file;   // "-": standard output
+    std::string since;  // empty: 30 days before the end
+    std::string until;  // empty: until now
+};
 
 constexpr int64_t usual_length = int64_t{30} * 24 * 3600;  // seconds
 constexpr int64_t latest_time = 253'402'300'799;           // the end of the year 9999
@@ -28,51 +32,21 @@ int64_t parse_time(const char* option, const std::string& text, int64_t now) {
         fmt::format("{}: \"{}\" is no time; it takes {}", option, escaped(text), time_words_help));
 }
 
-// False, told on standard error: the daemon did not answer.
-bool read_failures(std::vector<failed_logins>& failures) {
-    const auto blocks = std::find_if(
-        record_kinds().begin(), record_kinds().end(),
-        [](const auto& kind) { return std::string_view(kind.command) == blocks_command; });
-    db_query_cond cond = {};
-    cond.count = -1;
-    const page counters = blocks->list(cond);
-    if (!counters.was_read) {
-        (void)report_unread();
-        return false;
-    }
-    for (uint64_t n = 0; n < counters.count; ++n) {
+std::vector<failed_logins> read_failures() {
+    std::vector<failed_logins> failures;
+    for_each_row(kind_of(blocks_command), {}, [&failures](const char* stored) {
         block_row row;
-        memcpy(&row, counters.rows.get() + n * sizeof row, sizeof row);
+        memcpy(&row, stored, sizeof row);
         failures.push_back(
             {.user = std::string(row.stored.username, strnlen(row.stored.username, RAVO_TEXT_SIZE)),
              .count = row.stored.limit,
              .last = static_cast<int64_t>(row.stored.timestamp),
              .blocked_until = row.until == no_number ? 0 : static_cast<int64_t>(row.until)});
-    }
-    return true;
+        return true;
+    });
+    std::reverse(failures.begin(), failures.end());
+    return failures;
 }
-
-// Throws std::system_error.
-void write_file(const std::string& path, const std::string& text) {
-    if (path == "-") {
-        (void)fwrite(text.data(), 1, text.size(), stdout);
-        return;
-    }
-    const std::string unfinished = fmt::format("{}.{}.new", path, getpid());
-    const auto fail = [&path, &unfinished] {
-        const int error = errno;
-        (void)unlink(unfinished.c_str());
-        throw std::system_error(error, std::generic_category(), escaped(path));
-    };
-    FILE* file = fopen(unfinished.c_str(), "we");
-    if (file == nullptr) fail();
-    const bool is_written = fwrite(text.data(), 1, text.size(), file) == text.size();
-    const bool is_kept = fflush(file) == 0 && fsync(fileno(file)) == 0;
-    if (fclose(file) != 0 || !is_written || !is_kept) fail();
-    if (rename(unfinished.c_str(), path.c_str()) != 0) fail();
-}
-
-}  // namespace
 
 exit_status write_report(const report_request& request) {
     report_content content;
@@ -82,9 +56,29 @@ exit_status write_report(const report_request& request) {
     content.since = content.until - usual_length;
     if (!request.since.empty()) content.since = parse_time("--since", request.since, content.now);
     if (content.since >= content.until) throw usage_error("--since is not before --until");
-    std::vector<session_row> rows;
-    if (!read_session_rows(rows) || !read_failures(content.failures)) return unreachable;
-    content.sessions = to_sessions(rows);
-    write_file(request.file, to_html(content));
+    content.sessions = to_sessions(read_session_rows());
+    content.failures = read_failures();
+    new_file file(request.file, 0666);
+    file.write(to_html(content));
+    file.finish();
     return done;
+}
+
+}  // namespace
+
+void declare_report(command_line& line) {
+    const auto request = std::make_shared<report_request>();
+    CLI::App* report =
+        line.app.add_subcommand("report", "Draw sessions and failed logins as a page");
+    report->add_option("--html", request->file, "File for the page; - is standard output")
+        ->type_name("FILE")
+        ->required();
+    const std::string words = fmt::format("; {}", time_words_help);
+    report
+        ->add_option("-S,--since", request->since,
+                     "Begin at this time, 30 days before the end if not given" + words)
+        ->type_name("TIME");
+    report->add_option("-U,--until", request->until, "End at this time, now if not given")
+        ->type_name("TIME");
+    line.runs(report, [request] { return write_report(*request); });
 }

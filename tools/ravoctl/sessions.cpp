@@ -7,13 +7,11 @@
 #include <map>
 #include <utility>
 
-#include "bus.h"
-#include "records.h"
+#include "pages.h"
 
 namespace {
 
-constexpr int64_t page_rows = 2000;  // 10 MB; a page costs some tens of milliseconds, however small
-constexpr int64_t clock_slack = 1;   // seconds by which time less uptime may miss the start
+constexpr int64_t clock_slack = 1;  // seconds by which time less uptime may miss the start
 
 template <size_t size>
 std::string to_string(const char (&array)[size]) {
@@ -100,22 +98,14 @@ std::vector<session> to_sessions(const std::vector<session_row>& rows) {
     return sessions;
 }
 
-bool read_session_rows(std::vector<session_row>& rows) {
-    const record_kind& kind = record_kinds().front();
-    db_query_cond cond = {};
-    cond.count = page_rows;
-    while (true) {
-        const page result = kind.list(cond);
-        if (!result.was_read) {
-            (void)report_unread();
-            return false;
-        }
-        for (uint64_t n = 0; n < result.count; ++n) {
-            db_conn_server_log stored;
-            memcpy(&stored, result.rows.get() + n * sizeof stored, sizeof stored);
-            rows.push_back(to_row(stored));
-        }
-        if (result.count < page_rows) return true;
-        cond.start += page_rows;
-    }
+std::vector<session_row> read_session_rows() {
+    std::vector<session_row> rows;
+    for_each_row(kind_of("sessions"), {}, [&rows](const char* row) {
+        db_conn_server_log stored;
+        memcpy(&stored, row, sizeof stored);
+        rows.push_back(to_row(stored));
+        return true;
+    });
+    std::reverse(rows.begin(), rows.end());
+    return rows;
 }

@@ -41,6 +41,6 @@ struct session_row {
 // by itself, and so is a row of any other action. In the order of their starts.
 std::vector<session> to_sessions(const std::vector<session_row>& rows);
 
-// Reads all rows that the daemon shows, page by page. False, told on standard error: it did not
-// answer.
-bool read_session_rows(std::vector<session_row>& rows);
+// Reads all rows that the daemon shows, in the order of their recording. Throws failure when that
+// cannot be done.
+std::vector<session_row> read_session_rows();

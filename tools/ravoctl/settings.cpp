@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <new>
+#include <string>
 
 #include "bus.h"
 #include "json_ptr.h"
@@ -25,18 +26,25 @@ bool is_success(const json_t* reply) {
     return json_is_integer(error) && json_integer_value(error) == 0;
 }
 
+// Once, and not with every page of a list.
+void tell(const std::string& why) {
+    static std::string told;
+    if (why != told) fmt::print(stderr, "ravoctl: {}\n", why);
+    told = why;
+}
+
 }  // namespace
 
 block_settings ask_block_settings() {
     const io_owner io = make_request(request_text());
     const int result = zb_call(settings_service, "read_json", io.get(), call_timeout_s, -1);
     if (result != 0) {
-        (void)report_failure(settings_service, result);
+        tell(call_failure(settings_service, result).what());
         return {};
     }
     const auto* text = static_cast<const char*>(zb_io_read(io.get(), nullptr));
     const json_ptr reply(json_loads(text, 0, nullptr));
     if (is_success(reply.get())) return to_block_settings(reply.get());
-    fmt::print(stderr, "ravoctl: {} could not read {}\n", settings_service, block_settings_path);
+    tell(fmt::format("{} could not read {}", settings_service, block_settings_path));
     return {};
 }

@@ -9,6 +9,8 @@
 #include "ravo_api.h"
 #include "text.h"
 
+namespace {
+
 // The call returns 0 whatever happened, so the record is given a byte that no UUID begins with.
 exit_status print_fresh_uuid() {
     constexpr char untouched = '\x7f';
@@ -17,12 +19,19 @@ exit_status print_fresh_uuid() {
     reply.ravo_uuid[0] = untouched;
     auto* reply_address = &reply;
     (void)ravo_mobile_gen_ravo_uuid(&request, &reply_address);
-    if (reply.ravo_uuid[0] == untouched) return report_unread();
+    if (reply.ravo_uuid[0] == untouched) throw unread_failure();
     const std::string uuid(reply.ravo_uuid, strnlen(reply.ravo_uuid, sizeof reply.ravo_uuid));
     if (uuid.empty()) {
-        fmt::print(stderr, "ravoctl: ravod has no source of UUIDs; its log file tells why\n");
-        return unanswered;
+        throw failure(unanswered, "ravod has no source of UUIDs; its log file tells why");
     }
     fmt::print("{}\n", escaped(uuid));
     return done;
+}
+
+}  // namespace
+
+void declare_uuid(command_line& line) {
+    line.runs(
+        line.app.add_subcommand("uuid", "Print a fresh UUID, of which the daemon keeps no record"),
+        print_fresh_uuid);
 }

@@ -1,7 +1,6 @@
 // A fresh UUID from the daemon, of which it keeps no record.
 #pragma once
 
-#include "failure.h"
+#include "command_line.h"
 
-// Prints it on standard output.
-exit_status print_fresh_uuid();
+void declare_uuid(command_line& line);
