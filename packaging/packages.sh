@@ -9,13 +9,14 @@ build_packages=(
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
     clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
-    binutils systemd valgrind strace pamtester libpam-wrapper
-    mypy
+    binutils abigail-tools systemd valgrind strace pamtester libpam-wrapper mypy
 )
 # What bench/run compares with.
 bench_packages=(libsystemd-dev)
 # What ./run openvpn and the tests of real OpenVPN servers need besides.
 openvpn_packages=(openvpn openssl)
+# What packaging/build-packages needs besides.
+packaging_packages=(abigail-tools debhelper dh-python dpkg-dev fakeroot lintian mmdebstrap)
 # The browser that looks at ravoctl's report in the tests. Without it they say so and go on.
 browser_packages=(chromium fonts-dejavu-core)
 # What ./test --coverage needs besides.

@@ -1,4 +1,6 @@
 """An installation in /usr/local that was made elsewhere. tests/install_test runs it."""
+import fnmatch
+import glob
 import os
 import re
 import shutil
@@ -10,24 +12,27 @@ PREFIX = "/usr/local"
 LIBRARIES = ("ravo_client", "zbservice", "Ostra_config")
 VERSION = "1.0.0"
 PROGRAMS = ["bin/ravoctl", "bin/vpn_global_opt", "sbin/NetworkService", "sbin/notify", "sbin/ravo-dbcheck",
-            "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/vpncaas"]
-ON_THE_BUS = [path for path in PROGRAMS if path != "sbin/notify"]
+            "sbin/ravo-openvpn", "sbin/ravo-ppp", "sbin/ravod", "sbin/ravod-notify", "sbin/vpncaas"]
+ON_THE_BUS = [path for path in PROGRAMS if path not in ("sbin/notify", "sbin/ravod-notify")]
 SERVICES = ("NetworkService", "ravod", "vpncaas")
 MANUAL_PAGES = ["man1/ravoctl.1", "man1/vpn_global_opt.1", "man3/Ini_Conf_Read_Lock_File.3",
                 "man3/ravo_api.3", "man3/zbservice.3", "man5/vpn_block.conf.5",
                 "man5/vpn_options.conf.5", "man8/NetworkService.8", "man8/notify.8",
                 "man8/pam_ravod.8", "man8/ravo-dbcheck.8", "man8/ravo-openvpn.8",
-                "man8/ravo-ppp.8", "man8/ravod.8", "man8/vpncaas.8"]
+                "man8/ravo-ppp.8", "man8/ravod-notify.8", "man8/ravod.8",
+                "man8/vpncaas.8"]
 FILES = sorted(
     PROGRAMS
     + [f"lib/lib{name}.so{suffix}" for name in LIBRARIES for suffix in ("", ".1", "." + VERSION)]
     + ["lib/libravod_core.a", "lib/security/pam_ravod.so", "lib/sysusers.d/ravod.conf", "lib/tmpfiles.d/ravod.conf"]
     + [f"lib/systemd/system/{name}.service" for name in SERVICES]
+    + [f"lib/systemd/system/ravod-notify.{kind}" for kind in ("path", "service")]
     + [f"include/{name}.h" for name in ("ravo_api", "ravo_records", "zbservice", "ostra_config")]
     + [f"lib/pkgconfig/{name}.pc" for name in ("ravo_client", "zbservice", "ostra_config")]
-    + [f"lib/cmake/ravod/ravod{name}.cmake"
+    + [f"lib/cmake/ravo/ravo{name}.cmake"
        for name in ("Config", "ConfigVersion", "Targets", "Targets-release")]
     + [f"share/man/{page}" for page in MANUAL_PAGES]
+    + ["share/ravod/notify.conf"]
     + [f"share/ravod/openvpn/{name}.conf" for name in ("ravod", "ravod-auth")]
     + [f"lib/python3/dist-packages/ravo/{name}"
        for name in ("__init__.py", "_client.py", "_library.py", "_records.py", "py.typed")]
@@ -36,9 +41,9 @@ FILES = sorted(
 CMAKE_PROJECT = """
 cmake_minimum_required(VERSION 3.25)
 project(user LANGUAGES CXX)
-find_package(ravod 1.0 REQUIRED)
+find_package(ravo 1.0 REQUIRED)
 add_executable(bus bus.cpp)
-target_link_libraries(bus PRIVATE ravod::zbservice ravod::Ostra_config)
+target_link_libraries(bus PRIVATE ravo::zbservice ravo::Ostra_config)
 """
 BUS_PROGRAM = """
 #include <ostra_config.h>
@@ -55,6 +60,24 @@ def installed(folder):
     """Paths of all files below the folder, relative to it."""
     return sorted(os.path.relpath(os.path.join(where, name), folder)
                   for where, _folders, names in os.walk(folder) for name in names)
+
+
+def packaged():
+    """{package: what it takes of an installation below /usr}, from debian/*.install."""
+    found = {}
+    for path in glob.glob(os.environ["TOP"] + "/debian/*.install"):
+        with open(path, encoding="utf-8") as file:
+            sources = [line.split()[0] for line in file if line.strip() and line[0] != "#"]
+        package = os.path.basename(path).removesuffix(".install")
+        # A package's libraries lie one folder deeper, in that of the architecture.
+        found[package] = [source.replace("usr/lib/*/", "usr/lib/") for source in sources]
+    return found
+
+
+def takes(pattern, path):
+    """Whether a line of an install file takes this file: by its name, or with its folder."""
+    wanted, parts = pattern.split("/"), path.split("/")[:pattern.count("/") + 1]
+    return len(wanted) == len(parts) and all(map(fnmatch.fnmatchcase, parts, wanted))
 
 
 class install(RavodTest):
@@ -80,6 +103,20 @@ class install(RavodTest):
         self.assertIn("examples/record_and_list.c", documents)
         self.assertIn("examples/data/openvpn-sessions.jsonl", documents)
         self.assertFalse([path for path in documents if "__pycache__" in path])
+
+    def test_every_file_belongs_to_one_debian_package(self):
+        packages = packaged()
+        self.assertIn("ravod", packages)
+        with open(os.environ["TOP"] + "/debian/not-installed", encoding="utf-8") as file:
+            packages["none"] = [line.strip() for line in file if line[0] != "#"]
+        files = ["usr/" + path for path in installed(PREFIX)]
+        for path in files:
+            takers = [package for package, patterns in packages.items()
+                      if any(takes(pattern, path) for pattern in patterns)]
+            self.assertEqual(len(takers), 1, f"{path}: {takers}")
+        for package, patterns in packages.items():
+            for pattern in patterns:
+                self.assertTrue(any(takes(pattern, path) for path in files), f"{package}: {pattern}")
 
     def test_libraries_are_found_from_where_a_file_lies_and_after_the_library_path(self):
         expected = {**{path: "$ORIGIN/../lib" for path in PROGRAMS},

@@ -138,6 +138,13 @@ class service_unit(RavodTest):
                                           self.unit(service), env=env)
                 self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
 
+    def test_units_of_the_delivery_are_well_formed(self):
+        env = {**os.environ, "SYSTEMD_UNIT_PATH": os.environ["UNITS"] + ":"}
+        for kind in ("path", "service"):
+            result = self.run_program("systemd-analyze", "verify", "--man=no",
+                                      f"{os.environ['UNITS']}/ravod-notify.{kind}", env=env)
+            self.assertEqual((result.returncode, result.stdout, result.stderr), (0, b"", b""))
+
     def test_mistake_in_a_unit_would_be_seen(self):
         result = self.run_program("systemd-analyze", "verify", "--man=no",
                                   self.unit_with("ProtectSytem=strict"))
@@ -158,6 +165,8 @@ class service_unit(RavodTest):
                        TOP + "/packaging/tmpfiles.conf")
             for path, mode in (("/etc/config", 0o755), ("/etc/config/ravo", 0o700),
                                ("/var/log/network", 0o755), (LOCK, 0o600),
+                               ("/var/spool/ravod-notify", 0o700),
+                               ("/var/spool/ravod-notify/new", 0o700),
                                ("/etc/config/vpn_options.conf.lck", 0o644)):
                 made = os.stat("/tmp/root" + path)
                 self.assertEqual((stat.S_IMODE(made.st_mode), made.st_uid, made.st_gid), (mode, 0, 0))
@@ -237,6 +246,14 @@ class service_unit(RavodTest):
         self.succeed(self.ravoctl("blocks", "fail", "eve"))
         self.assertEqual(self.ravoctl("blocks", "check", "eve").returncode, 1)
         self.assertFalse(os.path.exists(NOTIFICATIONS))
+
+    def test_notifier_leaves_in_the_sandbox_what_is_delivered_outside(self):
+        os.makedirs("/etc/ravod", exist_ok=True)
+        with open("/etc/ravod/notify.conf", "w", encoding="utf-8") as file:
+            file.write("mail-to root\n")
+        self.check(*IN_SANDBOX, self.unit("ravod"), os.environ["NOTIFY"], "send", "-A", "A238", "-C",
+                   "C001", "-M", "0020", "-l", "warn", "-t", "3", "text")
+        self.assertEqual(len(os.listdir("/var/spool/ravod-notify/new")), 1)
 
     def test_signals_reach_the_daemon(self):
         with open(CONFIGURATION, "w", encoding="utf-8") as file:

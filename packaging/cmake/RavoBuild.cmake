@@ -42,6 +42,7 @@ elseif(RAVO_COVERAGE)
     add_compile_options(--coverage -fprofile-update=atomic -fprofile-abs-path)
     add_link_options(--coverage -Wl,-z,relro,-z,now)
 else()
+    set(RAVO_TELLS_TYPES -g)
     add_compile_options(-fstack-protector-strong)
     include(CheckCXXCompilerFlag)
     foreach(flag -fstack-clash-protection -fcf-protection)
@@ -56,11 +57,14 @@ else()
 endif()
 add_compile_definitions($<$<COMPILE_LANGUAGE:CXX>:_GLIBCXX_ASSERTIONS>)
 
-# ravo_shared_library(target map sources...): a shared object that exports what the version script
-# names, and nothing else. The script has no version names, so that any other library with the
-# same interface can stand in its place.
+# ravo_shared_library(target map INTERFACE sources... [SOURCES sources...]): a shared object that exports what the
+# version script names, and nothing else. The script has no version names, so that any other library
+# with the same interface can stand in its place. The sources that have the exported functions tell
+# their types, for packaging/check-abi.
 function(ravo_shared_library target map)
-    add_library(${target} SHARED ${ARGN})
+    cmake_parse_arguments(ARG "" "" "INTERFACE;SOURCES" ${ARGN})
+    add_library(${target} SHARED ${ARG_INTERFACE} ${ARG_SOURCES})
+    set_source_files_properties(${ARG_INTERFACE} PROPERTIES COMPILE_OPTIONS "${RAVO_TELLS_TYPES}")
     set_target_properties(${target} PROPERTIES
         VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
         INSTALL_RPATH "$ORIGIN" LINK_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${map}")

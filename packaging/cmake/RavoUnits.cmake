@@ -1,5 +1,5 @@
 # ravo_write_units(prefix folder): writes the systemd units into the folder, for programs below the
-# prefix. Each gets the sandbox that all have in common. Also used while installing.
+# prefix. Each service on the bus gets the sandbox that all have in common. Also used while installing.
 set(RAVO_UNITS ravod vpncaas NetworkService)
 set(RAVO_UNITS_SOURCE_DIR "${CMAKE_CURRENT_LIST_DIR}/..")
 
@@ -9,6 +9,20 @@ function(ravo_write_units RAVO_PREFIX folder)
     foreach(unit ${RAVO_UNITS})
         configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.service.in" "${folder}/${unit}.service" @ONLY)
     endforeach()
+    foreach(unit ravod-notify.service ravod-notify.path)
+        configure_file("${RAVO_UNITS_SOURCE_DIR}/${unit}.in" "${folder}/${unit}" @ONLY)
+    endforeach()
+endfunction()
+
+# ravo_write_tmpfiles(prefix folder): writes what is made at each boot, for programs below the prefix.
+# The daemon starts the notifier by one name, so elsewhere than in /usr/local a link leads to it. A
+# notifier that is there already stays.
+function(ravo_write_tmpfiles prefix folder)
+    file(READ "${RAVO_UNITS_SOURCE_DIR}/tmpfiles.conf" text)
+    if(NOT prefix STREQUAL "/usr/local")
+        string(APPEND text "L /usr/local/sbin/notify - - - - ${prefix}/sbin/notify\n")
+    endif()
+    file(WRITE "${folder}/ravod.conf" "${text}")
 endfunction()
 
 # ravo_write_openvpn_files(prefix folder): writes what servers of OpenVPN include, for a helper below

@@ -1,5 +1,6 @@
 // notify: the notifier of a plain machine. Puts a notification's arguments into its template and
-// delivers the text to the system log and, as one JSON line, to the notifications file.
+// delivers the text to the system log and, as one JSON line, to the notifications file. When
+// /etc/ravod/notify.conf says so, it leaves it for ravod-notify, too.
 //
 //   notify send -A APP -C CATEGORY -M ID -l LEVEL -t TYPE TEMPLATE [ARG0 [ARG1 ...]]
 //
@@ -20,6 +21,8 @@
 #include <string>
 
 #include "notification.h"
+#include "notify_settings.h"
+#include "notify_spool.h"
 
 namespace {
 
@@ -82,6 +85,15 @@ bool append_to_file(const notification& note) {
     return close(fd) == 0 && appended;
 }
 
+// For ravod-notify, which may do what a notifier in its caller's sandbox may not.
+bool leave_for_delivery(const notification& note) {
+    if (!are_delivered(read_notify_settings(), note.level)) return true;
+    std::string reason;
+    if (spool_entry(json_line(note), reason)) return true;
+    (void)fprintf(stderr, "notify: cannot leave it in %s: %s\n", spool_new, reason.c_str());
+    return false;
+}
+
 // Reads the options before the template. Returns false when one is missing or unknown.
 bool parse_options(int argc, char** argv, notification& note) {
     int letter = 0;
@@ -122,10 +134,11 @@ int main(int argc, char** argv) {
     note.text = expand(argv[optind], words.subspan(first_argument));
     const bool is_kept = append_to_file(note);
     if (!is_kept) (void)fprintf(stderr, "notify: cannot write %s\n", notifications_file);
+    const bool is_left = leave_for_delivery(note);
     // Last, and not for ever: a system log that nobody reads blocks its writers. The alarm then
     // ends the program.
     (void)signal(SIGALRM, SIG_DFL);
     alarm(lock_seconds);
     tell_system_log(note);
-    return is_kept ? 0 : 1;
+    return is_kept && is_left ? 0 : 1;
 }
