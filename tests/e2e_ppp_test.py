@@ -58,7 +58,7 @@ class ppp(RavodTest):
         self.succeed(result)
 
     def rows(self):
-        listed = self.succeed(self.ravoctl("sessions", "--json", "--per-page", "100"))
+        listed = self.succeed(self.ravoctl("sessions", "--rows", "--json", "-n", "all"))
         return json.loads(listed, strict=False)["rows"]
 
     def test_connection_becomes_rows(self):
