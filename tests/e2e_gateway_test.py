@@ -198,7 +198,7 @@ class ravoctl_gateway(RavodTest):
         for arguments in ([], ["show"]):
             self.assertEqual(self.lines(*arguments), [NO_GATEWAY, NO_SERVICE])
             self.assertEqual(self.json(*arguments), {
-                "options_file": "missing", "gateway": None, "backup": None, "delay": None,
+                "schema": "ravoctl.gateway/1", "options_file": "missing", "gateway": None, "backup": None, "delay": None,
                 "default_route_is_known": False, "default_route": None})
         self.assertEqual([name for name in os.listdir("/etc/config") if "options" in name], [])
 
@@ -231,8 +231,8 @@ class ravoctl_gateway(RavodTest):
     def test_shows_everything_as_json(self):
         self.put_setting(BACKED_UP)
         self.assertEqual(self.json(), {
-            "options_file": "present", "delay": 5, "default_route_is_known": False,
-            "default_route": None,
+            "schema": "ravoctl.gateway/1", "options_file": "present", "delay": 5,
+            "default_route_is_known": False, "default_route": None,
             "gateway": {"type": "OpenVPN", "type_code": 1024, "index": 1, "sname": "OPENVPN_CLIENT1",
                         "profile": None},
             "backup": {"type": "L2TP/IPSec", "type_code": 512, "index": 2, "sname": "L2TP_CLIENT2",

@@ -10,6 +10,7 @@
 #include "pages.h"
 #include "report.h"
 #include "sessions.h"
+#include "sparkline.h"
 #include "text.h"
 #include "time_words.h"
 
@@ -261,6 +262,26 @@ TEST(report_page, extreme_numbers_are_survived) {
     const std::string page =
         page_of({s}, {{"b", INT64_MAX, INT64_MAX, INT64_MAX}, {"c", -1, INT64_MIN, 0}});
     EXPECT_EQ(count_of(page, "<path d=\"M150.0 8h850.0v12h-850.0z\">"), 1U);
+}
+
+// ---- Small bars --------------------------------------------------------------------------------
+
+TEST(sparkline, bars_are_as_high_as_their_numbers) {
+    EXPECT_EQ(sparkline({}), "");
+    EXPECT_EQ(sparkline({0, 0}), "··");
+    EXPECT_EQ(sparkline({0, 1, 4, 8}), "·▂▅█");
+    EXPECT_EQ(sparkline({0.001, 1000}), "▁█");
+}
+
+TEST(sparkline, seconds_are_divided_among_the_slots_that_they_lie_in) {
+    std::vector<double> slots(4, 0);
+    add_to_slots(slots, 5, 25, 40);
+    EXPECT_EQ(slots, (std::vector<double>{5, 10, 5, 0}));
+    add_to_slots(slots, -10, 100, 40);
+    EXPECT_EQ(slots, (std::vector<double>{15, 20, 15, 10}));
+    add_to_slots(slots, 7, 3, 40);
+    add_to_slots(slots, 0, 10, 0);
+    EXPECT_EQ(slots, (std::vector<double>{15, 20, 15, 10}));
 }
 
 // ---- Failures ----------------------------------------------------------------------------------

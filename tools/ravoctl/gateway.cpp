@@ -297,8 +297,9 @@ const char* word_of(options_state state) {
 void print_all_as_json(const options_document& options, const default_route& route) {
     const gateway_setting setting = read_setting(options.root.get());
     const json_ptr json(json_pack(
-        "{s:s, s:o, s:o, s:o, s:b, s:o}", "options_file", word_of(options.state), "gateway",
-        to_json(setting.gateway, route), "backup", to_json(setting.backup, route), "delay",
+        "{s:s, s:s, s:o, s:o, s:o, s:b, s:o}", "schema", schema_name("gateway").c_str(),
+        "options_file", word_of(options.state), "gateway", to_json(setting.gateway, route),
+        "backup", to_json(setting.backup, route), "delay",
         setting.backup ? json_integer(setting.delay) : json_null(), "default_route_is_known",
         static_cast<int>(route.is_known), "default_route", route_to_json(route)));
     dump_to_stdout(json.get());

@@ -85,7 +85,7 @@ void print_line(const char* name, const std::string& text) {
 }
 
 std::string table_text(const system_status& status, const char* table, uint64_t rows) {
-    const std::string text = fmt::format("{} {}", rows, rows == 1 ? "row" : "rows");
+    std::string text = fmt::format("{} {}", rows, rows == 1 ? "row" : "rows");
     if (table == std::string_view("sessions")) {
         return fmt::format("{}, {} open now", text, status.open_sessions);
     }
