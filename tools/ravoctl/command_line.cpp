@@ -54,7 +54,7 @@ template cli_option cli_command::add_option(const std::string&, std::string&,
 template cli_option cli_command::add_option(const std::string&, std::optional<std::string>&,
                                             const std::string&) const;
 template cli_option cli_command::add_option(const std::string&, std::optional<uint64_t>&,
-                                             const std::string&) const;
+                                            const std::string&) const;
 template cli_option cli_command::add_option(const std::string&, std::vector<std::string>&,
                                             const std::string&) const;
 template cli_option cli_command::add_option(const std::string&, std::vector<int64_t>&,
@@ -64,9 +64,9 @@ template cli_option cli_command::add_option(const std::string&, double&, const s
 template cli_option cli_command::add_option(const std::string&, int64_t&, const std::string&) const;
 
 cli_option cli_command::add_option(const std::string& names,
-                                   std::function<void(const std::string&)> set,
+                                   const std::function<void(const std::string&)>& set,
                                    const std::string& help) const {
-    return cli_option(app_->add_option_function(names, std::move(set), help));
+    return cli_option(app_->add_option_function(names, set, help));
 }
 cli_option cli_command::add_flag(const std::string& names, bool& value,
                                  const std::string& help) const {

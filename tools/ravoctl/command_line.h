@@ -53,7 +53,8 @@ class cli_command {
     template <class Value>
     cli_option add_option(const std::string& names, Value& value, const std::string& help) const;
     // Names do what they stand for: a text that they are given, or a switch.
-    cli_option add_option(const std::string& names, std::function<void(const std::string&)> set,
+    cli_option add_option(const std::string& names,
+                          const std::function<void(const std::string&)>& set,
                           const std::string& help) const;
     cli_option add_flag(const std::string& names, bool& value, const std::string& help) const;
     cli_option add_flag(const std::string& names, std::function<void()> set,
