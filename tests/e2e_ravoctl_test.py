@@ -660,6 +660,26 @@ class ravoctl(RavodTest):
                 self.assertEqual([row["id"] for row in self.json("sessions", *arguments)["rows"]], ids)
         self.assertEqual(self.table("sessions", "-n", "1")[-1], "the newest 1 session; -n all shows all")
 
+    def test_newest_sessions_of_a_long_table_are_those_of_the_whole_list(self):
+        self.start_ravod()
+        now = int(time.time())
+        rows = [(f"u{n % 7}", uptime, now - 100000 + 10 * n + uptime, action)
+                for n in range(4500) for uptime, action in ((0, 1), (3 + n % 50, 2)) if n % 9 or action == 1]
+        rows.sort(key=lambda row: row[2])
+        with sqlite3.connect(DATABASE) as database:
+            database.executemany(
+                "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, source_ip, vpn_ip, tx_rate,"
+                " rx_rate, tx_total, rx_total, outgoing, action) VALUES (?, 4, ?, ?, '', '', '', 0, 0, 0, 0, '', ?)", rows)
+        database.close()
+        columns = ["-c", "id,username,start,end,state"]
+        everything = self.json("sessions", "-n", "all", *columns)["rows"]
+        self.assertEqual(len(everything), 4500)
+        for condition, wanted in (([], lambda row: True), (["-u", "u3"], lambda row: row["username"] == "u3"),
+                                  (["--filter", "state=open"], lambda row: row["state"] == "open")):
+            with self.subTest(condition=condition):
+                self.assertEqual(self.json("sessions", "-n", "30", *condition, *columns)["rows"],
+                                 [row for row in everything if wanted(row)][-30:])
+
     def test_one_session_is_found_by_any_of_its_rows(self):
         self.start_ravod()
         self.add_sessions()

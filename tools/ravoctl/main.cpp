@@ -53,8 +53,8 @@ std::string failure_message(const CLI::App* /*app*/, const CLI::Error& error) {
 
 void declare_all(command_line& line) {
     line.app.description(
-        "Lists and adds the records of a running ravod, calls its methods, and sets the default "
-        "gateway.");
+        "Shows what a running ravod has recorded, and looks after its records, its login-attempt "
+        "limiter and the default gateway.");
     line.app.set_version_flag("--version", "ravoctl " RAVO_VERSION);
     line.app.require_subcommand(0, 1);
     line.app.footer(exit_status_help);
