@@ -165,6 +165,7 @@ void declare_deed(command_line& line, cli_command list, const record_kind& kind,
     const auto request = std::make_shared<removal_request>(removal_request{kind, what});
     const cli_command command = list.add_subcommand(name, help);
     declare_removal_options(command, *request);
+    command.footer("");
     if (what == deed::deletes)
         command.add_option("ids", request->ids, "Ids of the rows").required().type_name("ID");
     line.runs(command, [request] { return read_and_remove(*request); });
