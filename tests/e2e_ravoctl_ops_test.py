@@ -118,9 +118,9 @@ class ravoctl_ops(RavodTest):
              "ok", "c.conf has ravo-openvpn's hooks", None),
             (lambda: os.makedirs("/var/spool/ravo-openvpn/event"), "warning", "spool/ravo-openvpn: 1", "replay"),
             (lambda: put("/var/log/network/RAVO.log", "1 [ERROR] x: RET = 13\n"), "warning", "full", "df -h"),
-            (lambda: put(SETTINGS, '{"global": {"enable": false}}'), "warning", "limiter is off", SETTINGS),
-            (lambda: put(SETTINGS, '{"global": {"enable": true, "limit": 3}}'), "warning", "no time", SETTINGS),
-            (vpncaas.stop, "failed", "vpncaas does not tell", "systemctl start vpncaas"),
+            (lambda: put(SETTINGS, '{"global": {"enable": false}}'), "warning", "limiter is off", "limiter set"),
+            (lambda: put(SETTINGS, '{"global": {"enable": true, "limit": 3}}'), "warning", "no time", "limiter set"),
+            (vpncaas.stop, "failed", "vpncaas is not reachable", "systemctl start vpncaas"),
             (damage, "failed", "ravo.db is damaged", "ravo-dbcheck"),
         )
         status = 0
@@ -311,8 +311,8 @@ class ravoctl_ops(RavodTest):
         command = [os.environ["RAVOCTL"], "export", "sessions", "--output", "/tmp/file"]
         self.assertEqual(subprocess.run(command, stderr=slave, check=False).returncode, 0)
         os.close(slave)
-        self.assertEqual(os.read(master, 65536), b"\rsessions: 1000 of 2500\x1b[K\rsessions: 2000 of 2500"
-                                                 b"\x1b[K\r\x1b[K")
+        self.assertEqual(self.read_until(master, b"K\r\x1b[K"),
+                         b"\rsessions: 1000 of 2500\x1b[K\rsessions: 2000 of 2500\x1b[K\r\x1b[K")
 
     # --- Metrics ---
 

@@ -187,18 +187,30 @@ void check_log(findings& found) {
 
 // --- The limiter --------------------------------------------------------------------------------
 
-void check_limiter(findings& found) {
-    const block_settings settings = ask_block_settings();
-    if (!settings.available) {
-        return found.fail("vpncaas does not tell the limiter's settings, so nobody is blocked",
-                          fmt::format("systemctl start vpncaas; ls -l {}", block_settings_path));
+block_settings read_limiter(findings& found) {
+    try {
+        const block_settings settings = to_block_settings(read_block_settings().get());
+        found.ok("vpncaas tells the limiter's settings");
+        return settings;
+    } catch (const failure& error) {
+        found.fail(fmt::format("nobody is blocked: {}", error.what()),
+                   fmt::format("systemctl start vpncaas; ls -l {}", block_settings_path));
+        return {};
     }
-    found.ok("vpncaas tells the limiter's settings");
-    const auto edit = fmt::format("edit {}", block_settings_path);
-    if (!settings.enabled) return found.warn("the login-attempt limiter is off", edit);
-    if (settings.block_seconds == 0) return found.warn("blocks last for no time", edit);
+}
+
+void check_limiter(findings& found) {
+    const block_settings settings = read_limiter(found);
+    if (!settings.available) return;
+    if (!settings.enabled) {
+        return found.warn("the login-attempt limiter is off", "ravoctl limiter set on");
+    }
+    if (settings.block_seconds == 0) {
+        return found.warn("blocks last for no time", "ravoctl limiter set time=5");
+    }
     if (settings.limit < 1) {
-        return found.warn("a single failed login blocks, and nobody is told", edit);
+        return found.warn("a single failed login blocks, and nobody is told",
+                          "ravoctl limiter set limit=3");
     }
     found.ok(fmt::format("{} failed logins block a user for {} s", settings.limit,
                          settings.block_seconds));

@@ -166,6 +166,7 @@ std::shared_ptr<removal_request> declare_deed(command_line& line, CLI::App& list
     auto request = std::make_shared<removal_request>(removal_request{kind, what});
     CLI::App* command = list.add_subcommand(name, help);
     declare_removal_options(*command, *request);
+    command->footer("");
     line.runs(command, [request] { return read_and_remove(*request); });
     return request;
 }
