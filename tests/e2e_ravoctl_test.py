@@ -173,10 +173,10 @@ class ravoctl(RavodTest):
              "the 2 rows with the largest username; the table has 5; -n all shows all"),
             (["--sort", "username", "-r", "-n", "1"], ["eve"],
              "the 1 row with the largest username; the table has 5; -n all shows all"),
-            (["-u", "bob"], ["bob"], "1 row that match; the table has 5"),
+            (["-u", "bob"], ["bob"], "1 row that matches; the table has 5"),
             (["-u", "nobody"], [], "no rows that match; the table has 5"),
             (["--filter", "uptime=3", "-n", "1"], ["dan"],
-             "the newest 1 row that match; the table has 5; -n all shows all"),
+             "the newest 1 row that matches; the table has 5; -n all shows all"),
         ):
             with self.subTest(arguments=arguments):
                 self.assertEqual(self.names(*arguments), names)

@@ -215,7 +215,7 @@ std::string selection::describe(const row_list& list, const char* what) const {
     } else {
         text = fmt::format("the {} {} with the largest {}", shown, rows, fields_[sort_].name);
     }
-    if (has_conditions) text += " that match";
+    if (has_conditions) text += shown == 1 ? " that matches" : " that match";
     if (list.total && (shown == 0 || has_conditions || list.has_more)) {
         text += fmt::format("; the table has {}", *list.total);
     }
