@@ -8,7 +8,7 @@ build_packages=(
 )
 # What the tests, the benchmarks and the checks of the source need besides.
 test_packages=(
-    clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc git
+    clang clang-format clang-tidy libclang-rt-14-dev libgtest-dev mandoc
     binutils abigail-tools systemd valgrind strace pamtester libpam-wrapper mypy
 )
 # What bench/run compares with.
