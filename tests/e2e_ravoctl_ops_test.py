@@ -295,6 +295,12 @@ class ravoctl_ops(RavodTest):
         self.assertEqual(self.total("sessions"), 2)
         self.fails(self.ravoctl("export", "--output", "/nix/file"), 7, "/nix/file")
 
+    def test_an_export_with_tables_that_are_empty_is_whole(self):
+        self.start_ravod()
+        self.add_sessions("alice")
+        self.ok("export", "--output", "/tmp/all.jsonl")
+        self.assertIn("sessions: 1 rows recorded, 1 before and 2 now", self.ok("import", "/tmp/all.jsonl"))
+
     def test_an_import_into_a_table_that_gets_too_large_is_refused(self):
         self.start_ravod()
         self.add_sessions("alice")
