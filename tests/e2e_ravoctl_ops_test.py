@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import shutil
 import signal
@@ -206,6 +207,20 @@ class ravoctl_ops(RavodTest):
         self.ok("sessions", "clean")
         self.ok("outgoing", "delete", "5")
         self.assertEqual(self.total("outgoing"), 1)
+
+    def test_a_note_that_cannot_be_written_is_not_lost(self):
+        self.start_ravod()
+        self.add_sessions("alice", "bob", "carol")
+        self.ok("sessions", "delete", "1")
+
+        def have_no_room():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+
+        full = self.ravoctl("sessions", "delete", "2", "--no-save", preexec_fn=have_no_room, restore_signals=False)
+        self.fails(full, 7, "/run/ravoctl.json", "cannot be written")
+        self.assertEqual(self.total("sessions"), 2)
+        self.refused("sessions", "clean")
 
     def fails_with_5(self, output, complaint, *arguments):
         result = self.ravoctl(*arguments)
