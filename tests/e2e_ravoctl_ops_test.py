@@ -222,6 +222,16 @@ class ravoctl_ops(RavodTest):
         self.assertEqual(self.total("sessions"), 2)
         self.refused("sessions", "clean")
 
+    def test_output_to_a_closed_stream_goes_nowhere_else(self):
+        self.start_ravod()
+        self.add_sessions("alice", "bob")
+        for arguments in (["sessions"], ["metrics"], ["export"], ["sessions", "delete", "1"], ["sessions", "delete", "2"]):
+            with self.subTest(arguments=arguments):
+                result = self.ravoctl(*arguments, preexec_fn=lambda: os.close(1))
+                self.assertEqual(result.returncode, 7, result.stderr)
+                self.assertIn(b"the output could not be written", result.stderr)
+        self.assertEqual(self.total("sessions"), 0)
+
     def fails_with_5(self, output, complaint, *arguments):
         result = self.ravoctl(*arguments)
         self.assertEqual(result.returncode, 5, result.stderr)
