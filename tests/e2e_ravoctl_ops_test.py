@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import re
+import resource
 import select
 import shutil
 import signal
@@ -207,6 +208,30 @@ class ravoctl_ops(RavodTest):
         self.ok("outgoing", "delete", "5")
         self.assertEqual(self.total("outgoing"), 1)
 
+    def test_a_note_that_cannot_be_written_is_not_lost(self):
+        self.start_ravod()
+        self.add_sessions("alice", "bob", "carol")
+        self.ok("sessions", "delete", "1")
+
+        def have_no_room():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+
+        full = self.ravoctl("sessions", "delete", "2", "--no-save", preexec_fn=have_no_room, restore_signals=False)
+        self.fails(full, 7, "/run/ravoctl.json", "cannot be written")
+        self.assertEqual(self.total("sessions"), 2)
+        self.refused("sessions", "clean")
+
+    def test_output_to_a_closed_stream_goes_nowhere_else(self):
+        self.start_ravod()
+        self.add_sessions("alice", "bob")
+        for arguments in (["sessions"], ["metrics"], ["export"], ["sessions", "delete", "1"], ["sessions", "delete", "2"]):
+            with self.subTest(arguments=arguments):
+                result = self.ravoctl(*arguments, preexec_fn=lambda: os.close(1))
+                self.assertEqual(result.returncode, 7, result.stderr)
+                self.assertIn(b"the output could not be written", result.stderr)
+        self.assertEqual(self.total("sessions"), 0)
+
     def fails_with_5(self, output, complaint, *arguments):
         result = self.ravoctl(*arguments)
         self.assertEqual(result.returncode, 5, result.stderr)
@@ -294,6 +319,12 @@ class ravoctl_ops(RavodTest):
         self.fails(self.ravoctl("import", "/nix"), 7, "/nix", "No such file")
         self.assertEqual(self.total("sessions"), 2)
         self.fails(self.ravoctl("export", "--output", "/nix/file"), 7, "/nix/file")
+
+    def test_an_export_with_tables_that_are_empty_is_whole(self):
+        self.start_ravod()
+        self.add_sessions("alice")
+        self.ok("export", "--output", "/tmp/all.jsonl")
+        self.assertIn("sessions: 1 rows recorded, 1 before and 2 now", self.ok("import", "/tmp/all.jsonl"))
 
     def test_an_import_into_a_table_that_gets_too_large_is_refused(self):
         self.start_ravod()

@@ -115,6 +115,7 @@ TEST(export_lines, others_are_refused) {
     };
     EXPECT_EQ(complaint({head, end}), "");
     EXPECT_EQ(complaint({head, row(""), export_end({{"sessions", 1}})}), "");
+    EXPECT_EQ(complaint({head, row(""), export_end({{"servers", 0}, {"sessions", 1}})}), "");
     const struct {
         std::vector<std::string> lines;
         const char* words;
@@ -123,6 +124,8 @@ TEST(export_lines, others_are_refused) {
         {{head}, "cut"},
         {{head, row("")}, "cut"},
         {{head, row(""), end}, "counts other rows"},
+        {{head, export_end({{"servers", 1}})}, "counts other rows"},
+        {{head, R"({"end": {"nix": 0}})"}, "counts other rows"},
         {{head, end, row("")}, "behind the end"},
         {{R"({"ravo_export": 2})"}, "version 2"},
         {{row("")}, "begins so"},

@@ -264,6 +264,8 @@ class ravod_notify(RavodTest):
         for name, text in (("1", ""), ("2", "{"), ("3", "[]"), ("4", "x" * 70000)):
             with open(f"{SPOOL}/new/{name}", "w", encoding="utf-8") as file:
                 file.write(text)
+        with open(SPOOL + "/new/8\nBcc: mallory", "w", encoding="utf-8") as file:
+            json.dump({"time": 1, "level": "warn", "text": "of a name that no notifier gives"}, file)
         os.mkfifo(SPOOL + "/new/5")
         os.symlink("/etc/passwd", SPOOL + "/new/6")
         os.makedirs(SPOOL + "/new/7/8")

@@ -31,6 +31,11 @@ std::string entry_name() {
     return name;
 }
 
+// Names stand in the headers of mails. Whoever writes into "new" may have another one in mind.
+bool is_entry_name(const std::string& name) {
+    return name.find_first_not_of("0123456789.-") == std::string::npos;
+}
+
 bool write_whole(const std::string& path, const std::string& bytes) {
     const descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     return file.is_open() &&
@@ -129,7 +134,7 @@ void distribute(const std::vector<std::string>& channels, const wants_entry& is_
     remove_other_queues(channels, complain);
     remove_stale(spool_new);
     for (const std::string& name : entries_of(spool_new)) {
-        if (is_wanted(read_entry(at(spool_new, name)))) {
+        if (is_entry_name(name) && is_wanted(read_entry(at(spool_new, name)))) {
             for (const std::string& channel : channels) link_into(channel, name, complain);
         }
         std::error_code none;

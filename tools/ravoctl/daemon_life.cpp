@@ -118,8 +118,9 @@ void daemon_life::remember(const std::string& table, const table_history& histor
     const json_text text(json_dumps(note.get(), 0));
     if (text == nullptr) throw std::bad_alloc();
     const std::string whole = std::string(text.get()) + "\n";
-    if (ftruncate(fd, 0) != 0 ||
-        pwrite(fd, whole.data(), whole.size(), 0) != static_cast<ssize_t>(whole.size())) {
+    // Cut last: an older note that cannot be replaced is not lost.
+    const auto size = static_cast<ssize_t>(whole.size());
+    if (pwrite(fd, whole.data(), whole.size(), 0) != size || ftruncate(fd, size) != 0) {
         fail("cannot be written");
     }
 }

@@ -1,6 +1,8 @@
 // ravoctl: lists and adds the records of a running ravod, looks after its login-attempt limiter,
 // sets the default gateway, and calls methods by hand.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -80,6 +82,16 @@ exit_status fail(const char* what, exit_status status) {
     return status;
 }
 
+// Takes the place of a standard stream that is closed. Otherwise the next file or connection would,
+// and the output would go there. Nothing can be written to this one.
+void fill_closed_streams() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDONLY);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) (void)close(fd);
+}
+
 exit_status dispatch(int argc, char** argv) {
     if (!use_utf8()) return fail("the system has no locale C.UTF-8", failed_here);
     command_line line;
@@ -104,6 +116,7 @@ exit_status dispatch(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    fill_closed_streams();
     try {
         return flush_output(dispatch(argc, argv));
     } catch (const std::exception& error) {
