@@ -3,10 +3,12 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "daemon_life.h"
 #include "export_lines.h"
+#include "fields.h"
 #include "metrics.h"
 #include "watch.h"
 
@@ -165,4 +167,20 @@ TEST(counter_events, are_the_differences_of_two_looks) {
         {quiet, {}, {"bob is forgiven"}},
     };
     for (const auto& [before, now, events] : cases) EXPECT_EQ(counter_events(before, now), events);
+}
+
+// ---- Values ------------------------------------------------------------------------------------
+
+TEST(vpn_types, are_called_by_their_names) {
+    const field type = {.name = "vpn_type",
+                        .offset = 0,
+                        .size = sizeof(int32_t),
+                        .kind = value_kind::int32,
+                        .is = meaning::vpn_type};
+    const std::pair<int64_t, const char*> names[] = {
+        {1, "pptp"},   {2, "l2tp"},   {4, "openvpn"},    {16, "tessel"},
+        {256, "pptp"}, {512, "l2tp"}, {1024, "openvpn"}, {4096, "tessel"},
+        {0, "0"},      {8, "8"},      {2048, "2048"},
+    };
+    for (const auto& [number, name] : names) EXPECT_EQ(cell_text(type, number), name);
 }

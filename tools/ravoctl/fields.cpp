@@ -13,6 +13,7 @@
 #include <span>
 
 #include "failure.h"
+#include "global_options.h"
 #include "text.h"
 #include "time_words.h"
 
@@ -79,10 +80,11 @@ std::optional<int64_t> to_seconds(const std::string& text) {
     return parse_time_words(text, time(nullptr));
 }
 
-// The client's types are the server's, eight bits up.
-constexpr named_number vpn_types[] = {{"pptp", 1},       {"l2tp", 2},     {"openvpn", 4},
-                                      {"tessel", 8},     {"pptp", 256},   {"l2tp", 512},
-                                      {"openvpn", 1024}, {"tessel", 2048}};
+constexpr named_number vpn_types[] = {
+    {"pptp", ravo::PPTP_SERVER_TYPE},    {"l2tp", ravo::L2TP_SERVER_TYPE},
+    {"openvpn", ravo::OVPN_SERVER_TYPE}, {"tessel", ravo::TESSEL_SERVER_TYPE},
+    {"pptp", ravo::PPTP_CLIENT_TYPE},    {"l2tp", ravo::L2TP_CLIENT_TYPE},
+    {"openvpn", ravo::OVPN_CLIENT_TYPE}, {"tessel", ravo::TESSEL_CLIENT_TYPE}};
 constexpr named_number actions[] = {{"connected", 1}, {"disconnected", 2}, {"lost", 3}};
 
 std::span<const named_number> known_names(meaning is) {
