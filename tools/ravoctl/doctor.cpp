@@ -188,6 +188,11 @@ void check_log(findings& found) {
 // --- The limiter --------------------------------------------------------------------------------
 
 block_settings read_limiter(findings& found) {
+    if (!fs::exists(block_settings_path)) {
+        found.warn(fmt::format("nobody is blocked: there is no {}", block_settings_path),
+                   "ravoctl limiter set on limit=3 time=5");
+        return {};
+    }
     try {
         const block_settings settings = to_block_settings(read_block_settings().get());
         found.ok("vpncaas tells the limiter's settings");
@@ -278,13 +283,16 @@ void check_openvpn(findings& found) {
     }
 }
 
-void check_spool(findings& found) {
-    constexpr char folder[] = "/var/spool/ravo-openvpn";
-    std::error_code none;
-    const auto waiting = std::distance(fs::directory_iterator(folder, none), {});
-    if (none || waiting == 0) return;
-    found.warn(fmt::format("events that wait for ravod in {}: {}", folder, waiting),
-               "ravo-openvpn replay");
+// Beside the events that wait lie the sessions that are open, which is no fault.
+void check_spools(findings& found) {
+    for (const char* hook : {"ravo-openvpn", "ravo-ppp"}) {
+        const std::string folder = fmt::format("/var/spool/{}/waiting", hook);
+        std::error_code none;
+        const auto waiting = std::distance(fs::directory_iterator(folder, none), {});
+        if (none || waiting == 0) continue;
+        found.warn(fmt::format("events that wait for ravod in {}: {}", folder, waiting),
+                   fmt::format("{} replay", hook));
+    }
 }
 
 // --- The clock ----------------------------------------------------------------------------------
@@ -334,7 +342,7 @@ findings examine() {
     check_limiter(found);
     check_notifier(found);
     check_openvpn(found);
-    check_spool(found);
+    check_spools(found);
     check_clock(found);
     if (!is_up) return found;
     for (const record_kind& kind : record_kinds()) check_table(found, kind);
