@@ -2,6 +2,7 @@
 import fnmatch
 import glob
 import os
+import pathlib
 import re
 import shutil
 import unittest
@@ -103,6 +104,15 @@ class install(RavodTest):
         self.assertIn("examples/record_and_list.c", documents)
         self.assertIn("examples/data/openvpn-sessions.jsonl", documents)
         self.assertFalse([path for path in documents if "__pycache__" in path])
+
+    def test_documents_lead_to_each_other(self):
+        folder = pathlib.Path(f"{PREFIX}/share/doc/ravod")
+        pages = list(folder.rglob("*.md"))
+        self.assertIn(folder / "docs/limiter.md", pages)
+        for page in pages:
+            for link in re.findall(r"\]\(([^)\s#]+)", page.read_text()):
+                if not re.match(r"\w+:", link):
+                    self.assertTrue((page.parent / link).exists(), f"{page}: {link}")
 
     def test_every_file_belongs_to_one_debian_package(self):
         packages = packaged()

@@ -61,7 +61,8 @@ void declare_filter_options(cli_command app, selection_request& request, const o
         app.add_option("--source", request.source, help(by.source)).type_name("ADDRESS");
     }
     if (by.type != nullptr) {
-        app.add_option("--type", request.type, "Only this type: pptp, l2tp, openvpn or a number")
+        app.add_option("--type", request.type,
+                       "Only this type: pptp, l2tp, openvpn, tessel or a number")
             .type_name("TYPE");
     }
     app.add_option("-S,--since", request.since,
