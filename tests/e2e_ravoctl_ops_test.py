@@ -432,6 +432,18 @@ class ravoctl_ops(RavodTest):
         watch.send_signal(signal.SIGINT)
         self.assertEqual(watch.wait(TIMEOUT_SECONDS), 0)
 
+    def test_watch_ends_when_its_lines_cannot_be_written(self):
+        self.start_ravod()
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            watch = subprocess.Popen([os.environ["RAVOCTL"], "watch", "--interval", "0.1"], stdout=full,
+                                     stderr=subprocess.PIPE)
+        self.addCleanup(watch.kill)
+        self.read_until(watch.stderr.fileno(), b"watching")
+        self.add_sessions("alice")
+        _, complaint = watch.communicate(timeout=TIMEOUT_SECONDS)
+        self.assertEqual((watch.returncode, complaint), (7, b"ravoctl: the output could not be written\n"))
+        self.fails(self.ravoctl("watch", "--interval", "nan"), 2, "--interval")
+
     def test_watch_draws_a_terminal_anew(self):
         self.start_ravod()
         master, slave = pty.openpty()
