@@ -111,6 +111,7 @@ class ravoctl_ops(RavodTest):
             (lambda: os.chmod("/var/log/network", 0o777), "failed", "/var/log/network can be written", "go-w"),
             (lambda: os.remove(NOTIFIER), "failed", "notify cannot be run", "ln -s"),
             (lambda: put("/etc/openvpn/client.conf", "client\n"), None, "client.conf", None),
+            (lambda: os.mkfifo("/etc/openvpn/pipe.conf"), None, "pipe.conf", None),
             (lambda: put("/etc/openvpn/server/a.conf", " server 10.8.0.0 255.255.255.0\n"), "warning",
              "sessions of /etc/openvpn/server/a.conf are not recorded", "echo 'config "),
             (lambda: put("/etc/openvpn/server/b.conf", "server\nconfig /nix/ravod.conf\n"), "failed",
