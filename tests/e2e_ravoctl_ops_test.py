@@ -111,6 +111,7 @@ class ravoctl_ops(RavodTest):
             (lambda: os.chmod("/var/log/network", 0o777), "failed", "/var/log/network can be written", "go-w"),
             (lambda: os.remove(NOTIFIER), "failed", "notify cannot be run", "ln -s"),
             (lambda: put("/etc/openvpn/client.conf", "client\n"), None, "client.conf", None),
+            (lambda: os.mkfifo("/etc/openvpn/pipe.conf"), None, "pipe.conf", None),
             (lambda: put("/etc/openvpn/server/a.conf", " server 10.8.0.0 255.255.255.0\n"), "warning",
              "sessions of /etc/openvpn/server/a.conf are not recorded", "echo 'config "),
             (lambda: put("/etc/openvpn/server/b.conf", "server\nconfig /nix/ravod.conf\n"), "failed",
@@ -436,6 +437,18 @@ class ravoctl_ops(RavodTest):
         self.read_until(watch.stdout.fileno(), b" ravod answers again\n")
         watch.send_signal(signal.SIGINT)
         self.assertEqual(watch.wait(TIMEOUT_SECONDS), 0)
+
+    def test_watch_ends_when_its_lines_cannot_be_written(self):
+        self.start_ravod()
+        with open("/dev/full", "w", encoding="utf-8") as full:
+            watch = subprocess.Popen([os.environ["RAVOCTL"], "watch", "--interval", "0.1"], stdout=full,
+                                     stderr=subprocess.PIPE)
+        self.addCleanup(watch.kill)
+        self.read_until(watch.stderr.fileno(), b"watching")
+        self.add_sessions("alice")
+        _, complaint = watch.communicate(timeout=TIMEOUT_SECONDS)
+        self.assertEqual((watch.returncode, complaint), (7, b"ravoctl: the output could not be written\n"))
+        self.fails(self.ravoctl("watch", "--interval", "nan"), 2, "--interval")
 
     def test_watch_draws_a_terminal_anew(self):
         self.start_ravod()

@@ -2,6 +2,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <optional>
 #include <utility>
 
@@ -21,9 +22,16 @@ cli_option cli_option::expected(int least, int most) const {
 cli_option cli_option::one_value_each() const {
     return cli_option(option_->allow_extra_args(false));
 }
+// What is no number at all, nan, lies between any two for CLI::Range.
 template <class Number>
 cli_option cli_option::between(Number least, Number most) const {
-    return cli_option(option_->check(CLI::Range(least, most)));
+    const auto is_no_number = [](const std::string& text) {
+        Number number = {};
+        const bool is_read = CLI::detail::lexical_cast(text, number);
+        return is_read && std::isnan(static_cast<double>(number)) ? text + " is no number"
+                                                                  : std::string();
+    };
+    return cli_option(option_->check(CLI::Range(least, most))->check(is_no_number));
 }
 template cli_option cli_option::between(int, int) const;
 template cli_option cli_option::between(int64_t, int64_t) const;

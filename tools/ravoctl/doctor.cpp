@@ -276,7 +276,9 @@ void check_openvpn(findings& found) {
         std::error_code none;
         std::vector<fs::path> files;
         for (const auto& entry : fs::directory_iterator(folder, none)) {
-            if (entry.path().extension() == ".conf") files.push_back(entry.path());
+            if (entry.path().extension() == ".conf" && entry.is_regular_file(none)) {
+                files.push_back(entry.path());
+            }
         }
         std::ranges::sort(files);
         for (const fs::path& file : files) check_server(found, file);

@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <deque>
@@ -185,7 +186,9 @@ exit_status watch(double interval) {
     watched_screen screen;
     if (!screen.is_terminal) fmt::print(stderr, "ravoctl: watching; ctrl-c ends\n");
     screen.show({}, daemon.blocked_users());
-    while (!signals.wait(interval)) screen.show(daemon.look(), daemon.blocked_users());
+    while (ferror(stdout) == 0 && !signals.wait(interval)) {
+        screen.show(daemon.look(), daemon.blocked_users());
+    }
     return done;
 }
 
