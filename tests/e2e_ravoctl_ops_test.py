@@ -323,6 +323,7 @@ class ravoctl_ops(RavodTest):
                 file.writelines(spoiled)
             self.fails(self.ravoctl("import", "/tmp/spoiled"), 7, "/tmp/spoiled", *words)
         self.fails(self.ravoctl("import", "/nix"), 7, "/nix", "No such file")
+        self.fails(self.ravoctl("import", "/dev/stdin", input=b"{}"), 7, "/dev/stdin", "read twice")
         self.assertEqual(self.total("sessions"), 2)
         self.fails(self.ravoctl("export", "--output", "/nix/file"), 7, "/nix/file")
 

@@ -704,6 +704,14 @@ class ravoctl(RavodTest):
         self.assertEqual([row["username"] for row in self.json("sessions", "top", "--sort", "connected", "-r")["rows"]],
                          ["carol", "bob", "alice"])
 
+    def test_top_adds_numbers_that_are_as_large_as_can_be(self):
+        self.start_ravod()
+        for _ in range(2):
+            self.succeed(self.ravoctl("sessions", "add", "username=dave", "time=100", "action=2",
+                                      f"rx_total={2**63 - 1}", "tx_total=1"))
+        [row] = self.json("sessions", "top")["rows"]
+        self.assertEqual((row["received"], row["sent"], row["total"]), (2**63 - 1, 2, 2**63 - 1))
+
     def follow(self, *words):
         follower = subprocess.Popen([os.environ["RAVOCTL"], *words, "-f", "-n", "1", "-u", "bob", "-o", "jsonl"],
                                     stdout=subprocess.PIPE, text=True)

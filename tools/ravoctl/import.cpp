@@ -8,10 +8,12 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "bus.h"
 #include "export_lines.h"
@@ -111,7 +113,17 @@ exit_status report(const row_counts& wanted, const row_counts& before) {
     return status;
 }
 
+// What cannot be read twice would be found empty the second time, when rows are to be recorded.
+void check_readable_twice(const std::string& path) {
+    std::error_code none;
+    if (!std::filesystem::exists(path, none) || std::filesystem::is_regular_file(path, none))
+        return;
+    throw failure(failed_here, fmt::format("{}: an export is read twice, so it has to be a file",
+                                           escaped(path)));
+}
+
 exit_status import_rows(const import_request& request) {
+    check_readable_twice(request.file);
     const row_counts wanted = for_each_exported(request.file, [](const auto&) {});
     const row_counts before = totals_of(wanted);
     if (!request.force) check_room(wanted, before);

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <limits>
 #include <map>
 #include <memory>
 
@@ -39,6 +40,12 @@ struct top_request {
     output_options output;
 };
 
+// Two counts as large as they can be stay as large as that.
+int64_t sum_of(int64_t one, int64_t other) {
+    int64_t sum = 0;
+    return __builtin_add_overflow(one, other, &sum) ? std::numeric_limits<int64_t>::max() : sum;
+}
+
 struct user_sum {
     int64_t sessions = 0;
     int64_t open = 0;
@@ -47,7 +54,7 @@ struct user_sum {
     int64_t sent = 0;
     std::vector<double> when = std::vector<double>(slots, 0);  // seconds in each slot
 
-    int64_t total() const { return received + sent; }
+    int64_t total() const { return sum_of(received, sent); }
 };
 
 void add(user_sum& sum, const session& s, int64_t since, int64_t until) {
@@ -57,8 +64,8 @@ void add(user_sum& sum, const session& s, int64_t since, int64_t until) {
     sum.sessions += 1;
     sum.open += is_open ? 1 : 0;
     sum.connected += std::max<int64_t>(end - begin, 0);
-    sum.received += std::max<int64_t>(s.received, 0);
-    sum.sent += std::max<int64_t>(s.sent, 0);
+    sum.received = sum_of(sum.received, std::max<int64_t>(s.received, 0));
+    sum.sent = sum_of(sum.sent, std::max<int64_t>(s.sent, 0));
     add_to_slots(sum.when, begin - since, end - since, until - since);
 }
 
