@@ -2,28 +2,10 @@
 #include "notify_settings.h"
 
 #include <algorithm>
-#include <charconv>
-#include <fstream>
-#include <iterator>
-#include <sstream>
+
+#include "settings_lines.h"
 
 namespace {
-
-using words = std::vector<std::string>;
-
-words words_of(const std::string& line) {
-    std::istringstream in(line);
-    return {std::istream_iterator<std::string>(in), {}};
-}
-
-bool set_number(unsigned& number, const std::string& text, unsigned most) {
-    unsigned value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size()) return false;
-    if (value < 1 || value > most) return false;
-    number = value;
-    return true;
-}
 
 bool set_path(std::string& path, const std::string& text) {
     if (!text.starts_with('/')) return false;
@@ -69,8 +51,8 @@ bool set(notify_settings& settings, const words& line) {
     if (name == "apprise") return set_path(settings.apprise, value);
     if (name == "directory") return set_path(settings.directory, value);
     if (name == "level") return set_level(settings.least_level, value);
-    if (name == "retry-seconds") return set_number(settings.retry_seconds, value, 3600);
-    if (name == "give-up-hours") return set_number(settings.give_up_hours, value, 10000);
+    if (name == "retry-seconds") return set_number(settings.retry_seconds, value, 1, 3600);
+    if (name == "give-up-hours") return set_number(settings.give_up_hours, value, 1, 10000);
     return false;
 }
 
@@ -78,18 +60,13 @@ bool set(notify_settings& settings, const words& line) {
 
 notify_settings parse_notify_settings(std::string_view text) {
     notify_settings settings;
-    std::istringstream in{std::string(text)};
-    for (std::string line; std::getline(in, line);) {
-        const words parts = words_of(line);
-        if (parts.empty() || parts[0].starts_with('#')) continue;
-        if (!set(settings, parts)) settings.unknown_lines.push_back(line);
-    }
+    settings.unknown_lines =
+        read_settings_lines(text, [&](const words& line) { return set(settings, line); });
     return settings;
 }
 
 notify_settings read_notify_settings() {
-    std::ifstream in(notify_settings_path);
-    return parse_notify_settings(std::string{std::istreambuf_iterator<char>(in), {}});
+    return parse_notify_settings(read_settings_file(notify_settings_path));
 }
 
 bool are_delivered(const notify_settings& settings, std::string_view level) {
