@@ -2,13 +2,12 @@
 
 Calls are those of examples/data. What a hook leaves behind it becomes a child of the test, which
 waits for its end."""
-import ctypes
 import json
 import os
-import socket
 import subprocess
 import unittest
 
+from support.hooks import adopt_orphans, children, system_log
 from support.ravod import TIMEOUT_SECONDS, RavodTest
 
 HELPER = os.environ["RAVO_OPENVPN"]
@@ -19,7 +18,6 @@ OPEN = "/var/spool/ravo-openvpn/open"
 CONTROL = "/tmp/control"
 REASON = "/tmp/reason"
 SEEN = "/tmp/seen"
-PR_SET_CHILD_SUBREAPER = 36
 DEFERRED = 2
 
 VERIFIER = """#!/bin/sh
@@ -43,11 +41,6 @@ def calls(*hooks):
         return [call for call in map(json.loads, file) if call["hook"] in hooks]
 
 
-def children():
-    with open("/proc/thread-self/children", encoding="utf-8") as file:
-        return {int(pid) for pid in file.read().split()}
-
-
 def text_of(path):
     try:
         with open(path, encoding="utf-8", errors="surrogateescape") as file:
@@ -59,11 +52,8 @@ def text_of(path):
 class openvpn_hooks(RavodTest):
     def setUp(self):
         super().setUp()
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-        self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.log.bind("/dev/log")
-        self.log.setblocking(False)
-        self.addCleanup(self.log.close)
+        adopt_orphans()
+        self.log = system_log(self)
 
     def logged(self):
         lines = []

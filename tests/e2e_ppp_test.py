@@ -1,38 +1,28 @@
 """The scripts for pppd, called as pppd(8) says that it calls them: six words, and an environment of its
 own variables alone. What a script leaves behind becomes a child of the test, which waits for its end."""
-import ctypes
 import json
 import os
-import socket
 import subprocess
 import unittest
 
+from support.hooks import adopt_orphans, children, system_log
 from support.ravod import RavodTest
 
 SCRIPTS = os.environ["SCRIPTS"]
 HELPER = os.environ["RAVO_PPP"]
 WAITING = "/var/spool/ravo-ppp/waiting"
 OPEN = "/var/spool/ravo-ppp/open"
-PR_SET_CHILD_SUBREAPER = 36
 
 UP = {"DEVICE": "/dev/pts/3", "IFNAME": "ppp0", "IPLOCAL": "10.0.0.1", "IPREMOTE": "10.0.0.10", "PEERNAME": "alice",
       "SPEED": "115200", "ORIG_UID": "0", "PPPLOGNAME": "root", "RAVO_VPN": "pptp"}
 DOWN = UP | {"CONNECT_TIME": "95", "BYTES_SENT": "114000", "BYTES_RCVD": "76000"}
 
 
-def children():
-    with open("/proc/thread-self/children", encoding="utf-8") as file:
-        return {int(pid) for pid in file.read().split()}
-
-
 class ppp(RavodTest):
     def setUp(self):
         super().setUp()
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
-        self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self.log.bind("/dev/log")
-        self.log.setblocking(False)
-        self.addCleanup(self.log.close)
+        adopt_orphans()
+        self.log = system_log(self)
         # In the place of a pppd: a process that runs until it is told to end.
         self.pppd = subprocess.Popen(["/bin/cat"], stdin=subprocess.PIPE)
         self.addCleanup(self.end_pppd)
